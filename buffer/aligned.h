@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+namespace weir {
+
+// Memory from malloc, aligned to 16 bytes. Null when there is none to be had.
+// The address that malloc gave stands in the 8 bytes below the one returned.
+[[nodiscard]] void* aligned_allocate(std::size_t bytes);
+
+// Takes back what aligned_allocate gave; null is ignored.
+void aligned_release(void* memory);
+
+struct AlignedRelease {
+  void operator()(void* memory) const { aligned_release(memory); }
+};
+using AlignedBytes = std::unique_ptr<unsigned char, AlignedRelease>;
+
+// Owned bytes, or an empty pointer when there are none to be had.
+[[nodiscard]] inline AlignedBytes aligned_bytes(std::size_t bytes) {
+  return AlignedBytes(static_cast<unsigned char*>(aligned_allocate(bytes)));
+}
+
+}  // namespace weir

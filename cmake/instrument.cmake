@@ -1,0 +1,36 @@
+# How everything is compiled: warnings, hardening and instrumentation.
+add_library(weir_build INTERFACE)
+
+option(WEIR_TESTS "Build the tests" ON)
+option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
+option(WEIR_WERROR "Warnings are errors" OFF)
+option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)
+set(WEIR_SANITIZE "" CACHE STRING "Comma-separated sanitizers, none recovered from")
+option(WEIR_COVERAGE "Instrument for gcov" OFF)
+
+target_compile_options(weir_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(weir_build INTERFACE -Wthread-safety)
+endif()
+if(WEIR_WERROR)
+  target_compile_options(weir_build INTERFACE -Werror)
+endif()
+
+if(WEIR_HARDENED)
+  target_compile_options(weir_build INTERFACE
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection
+    -fPIE -ffunction-sections -fdata-sections)
+  target_link_options(weir_build INTERFACE
+    -pie -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
+endif()
+
+if(WEIR_SANITIZE)
+  target_compile_options(weir_build INTERFACE
+    -fsanitize=${WEIR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(weir_build INTERFACE -fsanitize=${WEIR_SANITIZE})
+endif()
+
+if(WEIR_COVERAGE)
+  target_compile_options(weir_build INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(weir_build INTERFACE --coverage)
+endif()

@@ -1,0 +1,21 @@
+# room(NAME [USED...]): a static library of the folder NAME.
+#
+# The folder is staged behind a link, so that `#include "buffer/cbuff.h"`
+# resolves only for those who declared `buffer`. Linking is transitive,
+# seeing headers is not.
+function(room name)
+  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/*.cpp
+                                      ${PROJECT_SOURCE_DIR}/${name}/*.h)
+  add_library(${name} STATIC ${sources})
+  set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
+  set(stage ${PROJECT_BINARY_DIR}/include/${name})
+  file(MAKE_DIRECTORY ${stage})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${name} ${stage}/${name} SYMBOLIC)
+  target_include_directories(${name} PUBLIC ${stage})
+  uses(${name} ${ARGN})
+endfunction()
+
+# uses(TARGET USED...): what TARGET may include and link.
+function(uses target)
+  target_link_libraries(${target} PRIVATE ${ARGN} Threads::Threads weir_build)
+endfunction()

@@ -1,0 +1,42 @@
+# Sourced by the scripts in this folder: they all run from the top of the tree.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+die() {
+  echo "$*" >&2
+  exit 1
+}
+
+# need PACKAGE...: installs with apt the Debian packages that are missing.
+# As root, or where sudo needs no password; otherwise it says what to install.
+need() {
+  local missing=() package as_root=()
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    sudo -n true 2>/dev/null || die "Please install first: sudo apt-get install ${missing[*]}"
+    as_root=(sudo)
+  fi
+  echo "installing ${missing[*]} ..."
+  # A policy that denies starting keeps a package such as nginx from opening its ports.
+  "${as_root[@]}" sh -c '
+    set -e
+    export DEBIAN_FRONTEND=noninteractive RUNLEVEL=1
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "$@" >/dev/null' sh "${missing[@]}"
+}
+
+# configure_and_build PRESET [TARGET...]
+configure_and_build() {
+  local preset=$1 targets=()
+  shift
+  [ $# -eq 0 ] || targets=(--target "$@")
+  cmake --preset "$preset" >"build-$preset.log" 2>&1 || {
+    cat "build-$preset.log"
+    die "configuring $preset failed"
+  }
+  rm -f "build-$preset.log"
+  cmake --build --preset "$preset" "${targets[@]}"
+}

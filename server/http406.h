@@ -1,0 +1,20 @@
+#pragma once
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace weir {
+
+// A request that is not acceptable; the text becomes the reason phrase of the
+// answer. Thrown as a pointer: the Request that throws it owns it.
+class Http406 : public std::exception {
+ public:
+  explicit Http406(std::string text) : message(std::move(text)) {}
+  const char* what() const noexcept override { return message.c_str(); }
+
+ private:
+  std::string message;
+};
+
+}  // namespace weir

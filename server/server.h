@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+
+#include "watchdog/device.h"
+
+namespace weir {
+
+class Watchdog;
+struct StreamStats;
+
+// Listens, accepts one connection a turn and gives it a thread of its own; once
+// a second or more often it gives the watchdog a chance to act.
+//
+// Threads:   run() is the one loop. There is no limit on request threads.
+// Ownership: the listening socket. The watchdog, the cache maps and the statistics
+//            are created once and never destroyed, since detached threads use
+//            them as long as the process lives.
+// Failure:   a plain text (const char*) is thrown: the socket can't be opened,
+//            or a connection can't be accepted.
+class Server {
+ public:
+  // `address` and `port` in host order, 0 being all interfaces. Opens nothing.
+  Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog,
+         std::int64_t maxBufferSize, Device device);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Returns by throwing only.
+  [[noreturn]] void run();
+
+ private:
+  void createListeningSocket();
+  [[nodiscard]] bool wait_for_connection() const;
+  [[nodiscard]] int accept_connection() const;
+  void handleConnection(int fd, StreamStats* stats, Watchdog* watchdog) const;
+
+  const std::uint32_t address;
+  const std::uint32_t port;
+  const std::int32_t backlog;
+  const std::int64_t maxBufferSize;  // bytes, of each stream's buffer
+  const Device device;
+  int listenFd = -1;
+};
+
+}  // namespace weir

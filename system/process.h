@@ -1,0 +1,13 @@
+#pragma once
+
+namespace weir {
+
+// A write to a peer that has gone fails with an error instead of ending the process.
+void ignore_sigpipe();
+
+// Puts the process in order before it opens anything of its own: standard
+// descriptors that are closed become /dev/null, so that no socket is ever taken
+// for the log; SIGPIPE is ignored; the descriptor limit is raised as far as allowed.
+void prepare_process();
+
+}  // namespace weir
