@@ -30,6 +30,11 @@ if(WEIR_SANITIZE)
   target_link_options(weir_build INTERFACE -fsanitize=${WEIR_SANITIZE})
 endif()
 
+# Drivers bring a main of libFuzzer's; all they use is watched for new branches.
+if(WEIR_FUZZ)
+  target_compile_options(weir_build INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 if(WEIR_COVERAGE)
   target_compile_options(weir_build INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(weir_build INTERFACE --coverage)

@@ -65,6 +65,8 @@ class UCurl {
   std::uint64_t position = 0;
 
  private:
+  friend class UCurlPeer;  // tests of single steps
+
   enum class Status { kOk, kNoStatusLine, kNotSuccessful };  // 2xx; none; any other
 
   // url.cpp

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# That the table of rooms is enforced: with the compiler's own command line for
+# a source of the room `buffer`, a header that the room has declared is found,
+# and one that it has not declared is not. Takes the build folder.
+set -euo pipefail
+
+cd "$1"  # where nothing lies that a relative include could find
+flags=$(sed -n 's/.*"command": "[^ ]* \(.*\) -o .*buffer\/cbuff.cpp.*/\1/p' compile_commands.json)
+[ -n "$flags" ] || { echo "no command line for buffer/cbuff.cpp"; exit 1; }
+
+finds() {
+  # shellcheck disable=SC2086
+  echo "#include \"$1\"" | c++ $flags -fsyntax-only -x c++ - 2>/dev/null
+}
+
+for header in buffer/cbuff.h log/log.h; do
+  finds "$header" || { echo "buffer does not see $header"; exit 1; }
+done
+for header in upstream/ucurl.h server/server.h stats/stream_stats.h text/text.h; do
+  if finds "$header"; then
+    echo "buffer sees $header"
+    exit 1
+  fi
+done

@@ -1,0 +1,372 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "buffer/aligned.h"
+#include "buffer/cbuff.h"
+#include "support/captured_log.h"
+
+// Like malloc, the sanitizers' allocators are to answer null, and not to keep
+// blocks of many megabytes that were freed.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1:quarantine_size_mb=16";
+}
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace weir::test {
+namespace {
+
+std::string peeked(CBuff& buffer) {
+  unsigned char* from = nullptr;
+  const std::uint64_t size = buffer.peek(&from);
+  return {reinterpret_cast<const char*>(from), size};
+}
+
+// Peeks and consumes.
+std::string taken(CBuff& buffer) {
+  const std::string bytes = peeked(buffer);
+  buffer.consume(bytes.size());
+  return bytes;
+}
+
+std::string all_read(CBuff& buffer) {
+  std::string bytes(buffer.fill() + 1, '?');
+  bytes.resize(buffer.read(bytes.data(), bytes.size()));
+  return bytes;
+}
+
+using Reserve = std::uint64_t (CBuff::*)(unsigned char**);
+constexpr Reserve kReserve = &CBuff::reserve;
+constexpr Reserve kSeal = &CBuff::sealAndReserve;
+
+// Reserves and commits; returns the room that there was.
+std::uint64_t put(CBuff& buffer, Reserve reserve, const std::string& bytes) {
+  unsigned char* out = nullptr;
+  const std::uint64_t room = (buffer.*reserve)(&out);
+  if (room >= bytes.size()) std::copy(bytes.begin(), bytes.end(), out);
+  buffer.commit(bytes.size());
+  return room;
+}
+
+// A piece of a stream in which nothing repeats with the size of a block.
+std::string stream(std::uint64_t position, std::uint64_t size) {
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(position++ * 0x9E3779B97F4A7C15 >> 56);
+  return bytes;
+}
+
+// Writes in pieces and reads it back in others. The buffer starts empty at `position`.
+void pass(CBuff& buffer, std::uint64_t block, std::uint64_t position, const std::string& bytes,
+          std::uint64_t piece, std::uint64_t capacity) {
+  for (std::uint64_t i = 0; i < bytes.size(); i += piece) {
+    const std::string part = bytes.substr(i, piece);
+    ASSERT_EQ(buffer.write(part.data(), part.size()), part.size());
+    ASSERT_EQ(buffer.fill(), i + part.size());
+  }
+  for (std::uint64_t i = 0; i < bytes.size(); i += capacity) {
+    ASSERT_EQ(peeked(buffer), bytes.substr(i, block - (position + i) % block));
+    std::string part(capacity, '?');
+    part.resize(buffer.read(part.data(), capacity));
+    ASSERT_EQ(part, bytes.substr(i, capacity));
+    ASSERT_EQ(buffer.fill(), bytes.size() - i - part.size());
+  }
+}
+
+TEST(CBuff, WritesAndReadsOfAnySizeMeetEveryBorder) {
+  for (const std::uint64_t block : {1U, 2U, 5U, 8U}) {
+    for (std::uint64_t pieces = 0; pieces < 4 * block * block; ++pieces) {
+      CBuff buffer(block);
+      std::uint64_t position = 0;
+      // Up to a border, to just before one, to just behind one.
+      for (const std::uint64_t size : {2 * block, 3 * block - 1, block + 2}) {
+        pass(buffer, block, position, stream(position, size), 1 + pieces / (2 * block),
+             1 + pieces % (2 * block));
+        position += size;
+      }
+      ASSERT_FALSE(HasFailure()) << block << " " << pieces;
+    }
+  }
+}
+
+TEST(CBuff, CommitsTakePartOfTheRoomOrFillTheBlock) {
+  CBuff buffer(8);
+  EXPECT_EQ(put(buffer, kReserve, "abc"), 8U);
+  EXPECT_EQ(put(buffer, kReserve, ""), 5U);
+  EXPECT_EQ(put(buffer, kReserve, "de"), 5U);
+  EXPECT_EQ(taken(buffer), "abcde");
+  EXPECT_EQ(buffer.write("fg", 2), 2U);
+  EXPECT_EQ(put(buffer, kReserve, "h"), 1U);
+  EXPECT_EQ(put(buffer, kReserve, "ABCDEFGH"), 8U);
+  EXPECT_EQ(put(buffer, kReserve, "i"), 8U);
+  EXPECT_EQ(taken(buffer), "fgh");
+  EXPECT_EQ(all_read(buffer), "ABCDEFGHi");
+  EXPECT_EQ(put(buffer, kReserve, ""), 7U);
+}
+
+TEST(CBuff, AfterItsOnlyBlockIsGoneEveryOperationStartsAfresh) {
+  using Operation = void (*)(CBuff&);
+  const Operation operations[] = {
+      [](CBuff& buffer) { EXPECT_EQ(buffer.write("", 0), 0U); },
+      [](CBuff& buffer) { EXPECT_EQ(put(buffer, kReserve, ""), 8U); },
+      [](CBuff& buffer) { EXPECT_EQ(put(buffer, kSeal, ""), 8U); },
+      [](CBuff& buffer) { EXPECT_EQ(peeked(buffer), ""); },
+      [](CBuff& buffer) { EXPECT_EQ(all_read(buffer), ""); },
+      [](CBuff& buffer) { buffer.clear(); },
+  };
+  for (const Operation operation : operations) {
+    CBuff buffer(8);
+    operation(buffer);
+    EXPECT_EQ(buffer.write("12345678", 8), 8U);
+    EXPECT_EQ(taken(buffer), "12345678");
+    EXPECT_EQ(buffer.fill(), 0U);
+    operation(buffer);
+    EXPECT_EQ(buffer.write("123456789", 9), 9U);
+    EXPECT_EQ(taken(buffer), "12345678");
+    EXPECT_EQ(taken(buffer), "9");
+  }
+}
+
+TEST(CBuff, ASealedBlockEndsWhereItsBytesEnd) {
+  CBuff buffer(8);
+  EXPECT_EQ(put(buffer, kReserve, "abc"), 8U);
+  EXPECT_EQ(put(buffer, kSeal, "defgh"), 8U);
+  EXPECT_EQ(put(buffer, kReserve, "ijk"), 3U);
+  EXPECT_EQ(put(buffer, kSeal, "lm"), 8U);
+  EXPECT_EQ(peeked(buffer), "abc");
+  buffer.consume(2);
+  EXPECT_EQ(taken(buffer), "c");
+  EXPECT_EQ(taken(buffer), "defghijk");
+  EXPECT_EQ(put(buffer, kSeal, "n"), 8U);
+  EXPECT_EQ(buffer.write("opqrstuvw", 9), 9U);
+  EXPECT_EQ(all_read(buffer), "lmnopqrstuvw");
+}
+
+// Nothing is ever consumed from it again.
+TEST(CBuff, ABlockSealedWhenItWasDrainedIsFreedByTheNextPeek) {
+  for (const std::string before : {"", "a", "abcdefg"}) {
+    for (const auto take : {taken, all_read}) {
+      CBuff buffer(8);
+      EXPECT_EQ(put(buffer, kReserve, before), 8U);
+      EXPECT_EQ(take(buffer), before);
+      EXPECT_EQ(put(buffer, kSeal, "next"), 8U);
+      EXPECT_EQ(take(buffer), "next");
+    }
+  }
+}
+
+TEST(CBuff, ClearLeavesNothingBehind) {
+  for (const std::uint64_t consumed : {0U, 3U, 8U}) {
+    CBuff buffer(8);
+    EXPECT_EQ(buffer.write("0123456789abcdefghi", 19), 19U);
+    EXPECT_EQ(peeked(buffer), "01234567");
+    buffer.consume(consumed);
+    buffer.clear();
+    EXPECT_EQ(buffer.fill(), 0U);
+    EXPECT_EQ(peeked(buffer), "");
+    EXPECT_EQ(put(buffer, kReserve, "x"), 8U);
+    EXPECT_EQ(all_read(buffer), "x");
+  }
+}
+
+TEST(CBuff, AnEmptyPeekWaitsAndReturnsWhatCameMeanwhile) {
+  using std::chrono::milliseconds;
+  bool came_meanwhile = false;
+  // More than once, since either thread may get its processor too late.
+  for (int i = 0; i < 50 && !came_meanwhile; ++i) {
+    CBuff buffer(8);
+    std::atomic<bool> peeking{false};
+    std::thread producer([&] {
+      while (!peeking.load(std::memory_order_relaxed)) std::this_thread::yield();
+      std::this_thread::sleep_for(milliseconds(10));
+      buffer.write("late", 4);
+    });
+    unsigned char* from = nullptr;
+    const auto start = std::chrono::steady_clock::now();
+    peeking.store(true, std::memory_order_relaxed);
+    const std::uint64_t size = buffer.peek(&from);
+    const bool waited = std::chrono::steady_clock::now() - start >= milliseconds(100);
+    producer.join();
+    EXPECT_TRUE(size == 4 || waited);
+    EXPECT_EQ(from == nullptr, size == 0) << "touched though there is nothing";
+    EXPECT_EQ(taken(buffer), "late");
+    came_meanwhile = size == 4 && waited;
+  }
+  EXPECT_TRUE(came_meanwhile);
+}
+
+TEST(Aligned, MemoryIsAlignedAndWholeAndKnowsWhereItCameFrom) {
+  for (std::size_t size = 0; size < 100; ++size) {
+    auto* const memory = static_cast<unsigned char*>(aligned_allocate(size));
+    std::fill_n(memory, size, 0xA5);
+    unsigned char* raw;
+    std::memcpy(&raw, memory - sizeof raw, sizeof raw);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % 16, 0U);
+    EXPECT_GE(memory, raw + 8);
+    EXPECT_LE(memory, raw + 23);
+    aligned_release(memory);
+  }
+  EXPECT_EQ(aligned_allocate(std::size_t{1} << 60), nullptr);
+  aligned_release(nullptr);
+}
+
+// Gives the process only so much more address space while it lives.
+class MemoryLimit {
+ public:
+  explicit MemoryLimit(std::uint64_t more) {
+    std::uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    (void)getrlimit(RLIMIT_AS, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) + more;
+    (void)setrlimit(RLIMIT_AS, &limit);
+  }
+  ~MemoryLimit() { (void)setrlimit(RLIMIT_AS, &before_); }
+  MemoryLimit(const MemoryLimit&) = delete;
+  MemoryLimit& operator=(const MemoryLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+// So large that each is mapped on its own. Hardly any of it is ever touched.
+constexpr std::uint64_t kLarge = std::uint64_t{64} << 20;
+
+TEST(CBuff, ARefusedBlockIsReportedAndWhatIsStoredSurvives) {
+  CBuff none(kLarge);
+  CBuff buffer(kLarge);
+  unsigned char* out = nullptr;
+  EXPECT_EQ(buffer.reserve(&out), kLarge);
+  buffer.commit(kLarge - 3);
+  std::uint64_t stored, room;
+  std::string err;
+  {
+    CapturedLog log;
+    const MemoryLimit limit(kLarge / 2);
+    stored = buffer.write("abcdef", 6);
+    room = buffer.reserve(&out) + buffer.sealAndReserve(&out);
+    stored += none.write("", 0) + none.write("abc", 3);
+    err = log.err();
+  }
+  EXPECT_EQ(count(err, "CBUFF: Unable to allocate mem for cblock data\n"), 5) << err;
+  EXPECT_EQ(stored, 3U);
+  EXPECT_EQ(room, 0U);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(none.fill(), 0U);
+  EXPECT_EQ(buffer.peek(&out), kLarge);
+  buffer.consume(kLarge - 3);
+  EXPECT_EQ(buffer.write("def", 3), 3U);
+  EXPECT_EQ(all_read(buffer), "abcdef");
+}
+
+TEST(CBuff, BlocksGoBackOneByOneHoweverTheyEnd) {
+  CBuff buffer(kLarge);
+  unsigned char* out = nullptr;
+  const auto drain = [&] {
+    for (int i = 0; i < 3 && buffer.fill() > 0; ++i) buffer.consume(buffer.peek(&out));
+  };
+  const MemoryLimit limit(kLarge * 7 / 2);  // room for three
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(buffer.reserve(&out), kLarge);  // filled
+    buffer.commit(kLarge);
+    drain();
+    ASSERT_EQ(buffer.reserve(&out), kLarge);  // sealed after it was drained
+    buffer.commit(10);
+    drain();
+    ASSERT_EQ(buffer.sealAndReserve(&out), kLarge);  // sealed before
+    buffer.commit(10);
+    ASSERT_EQ(buffer.sealAndReserve(&out), kLarge);
+    drain();
+  }
+}
+
+// A producer and a consumer close together that do at random what they may.
+class Stress {
+ public:
+  explicit Stress(std::uint64_t block) : block_(block), buffer_(block) {}
+
+  void run(std::uint64_t total) {
+    std::thread producer([this, total] { produce(total); });
+    consume();
+    gave_up_.store(true, std::memory_order_relaxed);
+    producer.join();
+    EXPECT_EQ(consumed_, produced_);
+  }
+
+ private:
+  void produce(std::uint64_t total) {
+    std::minstd_rand random(1);
+    while (produced_ < total && !gave_up_.load(std::memory_order_relaxed)) {
+      if (buffer_.fill() > 2 * block_) continue;
+      const auto kind = random() % 4;
+      unsigned char* out = nullptr;
+      std::uint64_t size = 2 * block_;
+      if (kind == 0) size = buffer_.sealAndReserve(&out);
+      if (kind == 1) size = buffer_.reserve(&out);
+      if (random() % 2 == 0) size = random() % (size + 1);
+      const std::string bytes = stream(produced_, size);
+      if (kind <= 1) {
+        std::copy(bytes.begin(), bytes.end(), out);
+        buffer_.commit(size);
+      } else {
+        buffer_.write(bytes.data(), size);
+      }
+      produced_ += size;
+    }
+    ended_.store(true, std::memory_order_release);
+  }
+
+  // Ends at the first fault.
+  void consume() {
+    std::minstd_rand random(2);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(100);
+    while (std::chrono::steady_clock::now() < end) {
+      // In this order: after the flag is seen the fill count is final.
+      const bool ended = ended_.load(std::memory_order_acquire);
+      const std::uint64_t fill = buffer_.fill();
+      if (fill == 0 && ended) return;
+      if (fill == 0) continue;  // a peek would sleep
+      ASSERT_LE(fill, 4 * block_) << "it went below 0";
+      std::string bytes(1 + random() % (3 * block_), '\0');
+      if (random() % 4 == 0) {
+        bytes.resize(buffer_.read(bytes.data(), bytes.size()));
+      } else {
+        unsigned char* from = nullptr;
+        bytes.resize(std::min(bytes.size(), buffer_.peek(&from)));
+        std::copy_n(from, bytes.size(), bytes.begin());
+        buffer_.consume(bytes.size());
+      }
+      ASSERT_EQ(bytes, stream(consumed_, bytes.size())) << "from " << consumed_;
+      consumed_ += bytes.size();
+    }
+    FAIL() << "the last bytes never came";
+  }
+
+  const std::uint64_t block_;
+  CBuff buffer_;
+  std::atomic<bool> ended_{false};
+  std::atomic<bool> gave_up_{false};
+  std::uint64_t produced_ = 0;
+  std::uint64_t consumed_ = 0;
+};
+
+TEST(CBuff, NoByteIsLostBetweenAProducerAndAConsumer) {
+  for (const std::uint64_t block : {1U, 3U, 16U, 300U}) {
+    SCOPED_TRACE(block);
+    Stress(block).run(200000 * std::min<std::uint64_t>(block, 16));
+  }
+}
+
+}  // namespace
+}  // namespace weir::test

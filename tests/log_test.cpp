@@ -1,0 +1,118 @@
+#include "log/log.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace weir::test {
+namespace {
+
+using std::string_literals::operator""s;
+
+// What is logged by `act`, with both streams in one pipe as under "2>&1 | logger".
+template <class Act>
+std::string piped(Act act) {
+  int ends[2];
+  EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  std::string text;
+  std::thread reader([&text, end = ends[0]] {
+    char piece[4096];
+    ssize_t count;
+    while ((count = read(end, piece, sizeof piece)) > 0) text.append(piece, piece + count);
+    close(end);
+  });
+  const int streams[] = {dup(STDOUT_FILENO), dup(STDERR_FILENO)};
+  (void)dup2(ends[1], STDOUT_FILENO);
+  (void)dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  act();
+  (void)dup2(streams[0], STDOUT_FILENO);
+  (void)dup2(streams[1], STDERR_FILENO);
+  for (const int stream : streams) close(stream);
+  reader.join();
+  return text;
+}
+
+TEST(Log, LinesOfManyThreadsNeverMix) {
+  constexpr size_t kTimes = 20;
+  const std::string names = "abcde";
+  // A half is short, PIPE_BUF, beyond it, and more than a pipe holds.
+  const std::vector<size_t> halves = {1, 4096, 5000, 100000};
+  const std::string text = piped([&] {
+    std::vector<std::thread> threads;
+    for (const char name : names) {
+      threads.emplace_back([&halves, name] {
+        for (size_t i = 0; i < kTimes * halves.size(); ++i) {
+          const std::string half(halves[i % halves.size()], name);
+          i % 3 == 0 ? log_err(half, half) : log_out(half, half);
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  });
+  std::map<std::string, size_t> lines;
+  for (size_t start = 0, end; start < text.size(); start = end + 1) {
+    end = text.find('\n', start);
+    ++lines[text.substr(start, end - start)];
+  }
+  EXPECT_EQ(lines.size(), names.size() * halves.size()) << "some are mixed";
+  for (const char name : names) {
+    for (const size_t half : halves) EXPECT_EQ(lines[std::string(2 * half, name)], kTimes) << half;
+  }
+}
+
+TEST(Log, UnflushedTextWaitsForTheNextLineOfEitherStream) {
+  EXPECT_EQ(piped([] {
+              // Shows what was written so far.
+              const auto bar = [] { (void)!write(STDOUT_FILENO, "|", 1); };
+              log_out_unflushed("one\n");
+              log_out_unflushed("two ");
+              bar();
+              log_out("three");
+              bar();
+              log_out_unflushed("four\n");
+              bar();
+              log_err("five");
+              bar();
+              log_out_unflushed("six");
+              bar();
+              log_flush();
+              bar();
+            }),
+            "|one\ntwo three\n||four\nfive\n||six|");
+}
+
+TEST(Log, PiecesAreJoinedAsTheyAre) {
+  using Unsigned = std::numeric_limits<std::uint64_t>;
+  using Signed = std::numeric_limits<std::int64_t>;
+  EXPECT_EQ(piped([] {
+              log_out(123456.7, " ", 1234567.0, " ", 0.1, " ", 1e5, " ", 1e-5, " ", -HUGE_VAL);
+              log_err("seq", 7, "URL: ", "a\0b"s, "", "\0"s, Unsigned::max(), Signed::min());
+              log_err();
+            }),
+            "123457 1.23457e+06 0.1 100000 1e-05 -inf\n"
+            "seq7URL: a\0b\00018446744073709551615-9223372036854775808\n\n"s);
+}
+
+TEST(Log, AStreamThatIsGoneLosesItsLinesAndNothingElse) {
+  EXPECT_EQ(piped([] {
+              close(STDOUT_FILENO);
+              log_out_unflushed("lost ");
+              log_out("lost");
+              log_err("kept");
+              (void)dup2(STDERR_FILENO, STDOUT_FILENO);
+              log_out("back");
+            }),
+            "kept\nback\n");
+}
+
+}  // namespace
+}  // namespace weir::test

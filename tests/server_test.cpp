@@ -1,0 +1,290 @@
+#include "server/server.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "cachemap/cache_map.h"
+#include "server/request.h"
+#include "stats/stream_stats.h"
+#include "support/captured_log.h"
+#include "support/client.h"
+#include "support/scripted_origin.h"
+#include "watchdog/watchdog.h"
+
+namespace weir::test {
+namespace {
+
+using End = Reply::End;
+
+// A machine whose clock is real and which never restarts.
+Device tame_device() {
+  return {[] {
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            return now;
+          },
+          [] { return false; }, [] {}};
+}
+
+std::string head(const std::string& status, const std::string& type) {
+  return "HTTP/1.0 " + status + "\r\nContent-Type: " + type +
+         "\r\nConnection: close\r\nAllow: GET, HEAD\r\nCache-Control: no-cache\r\n"
+         "Access-Control-Allow-Origin: *\r\n\r\n";
+}
+
+// Requests without a server: each on a socket pair, on the test's own thread.
+class RequestTest : public testing::Test {
+ protected:
+  RequestTest() {
+    chunkCacheMap = &chunk_map_;
+    playlistCacheMap = &playlist_map_;
+  }
+
+  // A request whose client has said `text` and nothing more.
+  std::unique_ptr<Request> request(const std::string& text) {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    client_ = std::make_unique<Client>(Client::of_socket(ends[1]));
+    client_->send(text);
+    shutdown(ends[1], SHUT_WR);
+    return std::make_unique<Request>(ends[0], 1 << 20, &stats_, &watchdog_);
+  }
+
+  std::string answer(const std::string& text) {
+    request(text)->start();
+    return client_->read();
+  }
+
+  CacheMap chunk_map_;
+  CacheMap playlist_map_;
+  StreamStats stats_;
+  Watchdog watchdog_{tame_device()};
+  std::unique_ptr<Client> client_;
+};
+
+TEST_F(RequestTest, RequestLineIsTakenApart) {
+  using namespace std::string_literals;
+  // "method version path", and the parameters as "[key=value]".
+  const std::pair<std::string, std::string> cases[] = {
+      {"GET /stream?url=live%2Fa.m3u8&startFrom=3 HTTP/1.1",
+       "0 0 /stream[url=live/a.m3u8][startFrom=3]"},
+      {"HEAD /stats.json", "1 1 /stats.json"},
+      {"get /a HTTP/1.0 more", "2 1 /a"},
+      {"GET  /x", "0 1 "},
+      {"GET /a%2Fb+c?", "0 1 /a/b c"},
+      {"GET /a=b&c?x", "0 1 /a=b&c[x=]"},
+      {"GET ?x=", "0 1 [x=]"},
+      {"GET ?=1&", "0 1 [=1]"},
+      {"GET ?a&b=1", "0 1 [a&b=1]"},
+      {"GET ?a=b=c&a+%=%4&?=%zz%", "0 1 [a=b=c][a+%=\4][?=\0\0]"s},
+      {"GET ?x=1&&y=2", "0 1 [x=1][&y=2]"},
+  };
+  for (const auto& [line, parts] : cases) {
+    CapturedLog log;
+    const auto parsed = request(line + "\r\n\r\n");
+    parsed->parse_resource();
+    std::string text =
+        std::to_string(parsed->method) + " " + std::to_string(parsed->version) + " " + parsed->path;
+    for (const auto& [key, value] : parsed->params) text += "[" + key + "=" + value + "]";
+    EXPECT_EQ(text, parts) << line;
+  }
+}
+
+TEST_F(RequestTest, LineEndsAfter4095BytesAndTheRestIsSkipped) {
+  const std::string path = "/" + std::string(5000, 'a');
+  CapturedLog log;
+  EXPECT_EQ(answer("GET " + path + " HTTP/1.1\r\n\r\n"),
+            head("404 " + path.substr(0, 4095 - 4) + " Not Found", "plain/text"));
+}
+
+TEST_F(RequestTest, EveryRouteAnswersExactly) {
+  const std::string json = "application/json";
+  const std::string stats =
+      "{\"last_chunk_speed\": 1,\"avg_speed\": 2,\"cbuff_size\": 3,\"selected_profile\": 4}\n";
+  stats_.last_chunk_speed.set(1);
+  stats_.avg_speed.set(2);
+  stats_.cbuff_size.set(3);
+  stats_.selected_profile.set(4);
+  const std::pair<std::string, std::string> cases[] = {
+      {"HEAD /stream?url=x HTTP/1.1",
+       head("200 Will try to stream...", "application/octet-stream")},
+      {"HEAD /stream.ts", head("200 Will try to stream...", "application/octet-stream")},
+      {"POST /stream.ts?startFrom=1", head("406 Missing url parameter", "plain/text")},
+      {"GET /stats%2Ejson?x=1", head("200 OK", json) + stats},
+      {"HEAD /stats.json", head("200 OK", json)},
+      {"HEAD /update-cache-map", head("200 OK", json) + "\"OK\"\n"},
+      {"HEAD /watchdog", head("200 OK", json)},
+      {"GET /stream/", head("404 /stream/ Not Found", "plain/text")},
+      {"GET /Stream", head("404 /Stream Not Found", "plain/text")},
+      {"GET /%0D%0A", head("404 /\r\n Not Found", "plain/text")},
+      {"GET  /stats.json", head("404  Not Found", "plain/text")},
+      {"GET", head("406 Invalid Request", "plain/text")},
+  };
+  CapturedLog log;
+  for (const auto& [line, text] : cases) EXPECT_EQ(answer(line + "\r\n\r\n"), text) << line;
+  EXPECT_EQ(answer(""), head("406 Invalid Request", "plain/text"));
+  EXPECT_EQ(count(log.out(), "Invald Request\n"), 2);
+  EXPECT_EQ(count(log.err(), "not found\n"), 4);
+  EXPECT_EQ(count(log.out(), "WD: ping\n"), 0);
+  answer("POST /watchdog\r\n\r\n");
+  EXPECT_EQ(count(log.out(), "WD: ping\n"), 1);
+  answer("GET /update-cache-map?playlist=a:1&chunk=b:2;c:3,&chunk=d:4\r\n\r\n");
+  EXPECT_NE(log.out().find("setting map to: b:2;c:3,\n"
+                           "ring: alive servers: 1\n  server: b:2 alive\n"
+                           "ring: alive servers: 1\n  server: c:3 alive\n"
+                           "setting map to: a:1\n"),
+            std::string::npos);
+}
+
+TEST_F(RequestTest, ProgressIsLoggedInOrder) {
+  CapturedLog log;
+  answer("GET /x HTTP/1.1\r\nHost: y\r\n\r\n");
+  EXPECT_EQ(log.out(),
+            "Request::start\nRequest::start 1\nRequest::parse_resource\n"
+            "Request::parse_resource -- readline: GET /x HTTP/1.1\n"
+            "Request::parse_resource -- split\nit's GET\nparse url\nafter parse url\n"
+            "Request::start 2\nRequest::start 3 << /x\n");
+}
+
+// A whole server on a free port, with its loop on a thread of its own. The loop
+// has no end, so the server is left running when the test's process exits.
+class ServerTest : public testing::Test {
+ protected:
+  ServerTest() : port_(free_port()) {
+    std::thread([port = static_cast<std::uint32_t>(port_)] {
+      Server(INADDR_LOOPBACK, port, 5, 1 << 20, tame_device()).run();
+    }).detach();
+    while (get("/stats.json").empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+
+  std::string get(const std::string& resource) {
+    return Client(port_).send("GET " + resource + " HTTP/1.1\r\n\r\n").read();
+  }
+
+  std::string stream(const std::string& master) {
+    return get("/stream.ts?url=" + url_encode(master));
+  }
+
+  // A stream of these media, in order; the variant's playlist at "/v", its master at "/m".
+  void publish(const std::string& base, const std::vector<std::string>& media, bool ended) {
+    std::string list = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:1\n";
+    for (size_t i = 0; i < media.size(); ++i) {
+      const std::string path = base + "/" + std::to_string(i);
+      origin_.on(path, {ok(media[i])});
+      list += origin_.url(path) + "\n";
+    }
+    origin_.on(base + "/v", {ok(list + (ended ? "#EXT-X-ENDLIST\n" : ""))});
+    origin_.on(base + "/m", {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1024\n" +
+                                origin_.url(base + "/v") + "\n")});
+  }
+
+  const std::string stream_head_ = head("200 Streaming...", "application/octet-stream");
+  CapturedLog log_;
+  ScriptedOrigin origin_;
+  int port_;
+};
+
+TEST_F(ServerTest, StreamsSideBySideArriveWholeAndLeaveNothingBehind) {
+  const std::vector<std::string> media = {pattern(300000, 1), pattern(700000, 2), pattern(1, 3)};
+  publish("/a", media, true);
+  const int thread_count = threads();
+  const int descriptor_count = open_descriptors();
+  std::vector<std::string> got(4);
+  std::vector<std::thread> players;
+  for (std::string& text : got) {
+    players.emplace_back([&] { text = stream(origin_.url("/a/m")); });
+  }
+  for (std::thread& player : players) player.join();
+  for (const std::string& text : got) {
+    EXPECT_TRUE(text == stream_head_ + media[0] + media[1] + media[2]) << text.size();
+  }
+  EXPECT_TRUE(settles_at(thread_count, descriptor_count));
+  EXPECT_EQ(count(log_.err(), "mpl finish and cleanup!\n"), 4);
+  EXPECT_EQ(count(log_.out(), "after start\n"), count(log_.out(), "do_request_start\n"));
+  EXPECT_NE(get("/stats.json").find("\"selected_profile\": 1}\n"), std::string::npos);
+}
+
+TEST_F(ServerTest, ConnectionIsLoggedInOrder) {
+  get("/x");
+  const std::string lines[] = {"loop\n",
+                               "after select\n",
+                               "read fds select ok\n",
+                               "accepted\n",
+                               "set sock opt\n",
+                               "set sock opt2\n",
+                               "processing request\n",
+                               "Request::process\n",
+                               "Request::process end\n",
+                               "done processing request\n",
+                               "loop\n"};
+  ASSERT_TRUE(log_.wait_for_out("/x\n"));
+  const std::string out = log_.out();
+  size_t at = 0;
+  for (const std::string& line : lines) {
+    at = out.find(line, at);
+    ASSERT_NE(at, std::string::npos) << line;
+  }
+  EXPECT_NE(out.find("do_request_start\npthread_detach\n"), std::string::npos);
+}
+
+TEST_F(ServerTest, SilentClientHoldsUpNobody) {
+  Client silent(port_);
+  EXPECT_NE(get("/stats.json"), "");
+}
+
+TEST_F(ServerTest, StreamThatCantStartIsAHeadAndAClose) {
+  EXPECT_EQ(stream(origin_.url("/gone")), stream_head_);
+  EXPECT_TRUE(log_.wait_for_err("start_refreshing failed!\nmpl finish and cleanup!\n"));
+}
+
+TEST_F(ServerTest, SilentUpstreamEndsTheStreamAfterFifteenSeconds) {
+  publish("/a", {"media"}, false);
+  origin_.on("/a/v", {ok("#EXTM3U\n#EXT-X-TARGETDURATION:60\n#EXT-X-MEDIA-SEQUENCE:1\n" +
+                         origin_.url("/a/0") + "\n")});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(stream(origin_.url("/a/m")), stream_head_ + "media");
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+  EXPECT_EQ(count(log_.err(), "no data for long time, closing stream\n"), 1);
+}
+
+TEST_F(ServerTest, PlayerThatLeavesEndsItsStreamAndNoOther) {
+  const std::vector<std::string> media(12, pattern(800000));
+  publish("/a", media, true);
+  const std::string request =
+      "GET /stream?url=" + url_encode(origin_.url("/a/m")) + " HTTP/1.1\r\n\r\n";
+  Client stays(port_);
+  stays.send(request);
+  {
+    Client leaves(port_);
+    EXPECT_EQ(leaves.send(request).read(200000).size(), 200000U);
+  }
+  EXPECT_TRUE(log_.wait_for_err("mpl finish and cleanup!\n"));
+  EXPECT_EQ(stays.read().size(), stream_head_.size() + 12 * media[0].size());
+}
+
+TEST(ServerStart, PortInUseIsSaid) {
+  int port = free_port();
+  CapturedLog log;
+  Server first(INADDR_LOOPBACK, static_cast<std::uint32_t>(port), 5, 0, tame_device());
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  local.sin_port = htons(static_cast<std::uint16_t>(port));
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
+  try {
+    first.run();
+  } catch (const char* text) {
+    EXPECT_STREQ(text, "Couldn't bind listening socket.");
+  }
+  close(fd);
+}
+
+}  // namespace
+}  // namespace weir::test
