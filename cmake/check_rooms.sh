@@ -5,12 +5,12 @@
 set -euo pipefail
 
 cd "$1"  # where nothing lies that a relative include could find
-flags=$(sed -n 's/.*"command": "[^ ]* \(.*\) -o .*buffer\/cbuff.cpp.*/\1/p' compile_commands.json)
-[ -n "$flags" ] || { echo "no command line for buffer/cbuff.cpp"; exit 1; }
+command=$(sed -n 's/.*"command": "\(.*\) -o .*buffer\/cbuff.cpp.*/\1/p' compile_commands.json)
+[ -n "$command" ] || { echo "no command line for buffer/cbuff.cpp"; exit 1; }
 
 finds() {
   # shellcheck disable=SC2086
-  echo "#include \"$1\"" | c++ $flags -fsyntax-only -x c++ - 2>/dev/null
+  echo "#include \"$1\"" | $command -fsyntax-only -x c++ - 2>/dev/null
 }
 
 for header in buffer/cbuff.h log/log.h; do
