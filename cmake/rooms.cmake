@@ -12,6 +12,8 @@ function(room name)
   file(MAKE_DIRECTORY ${stage})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${name} ${stage}/${name} SYMBOLIC)
   target_include_directories(${name} PUBLIC ${stage})
+  # Messages, debuggers and coverage are to name the file where it stands.
+  target_compile_options(${name} PUBLIC -ffile-prefix-map=${stage}/=${PROJECT_SOURCE_DIR}/)
   uses(${name} ${ARGN})
 endfunction()
 
