@@ -50,6 +50,7 @@ void StreamHandler::run() {
   log_err("mpl finish and cleanup!");
   playlist.finish();
   buffer.clear();
+  release_free_memory();
 }
 
 void StreamHandler::pump(CBuff& buffer, const MasterPlaylist& playlist, time_t started) {
