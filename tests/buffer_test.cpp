@@ -308,7 +308,10 @@ class Stress {
   void produce(std::uint64_t total) {
     std::minstd_rand random(1);
     while (produced_ < total && !gave_up_.load(std::memory_order_relaxed)) {
-      if (buffer_.fill() > 2 * block_) continue;
+      if (buffer_.fill() > 2 * block_) {
+        std::this_thread::yield();
+        continue;
+      }
       const auto kind = random() % 4;
       unsigned char* out = nullptr;
       std::uint64_t size = 2 * block_;
@@ -336,7 +339,10 @@ class Stress {
       const bool ended = ended_.load(std::memory_order_acquire);
       const std::uint64_t fill = buffer_.fill();
       if (fill == 0 && ended) return;
-      if (fill == 0) continue;  // a peek would sleep
+      if (fill == 0) {  // a peek would sleep
+        std::this_thread::yield();
+        continue;
+      }
       ASSERT_LE(fill, 4 * block_) << "it went below 0";
       std::string bytes(1 + random() % (3 * block_), '\0');
       if (random() % 4 == 0) {

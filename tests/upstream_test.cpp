@@ -286,6 +286,19 @@ TEST_F(UpstreamTest, DeadCacheServersAreInvalidatedWithoutAPause) {
   EXPECT_EQ(count(log.err(), "Excep: No playlist cache server found\n"), 4);
 }
 
+TEST_F(UpstreamTest, BlackHoleTimesOutAndIsInvalidatedAfterTheSecondAttempt) {
+  const BlackHole hole;
+  chunk_map_.setMap(hole.address() + ";" + origin_.address());
+  origin_.on("/s", {ok("media")});
+  CapturedLog log;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(curl_.get_stream("http://@/s", buffer_, false, speed_, 0), 5);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3990));
+  EXPECT_EQ(log.err(), "ERR: connect timeout\nERR: connect timeout\n");
+  EXPECT_EQ(count(log.out(), "Trying to reconnect when connecting\n"), 2);
+  EXPECT_EQ(count(log.out(), "Invalidating cache server " + hole.address() + "\n"), 1);
+}
+
 TEST_F(UpstreamTest, ServerWithoutALengthIsInvalidatedAndASilentOneIsNot) {
   playlist_map_.setMap(origin_.address());
   origin_.on("/unknown", {raw("HTTP/1.1 200 OK\r\ncontent-length: 2\r\n\r\nxx")});

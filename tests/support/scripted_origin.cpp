@@ -75,6 +75,21 @@ int free_port() {
   return port;
 }
 
+BlackHole::BlackHole() : sockets_{bound_socket(port_)} {
+  if (listen(sockets_[0], 0) != 0) std::abort();
+  sockaddr_in local{};
+  socklen_t size = sizeof local;
+  getsockname(sockets_[0], reinterpret_cast<sockaddr*>(&local), &size);
+  for (int queued = 0; queued < 4; ++queued) {
+    sockets_.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    (void)connect(sockets_.back(), reinterpret_cast<sockaddr*>(&local), size);
+  }
+}
+
+BlackHole::~BlackHole() {
+  for (const int fd : sockets_) close(fd);
+}
+
 ScriptedOrigin::ScriptedOrigin() : listen_fd_(bound_socket(port_)) {
   if (listen(listen_fd_, 64) != 0) std::abort();
   acceptor_ = std::thread([this] { accept_loop(); });

@@ -71,6 +71,20 @@ class ScriptedOrigin {
   std::thread acceptor_;
 };
 
+// An address that answers no connection: its queue is full and never emptied.
+class BlackHole {
+ public:
+  BlackHole();
+  ~BlackHole();
+  BlackHole(const BlackHole&) = delete;
+  BlackHole& operator=(const BlackHole&) = delete;
+  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  int port_ = 0;
+  std::vector<int> sockets_;
+};
+
 // A port of loopback that nothing listens on.
 int free_port();
 
