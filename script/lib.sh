@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts in this folder: they all run from the top of the tree.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
