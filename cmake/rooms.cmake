@@ -21,3 +21,14 @@ endfunction()
 function(uses target)
   target_link_libraries(${target} PRIVATE ${ARGN} Threads::Threads weir_build)
 endfunction()
+
+# program(NAME SOURCE USED...): an executable of a source at the top of the tree.
+# It is staged too: beside all rooms, it would see them all.
+function(program name source)
+  set(stage ${PROJECT_BINARY_DIR}/include/${name}-program)
+  file(MAKE_DIRECTORY ${stage})
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${source} ${stage}/${source} SYMBOLIC)
+  add_executable(${name} ${stage}/${source})
+  target_compile_options(${name} PRIVATE -ffile-prefix-map=${stage}/=${PROJECT_SOURCE_DIR}/)
+  uses(${name} ${ARGN})
+endfunction()

@@ -105,7 +105,7 @@ void UCurl::read_to_end(const std::string& first, Body& body) {
   do {
     body.received += piece.size();
     if (body.out != nullptr) {
-      *body.out += piece;
+      append_bounded(*body.out, piece);
     } else if (body.cbuff->write(piece.data(), piece.size()) < piece.size()) {
       return close_if_open();
     }
@@ -133,7 +133,7 @@ void UCurl::fill_string(const std::string& first, Body& body, std::uint64_t leng
   while (body.received < length) {
     const std::string piece = recv_string(kMaxRead, kReadTimeout);
     if (piece.empty() || stopped(body)) return;
-    *body.out += piece;
+    append_bounded(*body.out, piece);
     body.received += piece.size();
   }
 }

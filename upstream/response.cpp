@@ -11,7 +11,8 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kHeadRead = 4096;  // bytes
+constexpr std::size_t kHeadRead = 4096;     // bytes
+constexpr std::size_t kMaxText = 16 << 20;  // bytes, of a head or a document
 constexpr std::chrono::seconds kStatusTimeout{6};
 constexpr std::chrono::seconds kReadTimeout{2};
 
@@ -39,6 +40,13 @@ std::string UCurl::recv_string(std::size_t length, std::chrono::seconds timeout)
 std::int64_t UCurl::recv_into(void* destination, std::size_t length) {
   if (wait_readable(sock, kReadTimeout) != 1) fail_receive("recv timeout2");
   return read(sock, destination, length);
+}
+
+// No playlist, key or head is that long; one without an end must not take all
+// memory, and with it all other streams.
+void UCurl::append_bounded(std::string& text, const std::string& piece) {
+  if (text.size() + piece.size() > kMaxText) fail_receive("recv error");
+  text += piece;
 }
 
 UCurl::Status UCurl::read_status(std::string& response) {
@@ -81,7 +89,7 @@ void UCurl::read_headers(std::string& response) {
     const auto since = std::chrono::steady_clock::now();
     const std::string piece = recv_string(kHeadRead, kReadTimeout);
     if (piece.empty()) fail_inside_head(since);
-    response += piece;
+    append_bounded(response, piece);
   }
   const std::string head = response.substr(0, end);
   response.erase(0, end + kHeadEnd.size());

@@ -40,7 +40,8 @@ class UCurl {
   UCurl& operator=(const UCurl&) = delete;
 
   // Downloads a document into `out`; the connection is closed afterwards. After
-  // a failure `out` holds what it held before, or a part of the document.
+  // a failure `out` holds what it held before, or a part of the document. One of
+  // more than 16 MiB is a failure.
   [[nodiscard]] bool get(const std::string& url, std::string& out);
 
   // Downloads a segment into the buffer, deciphered with AES-128-CBC when `key`
@@ -85,6 +86,7 @@ class UCurl {
   [[nodiscard]] std::int64_t recv_into(void* destination, std::size_t length);
   [[nodiscard]] Status read_status(std::string& response);
   void read_headers(std::string& response);
+  void append_bounded(std::string& text, const std::string& piece);
   [[noreturn]] void fail_receive(const char* text);
   [[noreturn]] void fail_inside_head(std::chrono::steady_clock::time_point since);
   [[nodiscard]] const std::string* find_header(const std::string& name) const;
