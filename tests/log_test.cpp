@@ -102,17 +102,5 @@ TEST(Log, PiecesAreJoinedAsTheyAre) {
             "seq7URL: a\0b\00018446744073709551615-9223372036854775808\n\n"s);
 }
 
-TEST(Log, AStreamThatIsGoneLosesItsLinesAndNothingElse) {
-  EXPECT_EQ(piped([] {
-              close(STDOUT_FILENO);
-              log_out_unflushed("lost ");
-              log_out("lost");
-              log_err("kept");
-              (void)dup2(STDERR_FILENO, STDOUT_FILENO);
-              log_out("back");
-            }),
-            "kept\nback\n");
-}
-
 }  // namespace
 }  // namespace weir::test

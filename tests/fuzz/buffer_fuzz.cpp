@@ -9,98 +9,63 @@
 
 namespace {
 
+std::uint32_t counter = 0;  // of bytes stored
+
 void demand(bool condition) {
   if (!condition) std::abort();
 }
 
-// The buffer and what it should hold.
-struct Pair {
-  explicit Pair(std::uint64_t block) : buffer(block) {}
-
-  void write(std::uint64_t count) {
-    const std::string bytes = next(count);
+// Stores bytes that nothing before them looks like, and remembers them.
+void put(weir::CBuff& buffer, std::string& model, unsigned kind, std::uint64_t count) {
+  unsigned char* out = nullptr;
+  if (kind == 1) count = std::min(count, buffer.reserve(&out));
+  if (kind == 2) count = std::min(count, buffer.sealAndReserve(&out));
+  std::string bytes(count, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(++counter * 0x9E3779B9 >> 24);
+  model += bytes;
+  if (kind == 0) {
     demand(buffer.write(bytes.data(), count) == count);
-  }
-
-  void fill_reserved(bool seal, std::uint64_t count) {
-    unsigned char* out = nullptr;
-    const std::uint64_t room = seal ? buffer.sealAndReserve(&out) : buffer.reserve(&out);
-    demand(room > 0);
-    const std::string bytes = next(std::min(room, count));
+  } else {
     std::copy(bytes.begin(), bytes.end(), out);
-    buffer.commit(bytes.size());
+    buffer.commit(count);
   }
+}
 
-  void peek(std::uint64_t count) {
-    if (model.empty()) return;  // it would wait
+// Takes bytes, which must be the oldest ones.
+void take(weir::CBuff& buffer, std::string& model, unsigned kind, std::uint64_t count) {
+  if (model.empty()) return;  // it would wait
+  std::string bytes(count, '\0');
+  if (kind == 3) {
     unsigned char* from = nullptr;
-    count = std::min(buffer.peek(&from), count);
-    take(std::string(from, from + count));
-    buffer.consume(count);
-  }
-
-  void read(std::uint64_t count) {
-    if (model.empty()) return;
-    std::string bytes(count, '\0');
+    bytes.resize(std::min(buffer.peek(&from), count));
+    std::copy_n(from, bytes.size(), bytes.begin());
+    buffer.consume(bytes.size());
+  } else {
     bytes.resize(buffer.read(bytes.data(), count));
-    take(bytes);
   }
-
-  void clear() {
-    buffer.clear();
-    model.clear();
-  }
-
- private:
-  std::string next(std::uint64_t count) {
-    std::string bytes(count, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(++counter);
-    model += bytes;
-    return bytes;
-  }
-
-  void take(const std::string& bytes) {
-    demand(model.starts_with(bytes));
-    model.erase(0, bytes.size());
-  }
-
- public:
-  weir::CBuff buffer;
-  std::string model;
-  unsigned counter = 0;
-};
+  demand(model.starts_with(bytes));
+  model.erase(0, bytes.size());
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  Pair pair(data[0] % 40 + 1);
+  weir::CBuff buffer(data[0] % 40 + 1);
+  counter = 0;
+  std::string model;
   for (std::size_t i = 1; i + 1 < size; i += 2) {
-    const std::uint64_t count = data[i + 1];
-    switch (data[i] % 6) {
-      case 0:
-        pair.write(count);
-        break;
-      case 1:
-        pair.fill_reserved(false, count);
-        break;
-      case 2:
-        pair.fill_reserved(true, count);
-        break;
-      case 3:
-        pair.peek(count);
-        break;
-      case 4:
-        pair.read(count);
-        break;
-      default:
-        pair.clear();
-        break;
+    const unsigned kind = data[i] % 6;
+    if (kind < 3) put(buffer, model, kind, data[i + 1]);
+    if (kind == 3 || kind == 4) take(buffer, model, kind, data[i + 1]);
+    if (kind == 5) {
+      buffer.clear();
+      model.clear();
     }
-    demand(pair.buffer.fill() == pair.model.size());
+    demand(buffer.fill() == model.size());
   }
   // What is left comes out whole: a byte at least or an empty block a turn.
-  for (std::size_t turns = pair.model.size() + size; turns > 0; --turns) pair.peek(1000);
-  demand(pair.model.empty());
+  for (std::size_t turns = model.size() + size; turns > 0; --turns) take(buffer, model, 3, 1000);
+  demand(model.empty());
   return 0;
 }
