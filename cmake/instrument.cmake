@@ -2,6 +2,7 @@
 add_library(weir_build INTERFACE)
 
 option(WEIR_TESTS "Build the tests" ON)
+option(WEIR_BENCH "Build the benchmarks" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
 option(WEIR_WERROR "Warnings are errors" OFF)
 option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)

@@ -9,6 +9,7 @@ if [ "${2:-}" != inside ]; then
   exec unshare -rn "$0" "$1" inside
 fi
 
+ip link set lo up
 program=$1
 work=$(mktemp -d)
 first=
@@ -17,6 +18,16 @@ trap '[ -z "$first" ] || kill "$first"; rm -rf "$work"' EXIT
 fail() {
   echo "$*" >&2
   exit 1
+}
+
+# Waits until something listens on the port.
+listens() {
+  local turn
+  for turn in $(seq 200); do
+    ! grep -q ':1E40 .* 0A ' /proc/net/tcp || return 0 # 7744, listening
+    sleep 0.1
+  done
+  fail "nothing listens after $turn turns"
 }
 
 # expect STATUS TEXT ARGUMENT...: the program ends so, with that on its error stream.
@@ -34,11 +45,7 @@ ulimit -Sn 100
 # Not a number: 0. Without standard descriptors, which must not become sockets.
 script/without-reboot "$program" abc <&- >&- 2>&- &
 first=$!
-for _ in $(seq 100); do
-  grep -q ':1E40 .* 0A ' /proc/net/tcp && break # 7744, listening
-  sleep 0.1
-done
-grep -q ':1E40 .* 0A ' /proc/net/tcp || fail "does not listen"
+listens
 for fd in 0 1 2; do
   [ "$(readlink "/proc/$first/fd/$fd")" = /dev/null ] || fail "descriptor $fd is not /dev/null"
 done
@@ -46,4 +53,17 @@ read -r _ _ _ soft hard _ < <(grep '^Max open files' "/proc/$first/limits")
 [ "$soft" = "$hard" ] || fail "the descriptor limit is $soft of $hard"
 
 expect 0 "Couldn't bind listening socket." 1000000
-kill -0 "$first" || fail "ended by itself"
+kill "$first"
+wait "$first" || true
+
+# With too few descriptors it ends, with threads and connections still there.
+ulimit -n 14
+script/without-reboot timeout 20 "$program" 1000 >/dev/null 2>"$work/err" &
+first=$!
+listens
+for _ in $(seq 12); do
+  bash -c 'exec 3<>/dev/tcp/127.0.0.1/7744; sleep 5' &
+done
+wait "$first" || fail "status $? when it could not accept"
+first=
+[ "$(cat "$work/err")" = "Error calling accept()" ] || fail "said '$(cat "$work/err")'"
