@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <limits>
-#include <thread>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "buffer/cbuff.h"
 #include "playlist/chunklist.h"
@@ -44,18 +46,18 @@ class MasterPlaylistPeer {
     playlist.boundary_low = playlist.boundary_high = 0;
     for (const auto bandwidth : bandwidths) playlist.variants.push_back({bandwidth, "", false});
   }
-  void forget_current() { playlist.current_variant = nullptr; }
-  void invalidate_current() { playlist.current_variant->invalid = true; }
+  // The current variant can't be loaded.
+  void invalidate() { playlist.current_variant->invalid = true; }
 
-  // A pass over the text of a variant playlist, with a variant of that bandwidth.
-  void pass(const std::string& text, std::uint64_t bandwidth = 0) {
-    if (playlist.variants.empty()) variants({bandwidth});
+  // A pass over the text of a variant playlist: "countdown queued" after it.
+  std::string pass(const std::string& text) {
+    if (playlist.variants.empty()) variants({0});
     if (playlist.current_variant == nullptr) (void)playlist.select_variant();
     playlist.chunklist->parse(text);
     playlist.fill_pass();
+    return std::to_string(playlist.refresh_countdown) + " " +
+           std::to_string(playlist.chunklist->chunks.size());
   }
-  std::int32_t countdown() const { return playlist.refresh_countdown; }
-  size_t queued() const { return playlist.chunklist->chunks.size(); }
 
   MasterPlaylist playlist;
 };
@@ -63,20 +65,34 @@ class MasterPlaylistPeer {
 namespace test {
 namespace {
 
-using End = Reply::End;
+using namespace std::literals;
 const std::string kKey = "0123456789abcdef";
 constexpr auto kNone = std::numeric_limits<std::uint64_t>::max();
 
 class PlaylistTest : public testing::Test {
  protected:
-  std::string drain() {
-    std::string text(buffer_.fill(), '\0');
-    text.resize(text.empty() ? 0 : buffer_.read(text.data(), text.size()));
+  // A line with the URL of a path, and what is behind it.
+  std::string segment(const std::string& path, const std::string& more = "") {
+    return origin_.url(path) + more + "\n";
+  }
+
+  // A playlist of these paths and tags; the first segment has the number 1.
+  std::string segments(const std::vector<std::string>& lines, const std::string& duration = "10") {
+    std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:" + duration + "\n#EXT-X-MEDIA-SEQUENCE:1\n";
+    for (const std::string& line : lines) text += line[0] == '/' ? segment(line) : line;
     return text;
   }
 
-  std::string segment(const std::string& path) { return origin_.url(path) + "\n"; }
+  // A playlist of variants at these paths.
+  std::string master(const std::vector<std::string>& paths) {
+    std::string text = "#EXTM3U\n";
+    for (const std::string& path : paths) {
+      text += "#EXT-X-STREAM-INF:BANDWIDTH=1\n" + segment(path);
+    }
+    return text;
+  }
 
+  CapturedLog log_;
   ScriptedOrigin origin_;
   CBuff buffer_;
   StreamStats stats_;
@@ -132,13 +148,8 @@ TEST_F(PlaylistTest, SegmentsAreNumberedAndKeyed) {
 }
 
 TEST_F(PlaylistTest, SelectionFollowsTheSpeed) {
-  struct Case {
-    std::vector<std::uint64_t> bandwidths;
-    std::uint64_t kbps;
-    std::string selected;
-  };
   const std::string all = std::to_string(kNone);
-  const Case cases[] = {
+  const std::tuple<std::vector<std::uint64_t>, std::uint64_t, std::string> cases[] = {
       {{800000, 1600000, 3200000}, 2000, "1600000 1600000 3840000"},
       {{3200000, 800000, 1600000}, 500, "800000 0 1920000"},
       {{800000, 1600000, 3200000}, 4000, "3200000 3200000 " + all},
@@ -148,10 +159,10 @@ TEST_F(PlaylistTest, SelectionFollowsTheSpeed) {
       {{}, 100, "none"},
   };
   MasterPlaylistPeer peer(&buffer_, &stats_);
-  for (const Case& c : cases) {
-    peer.variants(c.bandwidths);
-    stats_.avg_speed.set(c.kbps);
-    EXPECT_EQ(peer.select(), c.selected);
+  for (const auto& [bandwidths, kbps, selected] : cases) {
+    peer.variants(bandwidths);
+    stats_.avg_speed.set(kbps);
+    EXPECT_EQ(peer.select(), selected);
   }
 }
 
@@ -160,9 +171,8 @@ TEST_F(PlaylistTest, CurrentVariantIsKeptInsideItsBandOrWithAnAdequateBuffer) {
   peer.variants({800000, 1600000});
   stats_.avg_speed.set(1562);
   const std::string high = "1600000 1600000 " + std::to_string(kNone);
-  CapturedLog log;
   EXPECT_EQ(peer.select(), high);
-  EXPECT_EQ(log.out(),
+  EXPECT_EQ(log_.out(),
             "select variant, curr avg in bps: 1599488\n"
             "SELECT: min: 800000 max: 1600000\n"
             "SELECT BEST kbps: 781CUR bps: 1562\n"
@@ -175,223 +185,172 @@ TEST_F(PlaylistTest, CurrentVariantIsKeptInsideItsBandOrWithAnAdequateBuffer) {
   stats_.avg_speed.set(1561);
   buffer_.write(std::string(600, 'x').data(), 600);
   EXPECT_EQ(peer.select(), high);
-  EXPECT_EQ(count(log.out(),
+  EXPECT_EQ(count(log_.out(),
                   "download is slow, but buffer is adequate -> select variant canceled "
                   "(600 / 1000\n"),
             1);
   buffer_.consume(1);
   EXPECT_EQ(peer.select(), "800000 0 1920000");
   // An invalid one is kept by neither its band nor the buffer.
-  peer.invalidate_current();
+  peer.invalidate();
   EXPECT_EQ(peer.select(), "1600000 0 " + std::to_string(kNone));
-  peer.forget_current();
+  peer.invalidate();
   EXPECT_EQ(peer.select(), "none");
-  EXPECT_EQ(log.err(), "Unable no variant chosen!\n");
+  EXPECT_EQ(log_.err(), "");
+  EXPECT_EQ(peer.select(), "none");
+  EXPECT_EQ(log_.err(), "Unable no variant chosen!\n");
 }
 
 TEST_F(PlaylistTest, FirstPassSkipsAndLaterPassesFetchOnlyWhatIsNew) {
   for (const char* path : {"/1", "/2", "/3", "/4"}) origin_.on(path, {ok(path)});
-  const std::string head = "#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXT-X-MEDIA-SEQUENCE:1\n";
-  const std::string text = head + segment("/1") + segment("/2") + segment("/3");
+  const std::string text = segments({"/1", "/2", "/3"});
   MasterPlaylistPeer peer(&buffer_, &stats_, 1 << 20, -2);
-  CapturedLog log;
-  peer.pass(text);
-  EXPECT_EQ(drain(), "/2/3");
-  EXPECT_EQ(
-      count(log.out(), "skipping chunk from " + origin_.url("/1") + " as required by startFrom\n"),
-      1);
-  EXPECT_EQ(peer.countdown(), 6);
-  peer.pass(text + segment("/4"));
-  EXPECT_EQ(drain(), "/4");
+  EXPECT_EQ(peer.pass(text), "6 0");
+  EXPECT_EQ(drain(buffer_), "/2/3");
+  EXPECT_EQ(count(log_.out(), "skipping chunk from " + segment("/1", " as required by startFrom")),
+            1);
+  EXPECT_EQ(peer.pass(text + segment("/4")), "6 0");
+  EXPECT_EQ(drain(buffer_), "/4");
   EXPECT_EQ(origin_.connections(), 1);
-  peer.pass(text);
-  EXPECT_EQ(peer.countdown(), 2);
+  EXPECT_EQ(peer.pass(text), "2 0");
   EXPECT_FALSE(peer.playlist.should_finish());
   for (int i = 0; i < 5; ++i) peer.pass(text);
   EXPECT_TRUE(peer.playlist.should_finish());
-  EXPECT_EQ(log.err(), "no new chunks in many playlist reloads\n");
-  EXPECT_NE(log.out().find("fill buffer for0\nstart from: -2\n"
-                           "searching for new chunks (last seq got 0)\n"),
-            std::string::npos);
+  EXPECT_EQ(log_.err(), "no new chunks in many playlist reloads\n");
+  EXPECT_EQ(count(log_.out(),
+                  "fill buffer for0\nstart from: -2\nsearching for new chunks (last seq got 0)\n"),
+            1);
 }
 
 TEST_F(PlaylistTest, SkipBeyondTheQueueAndHugeTargetDurationAreHarmless) {
   origin_.on("/1", {ok("one")});
   MasterPlaylistPeer peer(&buffer_, &stats_, 1 << 20, -9);
-  CapturedLog log;
-  peer.pass("#EXTM3U\n#EXT-X-TARGETDURATION:4294967295\n" + segment("/0") + segment("/1"));
-  EXPECT_EQ(drain(), "one");  // number 0 is never fetched
-  EXPECT_EQ(origin_.requests_for("/0"), 0);
-  EXPECT_LT(peer.countdown(), 0);
+  EXPECT_EQ(
+      peer.pass("#EXTM3U\n#EXT-X-TARGETDURATION:4294967295\n" + segment("/0") + segment("/1"))[0],
+      '-');
+  EXPECT_EQ(drain(buffer_), "one");  // number 0 is never fetched
+  EXPECT_EQ(count(origin_.requests(), "GET /0 "), 0);
 }
 
 TEST_F(PlaylistTest, FullBufferEndsThePassAndKeepsTheSegment) {
-  MasterPlaylistPeer peer(&buffer_, &stats_, 3);
   buffer_.write("abc", 3);
-  CapturedLog log;
-  peer.pass("#EXTM3U\n" + segment("/1"));
-  EXPECT_EQ(peer.queued(), 1U);
-  EXPECT_EQ(count(log.out(), "buffer is full - not downloading more chunks ...\n"), 1);
+  EXPECT_EQ(MasterPlaylistPeer(&buffer_, &stats_, 3).pass(segments({"/1"})), "6 1");
+  EXPECT_EQ(count(log_.out(), "buffer is full - not downloading more chunks ...\n"), 1);
 }
 
 TEST_F(PlaylistTest, KeyIsLoadedOnceAndForgottenByAClearSegment) {
   const std::string secret = encrypt("media", kKey);
   origin_.on("/key", {ok(kKey)});
   origin_.on("/s", {ok(secret), ok(secret), ok("clear"), ok(secret)});
-  const std::string keyed = "#EXT-X-KEY:METHOD=AES-128,URI=\"" + origin_.url("/key") + "\"\n";
+  const std::string keyed = "#EXT-X-KEY:METHOD=AES-128,URI=\"" + segment("/key", "\"");
   // A key line of one character has an empty URL: what follows is clear.
   const std::string clear = "#EXT-X-KEY:URI=\"\"\n";
-  MasterPlaylistPeer peer(&buffer_, &stats_);
-  CapturedLog log;
-  peer.pass("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n" + keyed + segment("/s") + segment("/s") + clear +
-            segment("/s") + keyed + segment("/s"));
-  EXPECT_EQ(drain(), "mediamediaclear" + secret);
-  EXPECT_EQ(origin_.requests_for("/key"), 1);
-  EXPECT_EQ(count(log.out(), "getting new decryption key from: " + origin_.url("/key") + "\n"), 1);
+  MasterPlaylistPeer(&buffer_, &stats_)
+      .pass(segments({keyed, "/s", "/s", clear, "/s", keyed, "/s"}));
+  EXPECT_EQ(drain(buffer_), "mediamediaclear" + secret);
+  EXPECT_EQ(count(origin_.requests(), "GET /key "), 1);
+  EXPECT_EQ(count(log_.out(), "getting new decryption key from: " + segment("/key")), 1);
 }
 
 TEST_F(PlaylistTest, FourthSegmentGivenUpInARowEndsTheStream) {
   origin_.on("/end", {ok("end")});
-  const std::string head = "#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n";
-  const std::string gone = segment("/gone");
   MasterPlaylistPeer peer(&buffer_, &stats_);
-  CapturedLog log;
-  peer.pass(head + gone + gone + gone + segment("/end") + "#EXT-X-ENDLIST\n" + gone);
-  EXPECT_EQ(log.out().find("too many"), std::string::npos);
-  EXPECT_EQ(drain(), "end");
+  peer.pass(segments({"/gone", "/gone", "/gone", "/end", "#EXT-X-ENDLIST\n", "/gone"}));
+  EXPECT_EQ(count(log_.err(), "too many"), 0);
+  EXPECT_EQ(drain(buffer_), "end");
   EXPECT_TRUE(peer.playlist.should_finish());
-  EXPECT_EQ(count(log.out(), "last chunk - setting should_finish\n"), 1);
-  EXPECT_EQ(origin_.requests_for("/gone"), 3 * 4 * 6);
-  EXPECT_EQ(count(log.err(), "chunk get from " + origin_.url("/gone") + " FAILED\n"), 3 * 4);
-  EXPECT_EQ(
-      count(log.err(), "retry chunk get from " + origin_.url("/gone") + " starting from byte 0\n"),
-      3 * 3);
-  MasterPlaylistPeer other(&buffer_, &stats_);
-  other.pass(head + gone + gone + gone + gone + gone);
-  EXPECT_EQ(other.queued(), 1U);
-  EXPECT_EQ(count(log.err(), "too many failed subsequent chunks. Finishing stream.\n"), 1);
+  EXPECT_EQ(count(log_.out(), "last chunk - setting should_finish\n"), 1);
+  EXPECT_EQ(count(origin_.requests(), "GET /gone "), 3 * 4 * 6);
+  const std::string chunk = "chunk get from " + origin_.url("/gone");
+  EXPECT_EQ(count(log_.err(), chunk + " FAILED\n"), 3 * 4);
+  EXPECT_EQ(count(log_.err(), "retry " + chunk + " starting from byte 0\n"), 3 * 3);
+  EXPECT_EQ(MasterPlaylistPeer(&buffer_, &stats_).pass(segments(std::vector(5, "/gone"s))), "6 1");
+  EXPECT_EQ(count(log_.err(), "too many failed subsequent chunks. Finishing stream.\n"), 1);
 }
 
-// A segment of half a kilobyte in half a second: about 8 kbps.
-Reply slow(const std::string& body) {
-  Reply reply = ok(body);
-  std::string& text = reply.pieces[0];
-  const std::string rest = text.substr(text.size() - body.size());
-  text.resize(text.size() - body.size());
-  reply.pieces.push_back(rest);
-  reply.pause = std::chrono::milliseconds(500);
-  return reply;
-}
-
+// A segment of half a kilobyte in half a second has about 8 kbps.
 TEST_F(PlaylistTest, SuddenDropEndsThePassAndRewritesTheHistory) {
-  origin_.on("/1", {slow(pattern(512))});
+  origin_.on("/1", {slow(pattern(512), 512, 500ms)});
   stats_.avg_speed.set(9000);
   MasterPlaylistPeer peer(&buffer_, &stats_);
-  CapturedLog log;
-  peer.pass("#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXT-X-MEDIA-SEQUENCE:1\n" + segment("/1") +
-                segment("/2"),
-            8000000);
+  peer.variants({8000000});
+  EXPECT_EQ(peer.pass(segments({"/1", "/2"})), "0 1");
   const std::uint64_t speed = stats_.last_chunk_speed.get();
   EXPECT_GT(speed, 0U);
   EXPECT_LT(speed, 9U);
   EXPECT_EQ(stats_.avg_speed.get(), speed);
   EXPECT_EQ(stats_.speed_history[4].get(), speed >> 1);
   EXPECT_EQ(stats_.selected_profile.get(), 8000000U >> 10);
-  EXPECT_EQ(peer.countdown(), 0);
-  EXPECT_EQ(peer.queued(), 1U);
-  EXPECT_EQ(log.err(), "sudden speed drop! falling down immediately!\n");
+  EXPECT_EQ(log_.err(), "sudden speed drop! falling down immediately!\n");
 }
 
 TEST_F(PlaylistTest, AverageIsWeightedAndLeavingTheBandEndsThePass) {
-  origin_.on("/1", {slow(pattern(512))});
+  origin_.on("/1", {slow(pattern(512), 512, 500ms)});
   for (size_t i = 0; i < 5; ++i) stats_.speed_history[i].set(900 * (i + 1));
   MasterPlaylistPeer peer(&buffer_, &stats_);
   peer.variants({8000, 400000});
-  CapturedLog log;
-  peer.pass("#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXT-X-MEDIA-SEQUENCE:1\n" + segment("/1") +
-            segment("/2"));
+  EXPECT_EQ(peer.pass(segments({"/1", "/2"})), "0 1");
   const std::uint64_t newest = stats_.last_chunk_speed.get();
   const std::uint64_t avg = (3 * newest + 2 * 900 + 2 * 1800 + 2700 + 3600) / 9;
   EXPECT_EQ(stats_.avg_speed.get(), avg);
   EXPECT_EQ(stats_.speed_history[4].get(), 3600U);
-  EXPECT_EQ(count(log.out(), "avg_speed out of boundaries! (" + std::to_string(avg) + " 0 468)\n"),
-            1);
-  EXPECT_EQ(peer.countdown(), 0);
-  EXPECT_EQ(peer.queued(), 1U);
+  const std::string line = "avg_speed out of boundaries! (" + std::to_string(avg) + " 0 468)\n";
+  EXPECT_EQ(count(log_.out(), line), 1);
 }
 
 TEST_F(PlaylistTest, SpeedWithoutAMeasurableTimeIsCapped) {
-  for (std::uint64_t i = 0; i < 5; ++i) stats_.speed_history[i].set(std::uint64_t{1} << 53);
-  for (const char* path : {"/1", "/2", "/3"}) origin_.on(path, {ok("x")});
-  MasterPlaylistPeer peer(&buffer_, &stats_);
-  CapturedLog log;
-  peer.pass("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n" + segment("/1") + segment("/2") + segment("/3"));
-  EXPECT_EQ(drain(), "xxx");
+  for (StreamStats::Value& speed : stats_.speed_history) speed.set(std::uint64_t{1} << 53);
+  origin_.on("/s", {ok("x")});
+  MasterPlaylistPeer(&buffer_, &stats_).pass(segments({"/s", "/s", "/s"}));
+  EXPECT_EQ(drain(buffer_), "xxx");
   EXPECT_LE(stats_.avg_speed.get(), std::uint64_t{1} << 53);
 }
 
 TEST_F(PlaylistTest, StreamMovesOnFromVariantsThatCantBeLoaded) {
-  origin_.on("/master", {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n" + segment("/gone") +
-                            "#EXT-X-STREAM-INF:BANDWIDTH=2\n" + segment("/media"))});
-  std::string chunks;
-  for (const std::string path : {"/1", "/2", "/3", "/4", "/5", "/6"}) {
-    origin_.on(path, {ok(path)});
-    chunks += segment(path);
-  }
-  origin_.on("/media",
-             {ok("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:1\n" + chunks)});
-  CapturedLog log;
-  const int running = threads();
-  const int descriptors = open_descriptors();
+  const std::vector<std::string> paths = {"/1", "/2", "/3", "/4", "/5", "/6"};
+  for (const std::string& path : paths) origin_.on(path, {ok(path)});
+  origin_.on("/media", {ok(segments(paths, "1"))});
+  origin_.on("/master", {ok(master({"/gone", "/media", "/gone"}))});
+  const Baseline before;
   {
     // One segment fills the buffer, so five stay queued and the playlist is not loaded again.
     MasterPlaylist playlist(origin_.url("/master"), &buffer_, 1, &stats_, 0);
     ASSERT_TRUE(playlist.start_refreshing());
-    EXPECT_TRUE(log.wait_for_err("Using cached playlist (still got 5 chunks in advance)\n"));
+    EXPECT_TRUE(log_.err.shows("Using cached playlist (still got 5 chunks in advance)\n"));
     std::string got;
-    for (int turn = 0; turn < 300 && got.size() < 12; ++turn) {
-      if (buffer_.fill() > 0) got += drain();
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(got, "/1/2/3/4/5/6");
+    EXPECT_TRUE(eventually([&] { return (got += drain(buffer_)) == "/1/2/3/4/5/6"; })) << got;
     origin_.on("/media", {ok("")});
-    EXPECT_TRUE(log.wait_for_err("unable to select variand - should_finish\n"));
+    EXPECT_TRUE(log_.err.shows("unable to select variand - should_finish\n"));
     EXPECT_TRUE(playlist.should_finish());
     playlist.finish();
   }
-  EXPECT_TRUE(settles_at(running, descriptors));
-  EXPECT_EQ(count(log.err(),
-                  "Unable to refresh variant of playlist\n"
-                  "marking this variant as invalid\n"),
-            2);
+  EXPECT_TRUE(before.is_reached());
+  EXPECT_EQ(
+      count(log_.err(), "Unable to refresh variant of playlist\nmarking this variant as invalid\n"),
+      3);
 }
 
 TEST_F(PlaylistTest, StreamThatCantStartSaysSo) {
   origin_.on("/empty", {ok("#EXTM3U\n")});
-  CapturedLog log;
   for (const char* path : {"/gone", "/empty"}) {
     MasterPlaylist playlist(origin_.url(path), &buffer_, 1, &stats_, 0);
     EXPECT_FALSE(playlist.start_refreshing());
     playlist.finish();
   }
-  EXPECT_EQ(count(log.out(), "Refreshing ... \n"), 2);
-  EXPECT_EQ(count(log.out(), "failed to get master playlist\n"), 1);
-  EXPECT_EQ(count(log.out(), "MasterPlaylist::finish\n"), 2);
+  EXPECT_EQ(count(log_.out(), "Refreshing ... \n"), 2);
+  EXPECT_EQ(count(log_.out(), "failed to get master playlist\n"), 1);
+  EXPECT_EQ(count(log_.out(), "MasterPlaylist::finish\n"), 2);
 }
 
 TEST_F(PlaylistTest, FinishStopsADownloadThatIsUnderWay) {
-  origin_.on("/master", {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n" + segment("/media"))});
-  origin_.on("/media", {ok("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n" + segment("/1"))});
-  Reply trickle = cut(pattern(1000), 0, End::kStall);
-  trickle.pieces.resize(200, "x");
-  trickle.pause = std::chrono::milliseconds(100);
-  origin_.on("/1", {trickle});
-  CapturedLog log;
+  origin_.on("/master", {ok(master({"/media"}))});
+  origin_.on("/media", {ok(segments({"/1"}))});
+  origin_.on("/1", {slow(pattern(1000), 5, 100ms)});
   MasterPlaylist playlist(origin_.url("/master"), &buffer_, 1 << 20, &stats_, 0);
   ASSERT_TRUE(playlist.start_refreshing());
-  EXPECT_TRUE(log.wait_for_out("getting chunk from "));
+  EXPECT_TRUE(log_.out.shows("getting chunk from "));
   playlist.finish();
-  EXPECT_EQ(count(log.out(), "forced stream break. should finish\n"), 1);
+  EXPECT_EQ(count(log_.out(), "forced stream break. should finish\n"), 1);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "server/server.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "cachemap/cache_map.h"
 #include "server/request.h"
@@ -19,8 +19,6 @@
 
 namespace weir::test {
 namespace {
-
-using End = Reply::End;
 
 // A machine whose clock is real and which never restarts.
 Device tame_device() {
@@ -50,22 +48,23 @@ class RequestTest : public testing::Test {
   std::unique_ptr<Request> request(const std::string& text) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    client_ = std::make_unique<Client>(Client::of_socket(ends[1]));
-    client_->send(text);
-    shutdown(ends[1], SHUT_WR);
+    client_ = ends[1];
+    EXPECT_TRUE(send_all(client_, text));
+    shutdown(client_, SHUT_WR);
     return std::make_unique<Request>(ends[0], 1 << 20, &stats_, &watchdog_);
   }
 
   std::string answer(const std::string& text) {
     request(text)->start();
-    return client_->read();
+    return read_and_close(client_);
   }
 
   CacheMap chunk_map_;
   CacheMap playlist_map_;
   StreamStats stats_;
   Watchdog watchdog_{tame_device()};
-  std::unique_ptr<Client> client_;
+  CapturedLog log_;
+  int client_ = -1;
 };
 
 TEST_F(RequestTest, RequestLineIsTakenApart) {
@@ -86,7 +85,6 @@ TEST_F(RequestTest, RequestLineIsTakenApart) {
       {"GET ?x=1&&y=2", "0 1 [x=1][&y=2]"},
   };
   for (const auto& [line, parts] : cases) {
-    CapturedLog log;
     const auto parsed = request(line + "\r\n\r\n");
     parsed->parse_resource();
     std::string text =
@@ -98,13 +96,13 @@ TEST_F(RequestTest, RequestLineIsTakenApart) {
 
 TEST_F(RequestTest, LineEndsAfter4095BytesAndTheRestIsSkipped) {
   const std::string path = "/" + std::string(5000, 'a');
-  CapturedLog log;
   EXPECT_EQ(answer("GET " + path + " HTTP/1.1\r\n\r\n"),
             head("404 " + path.substr(0, 4095 - 4) + " Not Found", "plain/text"));
 }
 
 TEST_F(RequestTest, EveryRouteAnswersExactly) {
-  const std::string json = "application/json";
+  const std::string ok = head("200 OK", "application/json");
+  const std::string will_try = head("200 Will try to stream...", "application/octet-stream");
   const std::string stats =
       "{\"last_chunk_speed\": 1,\"avg_speed\": 2,\"cbuff_size\": 3,\"selected_profile\": 4}\n";
   stats_.last_chunk_speed.set(1);
@@ -112,40 +110,38 @@ TEST_F(RequestTest, EveryRouteAnswersExactly) {
   stats_.cbuff_size.set(3);
   stats_.selected_profile.set(4);
   const std::pair<std::string, std::string> cases[] = {
-      {"HEAD /stream?url=x HTTP/1.1",
-       head("200 Will try to stream...", "application/octet-stream")},
-      {"HEAD /stream.ts", head("200 Will try to stream...", "application/octet-stream")},
+      {"HEAD /stream?url=x HTTP/1.1", will_try},
+      {"HEAD /stream.ts", will_try},
       {"POST /stream.ts?startFrom=1", head("406 Missing url parameter", "plain/text")},
-      {"GET /stats%2Ejson?x=1", head("200 OK", json) + stats},
-      {"HEAD /stats.json", head("200 OK", json)},
-      {"HEAD /update-cache-map", head("200 OK", json) + "\"OK\"\n"},
-      {"HEAD /watchdog", head("200 OK", json)},
+      {"GET /stats%2Ejson?x=1", ok + stats},
+      {"HEAD /stats.json", ok},
+      {"HEAD /update-cache-map", ok + "\"OK\"\n"},
+      {"HEAD /watchdog", ok},
       {"GET /stream/", head("404 /stream/ Not Found", "plain/text")},
       {"GET /Stream", head("404 /Stream Not Found", "plain/text")},
       {"GET /%0D%0A", head("404 /\r\n Not Found", "plain/text")},
       {"GET  /stats.json", head("404  Not Found", "plain/text")},
       {"GET", head("406 Invalid Request", "plain/text")},
   };
-  CapturedLog log;
   for (const auto& [line, text] : cases) EXPECT_EQ(answer(line + "\r\n\r\n"), text) << line;
   EXPECT_EQ(answer(""), head("406 Invalid Request", "plain/text"));
-  EXPECT_EQ(count(log.out(), "Invald Request\n"), 2);
-  EXPECT_EQ(count(log.err(), "not found\n"), 4);
-  EXPECT_EQ(count(log.out(), "WD: ping\n"), 0);
+  EXPECT_EQ(count(log_.out(), "Invald Request\n"), 2);
+  EXPECT_EQ(count(log_.err(), "not found\n"), 4);
+  EXPECT_EQ(count(log_.out(), "WD: ping\n"), 0);
   answer("POST /watchdog\r\n\r\n");
-  EXPECT_EQ(count(log.out(), "WD: ping\n"), 1);
+  EXPECT_EQ(count(log_.out(), "WD: ping\n"), 1);
   answer("GET /update-cache-map?playlist=a:1&chunk=b:2;c:3,&chunk=d:4\r\n\r\n");
-  EXPECT_NE(log.out().find("setting map to: b:2;c:3,\n"
-                           "ring: alive servers: 1\n  server: b:2 alive\n"
-                           "ring: alive servers: 1\n  server: c:3 alive\n"
-                           "setting map to: a:1\n"),
-            std::string::npos);
+  EXPECT_EQ(count(log_.out(),
+                  "setting map to: b:2;c:3,\n"
+                  "ring: alive servers: 1\n  server: b:2 alive\n"
+                  "ring: alive servers: 1\n  server: c:3 alive\n"
+                  "setting map to: a:1\n"),
+            1);
 }
 
 TEST_F(RequestTest, ProgressIsLoggedInOrder) {
-  CapturedLog log;
   answer("GET /x HTTP/1.1\r\nHost: y\r\n\r\n");
-  EXPECT_EQ(log.out(),
+  EXPECT_EQ(log_.out(),
             "Request::start\nRequest::start 1\nRequest::parse_resource\n"
             "Request::parse_resource -- readline: GET /x HTTP/1.1\n"
             "Request::parse_resource -- split\nit's GET\nparse url\nafter parse url\n"
@@ -160,28 +156,33 @@ class ServerTest : public testing::Test {
     std::thread([port = static_cast<std::uint32_t>(port_)] {
       Server(INADDR_LOOPBACK, port, 5, 1 << 20, tame_device()).run();
     }).detach();
-    while (get("/stats.json").empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(eventually([this] { return !get("/stats.json").empty(); }));
   }
 
-  std::string get(const std::string& resource) {
-    return Client(port_).send("GET " + resource + " HTTP/1.1\r\n\r\n").read();
+  // A connection that has asked for that.
+  int ask(const std::string& resource) {
+    const int fd = connect_to(port_);
+    send_all(fd, "GET " + resource + " HTTP/1.1\r\n\r\n");
+    return fd;
   }
 
-  std::string stream(const std::string& master) {
-    return get("/stream.ts?url=" + url_encode(master));
+  std::string get(const std::string& resource) { return read_and_close(ask(resource)); }
+
+  std::string stream_of(const std::string& path) {
+    return "/stream.ts?url=http%3A%2F%2F" + origin_.address() + path;
   }
 
-  // A stream of these media, in order; the variant's playlist at "/v", its master at "/m".
-  void publish(const std::string& base, const std::vector<std::string>& media, bool ended) {
-    std::string list = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:1\n";
-    for (size_t i = 0; i < media.size(); ++i) {
-      const std::string path = base + "/" + std::to_string(i);
-      origin_.on(path, {ok(media[i])});
+  // A stream of these media at "/m", in order.
+  void publish(const std::vector<std::string>& media, const std::string& end) {
+    std::string list = "#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n";
+    for (const std::string& text : media) {
+      const std::string path = "/" + std::to_string(list.size());
+      origin_.on(path, {ok(text)});
       list += origin_.url(path) + "\n";
     }
-    origin_.on(base + "/v", {ok(list + (ended ? "#EXT-X-ENDLIST\n" : ""))});
-    origin_.on(base + "/m", {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1024\n" +
-                                origin_.url(base + "/v") + "\n")});
+    origin_.on("/v", {ok(list + end)});
+    origin_.on("/m",
+               {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1024\n" + origin_.url("/v") + "\n")});
   }
 
   const std::string stream_head_ = head("200 Streaming...", "application/octet-stream");
@@ -192,19 +193,18 @@ class ServerTest : public testing::Test {
 
 TEST_F(ServerTest, StreamsSideBySideArriveWholeAndLeaveNothingBehind) {
   const std::vector<std::string> media = {pattern(300000, 1), pattern(700000, 2), pattern(1, 3)};
-  publish("/a", media, true);
-  const int thread_count = threads();
-  const int descriptor_count = open_descriptors();
+  publish(media, "#EXT-X-ENDLIST\n");
+  const Baseline before;
   std::vector<std::string> got(4);
   std::vector<std::thread> players;
   for (std::string& text : got) {
-    players.emplace_back([&] { text = stream(origin_.url("/a/m")); });
+    players.emplace_back([&] { text = get(stream_of("/m")); });
   }
   for (std::thread& player : players) player.join();
   for (const std::string& text : got) {
     EXPECT_TRUE(text == stream_head_ + media[0] + media[1] + media[2]) << text.size();
   }
-  EXPECT_TRUE(settles_at(thread_count, descriptor_count));
+  EXPECT_TRUE(before.is_reached());
   EXPECT_EQ(count(log_.err(), "mpl finish and cleanup!\n"), 4);
   EXPECT_EQ(count(log_.out(), "after start\n"), count(log_.out(), "do_request_start\n"));
   EXPECT_NE(get("/stats.json").find("\"selected_profile\": 1}\n"), std::string::npos);
@@ -212,21 +212,13 @@ TEST_F(ServerTest, StreamsSideBySideArriveWholeAndLeaveNothingBehind) {
 
 TEST_F(ServerTest, ConnectionIsLoggedInOrder) {
   get("/x");
-  const std::string lines[] = {"loop\n",
-                               "after select\n",
-                               "read fds select ok\n",
-                               "accepted\n",
-                               "set sock opt\n",
-                               "set sock opt2\n",
-                               "processing request\n",
-                               "Request::process\n",
-                               "Request::process end\n",
-                               "done processing request\n",
-                               "loop\n"};
-  ASSERT_TRUE(log_.wait_for_out("/x\n"));
+  ASSERT_TRUE(log_.out.shows("/x\n"));
   const std::string out = log_.out();
   size_t at = 0;
-  for (const std::string& line : lines) {
+  for (const char* line :
+       {"loop\n", "after select\n", "read fds select ok\n", "accepted\n", "set sock opt\n",
+        "set sock opt2\n", "processing request\n", "Request::process\n", "Request::process end\n",
+        "done processing request\n", "loop\n"}) {
     at = out.find(line, at);
     ASSERT_NE(at, std::string::npos) << line;
   }
@@ -234,56 +226,41 @@ TEST_F(ServerTest, ConnectionIsLoggedInOrder) {
 }
 
 TEST_F(ServerTest, SilentClientHoldsUpNobody) {
-  Client silent(port_);
+  const int silent = connect_to(port_);
   EXPECT_NE(get("/stats.json"), "");
+  close(silent);
 }
 
 TEST_F(ServerTest, StreamThatCantStartIsAHeadAndAClose) {
-  EXPECT_EQ(stream(origin_.url("/gone")), stream_head_);
-  EXPECT_TRUE(log_.wait_for_err("start_refreshing failed!\nmpl finish and cleanup!\n"));
+  EXPECT_EQ(get(stream_of("/gone")), stream_head_);
+  EXPECT_TRUE(log_.err.shows("start_refreshing failed!\nmpl finish and cleanup!\n"));
 }
 
 TEST_F(ServerTest, SilentUpstreamEndsTheStreamAfterFifteenSeconds) {
-  publish("/a", {"media"}, false);
-  origin_.on("/a/v", {ok("#EXTM3U\n#EXT-X-TARGETDURATION:60\n#EXT-X-MEDIA-SEQUENCE:1\n" +
-                         origin_.url("/a/0") + "\n")});
+  publish({"media"}, "#EXT-X-TARGETDURATION:60\n");
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(stream(origin_.url("/a/m")), stream_head_ + "media");
+  EXPECT_EQ(get(stream_of("/m")), stream_head_ + "media");
   EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
   EXPECT_EQ(count(log_.err(), "no data for long time, closing stream\n"), 1);
 }
 
 TEST_F(ServerTest, PlayerThatLeavesEndsItsStreamAndNoOther) {
   const std::vector<std::string> media(12, pattern(800000));
-  publish("/a", media, true);
-  const std::string request =
-      "GET /stream?url=" + url_encode(origin_.url("/a/m")) + " HTTP/1.1\r\n\r\n";
-  Client stays(port_);
-  stays.send(request);
-  {
-    Client leaves(port_);
-    EXPECT_EQ(leaves.send(request).read(200000).size(), 200000U);
-  }
-  EXPECT_TRUE(log_.wait_for_err("mpl finish and cleanup!\n"));
-  EXPECT_EQ(stays.read().size(), stream_head_.size() + 12 * media[0].size());
+  publish(media, "#EXT-X-ENDLIST\n");
+  const int stays = ask(stream_of("/m"));
+  EXPECT_EQ(read_and_close(ask(stream_of("/m")), 200000).size(), 200000U);
+  EXPECT_TRUE(log_.err.shows("mpl finish and cleanup!\n"));
+  EXPECT_EQ(read_and_close(stays).size(), stream_head_.size() + 12 * media[0].size());
 }
 
 TEST(ServerStart, PortInUseIsSaid) {
-  int port = free_port();
-  CapturedLog log;
-  Server first(INADDR_LOOPBACK, static_cast<std::uint32_t>(port), 5, 0, tame_device());
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  local.sin_port = htons(static_cast<std::uint16_t>(port));
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local), 0);
+  const ScriptedOrigin origin;
+  const auto port = static_cast<std::uint32_t>(std::stoul(origin.port()));
   try {
-    first.run();
+    Server(INADDR_LOOPBACK, port, 5, 0, tame_device()).run();
   } catch (const char* text) {
     EXPECT_STREQ(text, "Couldn't bind listening socket.");
   }
-  close(fd);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "support/captured_log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,60 +11,48 @@
 
 namespace weir::test {
 
-CapturedLog::Stream::Stream(int fd_) : fd(fd_), original(dup(fd_)) {
+CapturedStream::CapturedStream(int fd)
+    : fd_(fd), original_(dup(fd)), file_(open("/tmp", O_TMPFILE | O_RDWR, 0600)) {
   std::fflush(nullptr);
-  char name[] = "/tmp/weir-log-XXXXXX";
-  file = mkstemp(name);
-  if (original < 0 || file < 0 || dup2(file, fd) < 0) std::abort();
-  unlink(name);
+  if (original_ < 0 || file_ < 0 || dup2(file_, fd_) < 0) std::abort();
 }
 
-CapturedLog::Stream::~Stream() {
+CapturedStream::~CapturedStream() {
   std::fflush(nullptr);
-  dup2(original, fd);
+  dup2(original_, fd_);
   // A failure's own message is among what was captured.
-  if (testing::Test::HasFailure()) std::fputs(text().c_str(), stdout);
-  close(original);
-  close(file);
+  if (testing::Test::HasFailure()) std::fputs((*this)().c_str(), stdout);
+  close(original_);
+  close(file_);
 }
 
-std::string CapturedLog::Stream::text() const {
+std::string CapturedStream::operator()() const {
   std::fflush(nullptr);
   std::string text;
   char piece[65536];
   ssize_t count;
-  while ((count = pread(file, piece, sizeof piece, static_cast<off_t>(text.size()))) > 0) {
+  while ((count = pread(file_, piece, sizeof piece, static_cast<off_t>(text.size()))) > 0) {
     text.append(piece, static_cast<size_t>(count));
   }
   return text;
 }
 
-bool CapturedLog::Stream::wait_for(const std::string& wanted, int seconds) const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (text().find(wanted) == std::string::npos) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
-
-CapturedLog::CapturedLog() : out_(STDOUT_FILENO), err_(STDERR_FILENO) {}
-CapturedLog::~CapturedLog() = default;
-
-std::string CapturedLog::out() { return out_.text(); }
-std::string CapturedLog::err() { return err_.text(); }
-
-bool CapturedLog::wait_for_out(const std::string& text, int seconds) {
-  return out_.wait_for(text, seconds);
-}
-bool CapturedLog::wait_for_err(const std::string& text, int seconds) {
-  return err_.wait_for(text, seconds);
+bool CapturedStream::shows(const std::string& text) const {
+  return eventually([&] { return count((*this)(), text) > 0; });
 }
 
 int count(const std::string& log, const std::string& text) {
   int found = 0;
   for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; at += text.size()) ++found;
   return found;
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  for (int turn = 0; turn < 2000; ++turn) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
 }  // namespace weir::test

@@ -1,38 +1,37 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace weir::test {
 
-// Takes both streams of the log at their descriptors while it lives. One at a time.
-class CapturedLog {
+// One stream, taken at its descriptor for as long as this lives.
+class CapturedStream {
  public:
-  CapturedLog();
-  ~CapturedLog();
+  explicit CapturedStream(int fd);
+  ~CapturedStream();
 
   // What was written so far, and goes on being captured.
-  std::string out();
-  std::string err();
-
-  // Waits up to `seconds` for a text to appear on the stream.
-  bool wait_for_out(const std::string& text, int seconds = 20);
-  bool wait_for_err(const std::string& text, int seconds = 20);
+  std::string operator()() const;
+  // Waits for a text to appear.
+  bool shows(const std::string& text) const;
 
  private:
-  struct Stream {
-    explicit Stream(int fd_);
-    ~Stream();
-    std::string text() const;
-    bool wait_for(const std::string& wanted, int seconds) const;
-    int fd;
-    int original;
-    int file;
-  };
-  Stream out_;
-  Stream err_;
+  const int fd_;
+  const int original_;
+  const int file_;
+};
+
+// Both streams of the log.
+struct CapturedLog {
+  CapturedStream out{1};
+  CapturedStream err{2};
 };
 
 // How often `text` stands in `log`.
 int count(const std::string& log, const std::string& text);
+
+// Waits up to 20 seconds for something to become true.
+bool eventually(const std::function<bool()>& condition);
 
 }  // namespace weir::test

@@ -1,36 +1,31 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <string>
 
 namespace weir::test {
 
-// A raw HTTP client: says what it is told and reads what comes.
-class Client {
- public:
-  // Connects to loopback, or takes over a socket.
-  explicit Client(int port);
-  static Client of_socket(int fd);
-  ~Client();
-  Client(Client&& other) noexcept;
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
+// A port of loopback, as the system calls take it.
+sockaddr_in loopback(int port);
 
-  Client& send(const std::string& text);
-  // Up to the end of the connection, or so many bytes if they come before.
-  std::string read(size_t most = static_cast<size_t>(-1));
-  void close();
+// A connection to a port of loopback; closed with read_and_close() only.
+int connect_to(int port);
 
- private:
-  struct Socket {
-    int fd;
-  };
-  explicit Client(Socket socket) : fd_(socket.fd) {}
-  int fd_;
-};
+// False when the peer is gone.
+bool send_all(int fd, const std::string& text);
 
-// Percent-encodes all but letters and digits.
-std::string url_encode(const std::string& text);
+// Up to the end of the connection, or so many bytes if they come before.
+std::string read_and_close(int fd, size_t most = static_cast<size_t>(-1));
+
+// All that a buffer holds.
+template <class Buffer>
+std::string drain(Buffer& buffer) {
+  std::string text(buffer.fill(), '\0');
+  text.resize(text.empty() ? 0 : buffer.read(text.data(), text.size()));
+  return text;
+}
 
 // Bytes that differ at every place where a mistake would show.
 std::string pattern(size_t size, unsigned seed = 1);
@@ -38,12 +33,17 @@ std::string pattern(size_t size, unsigned seed = 1);
 // AES-128-CBC with a zero initialisation vector and padding, as segments have it.
 std::string encrypt(const std::string& plain, const std::string& key);
 
-// Of this process: open descriptors, and threads.
-int open_descriptors();
-int threads();
+// What this process has while nothing is going on.
+class Baseline {
+ public:
+  // Waits until there is no more than that: what ran beside the test has ended,
+  // the connections of the origin with it.
+  bool is_reached() const;
 
-// Waits until there are no more threads and descriptors than these: what ran
-// beside the test has ended, the connections of the origin with it.
-bool settles_at(int thread_count, int descriptor_count);
+ private:
+  static long entries(const char* folder);
+  long threads_ = entries("/proc/self/task");
+  long descriptors_ = entries("/proc/self/fd");
+};
 
 }  // namespace weir::test

@@ -1,12 +1,12 @@
 #include "support/scripted_origin.h"
 
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+
+#include "support/client.h"
 
 namespace weir::test {
 
@@ -15,9 +15,7 @@ namespace {
 // A socket bound to a free port of loopback.
 int bound_socket(int& port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in local = loopback(0);
   socklen_t size = sizeof local;
   if (bind(fd, reinterpret_cast<sockaddr*>(&local), size) != 0) std::abort();
   getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size);
@@ -25,47 +23,25 @@ int bound_socket(int& port) {
   return fd;
 }
 
-bool send_all(int fd, const std::string& text) {
-  for (size_t sent = 0; sent < text.size();) {
-    const ssize_t count = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-    if (count <= 0) return false;
-    sent += static_cast<size_t>(count);
-  }
-  return true;
-}
-
-std::string with_length(const std::string& line, const std::string& body,
-                        const std::string& more = "") {
-  return "HTTP/1.1 " + line + "\r\n" + more + "Content-Length: " + std::to_string(body.size()) +
-         "\r\n\r\n" + body;
-}
-
 }  // namespace
 
 Reply raw(std::string bytes, Reply::End end) { return {{std::move(bytes)}, end}; }
 
-Reply ok(const std::string& body) { return raw(with_length("200 OK", body)); }
-
-Reply status(const std::string& line) { return raw(with_length(line, "")); }
+Reply ok(const std::string& body, const std::string& status) {
+  const std::string length = std::to_string(body.size());
+  return raw("HTTP/1.1 " + status + "\r\nContent-Length: " + length + "\r\n\r\n" + body);
+}
 
 Reply cut(const std::string& body, size_t sent, Reply::End end) {
-  std::string text = with_length("200 OK", body);
+  std::string text = ok(body).pieces[0];
   text.resize(text.size() - body.size() + sent);
   return raw(std::move(text), end);
 }
 
-Reply ranged(const std::string& body) {
-  Reply reply;
-  reply.make = [body](const std::string& request) {
-    const std::string range = "Range: bytes=";
-    const size_t found = request.find(range);
-    if (found == std::string::npos) return with_length("200 OK", body);
-    const size_t from = std::stoul(request.substr(found + range.size()));
-    return with_length("206 Partial Content", body.substr(std::min(from, body.size())),
-                       "Content-Range: bytes " + std::to_string(from) + "-" +
-                           std::to_string(body.size() - 1) + "/" + std::to_string(body.size()) +
-                           "\r\n");
-  };
+Reply slow(const std::string& body, size_t piece, std::chrono::milliseconds pause) {
+  Reply reply = cut(body, 0, Reply::End::kKeep);
+  reply.pause = pause;
+  for (size_t at = 0; at < body.size(); at += piece) reply.pieces.push_back(body.substr(at, piece));
   return reply;
 }
 
@@ -75,19 +51,15 @@ int free_port() {
   return port;
 }
 
-BlackHole::BlackHole() : sockets_{bound_socket(port_)} {
-  if (listen(sockets_[0], 0) != 0) std::abort();
-  sockaddr_in local{};
-  socklen_t size = sizeof local;
-  getsockname(sockets_[0], reinterpret_cast<sockaddr*>(&local), &size);
+int silent_port() {
+  int port;
+  if (listen(bound_socket(port), 0) != 0) std::abort();
+  const sockaddr_in local = loopback(port);
   for (int queued = 0; queued < 4; ++queued) {
-    sockets_.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    (void)connect(sockets_.back(), reinterpret_cast<sockaddr*>(&local), size);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    (void)connect(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local);
   }
-}
-
-BlackHole::~BlackHole() {
-  for (const int fd : sockets_) close(fd);
+  return port;
 }
 
 ScriptedOrigin::ScriptedOrigin() : listen_fd_(bound_socket(port_)) {
@@ -112,16 +84,9 @@ void ScriptedOrigin::on(const std::string& path, std::vector<Reply> replies) {
   scripts_[path] = {std::move(replies), 0};
 }
 
-std::vector<std::string> ScriptedOrigin::requests() {
+std::string ScriptedOrigin::requests() {
   const std::lock_guard lock(mutex_);
   return requests_;
-}
-
-int ScriptedOrigin::requests_for(const std::string& path) {
-  const std::vector<std::string> all = requests();
-  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const std::string& request) {
-    return request.starts_with("GET " + path + " ");
-  }));
 }
 
 void ScriptedOrigin::accept_loop() {
@@ -148,34 +113,26 @@ void ScriptedOrigin::serve(int fd) {
     text.erase(0, end + 4);
   }
   const std::lock_guard lock(mutex_);
-  open_.erase(std::find(open_.begin(), open_.end(), fd));
+  std::erase(open_, fd);
   close(fd);
 }
 
-Reply ScriptedOrigin::next_reply(const std::string& path) {
+Reply ScriptedOrigin::next_reply(const std::string& request) {
   const std::lock_guard lock(mutex_);
-  const auto found = scripts_.find(path);
-  if (found == scripts_.end()) return status("404 Not Found");
+  requests_ += request;
+  const size_t start = request.find(' ') + 1;
+  const auto found = scripts_.find(request.substr(start, request.find(' ', start) - start));
+  if (found == scripts_.end()) return ok("", "404 Not Found");
   auto& [replies, next] = found->second;
   return replies[std::min(next++, replies.size() - 1)];
 }
 
 // False when the connection is to be closed.
 bool ScriptedOrigin::answer(int fd, const std::string& request) {
-  {
-    const std::lock_guard lock(mutex_);
-    requests_.push_back(request);
-  }
-  const size_t start = request.find(' ') + 1;
-  const Reply reply = next_reply(request.substr(start, request.find(' ', start) - start));
-  if (reply.make && !send_all(fd, reply.make(request))) return false;
+  const Reply reply = next_reply(request);
   for (size_t i = 0; i < reply.pieces.size(); ++i) {
     if (i > 0) std::this_thread::sleep_for(reply.pause);
     if (stopping_ || !send_all(fd, reply.pieces[i])) return false;
-  }
-  if (reply.end == Reply::End::kReset) {
-    const linger abort{1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
   }
   // Silent until the peer or the destructor ends it.
   char byte;
