@@ -156,7 +156,7 @@ TEST(Aligned, MemoryIsAlignedAndWholeAndKnowsWhereItCameFrom) {
 
 TEST(CBuff, ABlockThatCannotBeHadIsReportedAndRefused) {
   CBuff buffer(std::uint64_t{1} << 60);
-  unsigned char* out = nullptr;
+  auto* out = reinterpret_cast<unsigned char*>(&buffer);
   CapturedLog log;
   EXPECT_EQ(buffer.write("", 0) + buffer.write("abc", 3), 0U);
   EXPECT_EQ(buffer.reserve(&out) + buffer.sealAndReserve(&out), 0U);

@@ -134,7 +134,7 @@ TEST(CacheMap, NoThreadFindsAMapHalfSet) {
       for (int i = 0; i < kTimes; ++i) map.invalidateServer(i % 2 == 0 ? "a" : "b");
     });
     for (int i = 0; i < kTimes; ++i) {
-      if (map.selectServer("/" + std::to_string(i)).empty()) ++none;
+      if (map.selectServer(std::string("/").append(std::to_string(i))).empty()) ++none;
     }
     updating.join();
     invalidating.join();
