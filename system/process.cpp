@@ -26,8 +26,8 @@ void raise_descriptor_limit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A block of a buffer that is mapped anew costs a page fault every 4 KiB, more
-// than all else that is done with its bytes. So blocks come from malloc's heap,
+// A block of a buffer that is mapped anew costs a page fault every 4 KiB, nearly
+// as much as moving its bytes. So blocks come from malloc's heap,
 // and what is freed stays there until release_free_memory(). One heap for all
 // threads: what one stream frees serves the next, and only the main heap gives
 // its top back when asked.

@@ -132,13 +132,30 @@ TEST(CBuff, ClearLeavesNothingBehind) {
   EXPECT_EQ(all_read(buffer), "x");
 }
 
-TEST(CBuff, AnEmptyPeekWaitsOnceAndTouchesNothing) {
-  CBuff buffer(8);
-  unsigned char* from = nullptr;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(buffer.peek(&from), 0U);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
-  EXPECT_EQ(from, nullptr);
+TEST(CBuff, AnEmptyPeekWaitsAndReturnsWhatCameMeanwhile) {
+  using std::chrono::milliseconds;
+  bool came_meanwhile = false;
+  // More than once, since either thread may get its processor too late.
+  for (int i = 0; i < 50 && !came_meanwhile; ++i) {
+    CBuff buffer(8);
+    std::atomic<bool> peeking{false};
+    std::thread producer([&] {
+      while (!peeking.load(std::memory_order_relaxed)) std::this_thread::yield();
+      std::this_thread::sleep_for(milliseconds(10));
+      buffer.write("late", 4);
+    });
+    unsigned char* from = nullptr;
+    const auto start = std::chrono::steady_clock::now();
+    peeking.store(true, std::memory_order_relaxed);
+    const std::uint64_t size = buffer.peek(&from);
+    const bool waited = std::chrono::steady_clock::now() - start >= milliseconds(100);
+    producer.join();
+    EXPECT_TRUE(size == 4 || waited);
+    EXPECT_EQ(from == nullptr, size == 0) << "touched though there is nothing";
+    EXPECT_EQ(taken(buffer), "late");
+    came_meanwhile = size == 4 && waited;
+  }
+  EXPECT_TRUE(came_meanwhile);
 }
 
 TEST(Aligned, MemoryIsAlignedAndWholeAndKnowsWhereItCameFrom) {

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/captured_log.h"
@@ -13,7 +15,10 @@ namespace {
 // A machine whose clock and marker file the test sets. It refuses to be rebooted
 // and keeps what stood on the error stream at each attempt.
 struct Machine {
-  static timespec now() { return clock; }
+  static timespec now() {
+    std::this_thread::yield();
+    return clock;
+  }
   static bool marker_exists() { return marker; }
   static void reboot() { reboots.push_back(log->err()); }
 
@@ -90,6 +95,28 @@ TEST(Watchdog, BothInOneTurnTheFileFirst) {
        {{1290, 0}, Act::kCheckWithMarker},
        {{1300, 0}, Act::kCheckWithMarker, {kFile, kFile + kTimeout}},
        {{1301, 0}, Act::kCheckWithMarker, {kFile}}});
+}
+
+// Armed but without its time, it would look as old as the machine.
+TEST(Watchdog, AFirstPingIsNeverSeenHalfWay) {
+  Machine::clock = {1000000, 0};
+  Machine::marker = false;
+  Machine::reboots.clear();
+  {
+    CapturedLog log;
+    Machine::log = &log;
+    for (int i = 0; i < 300; ++i) {
+      Watchdog watchdog(kDevice);
+      std::atomic<bool> pinged{false};
+      std::thread client([&] {
+        watchdog.ping();
+        pinged.store(true, std::memory_order_relaxed);
+      });
+      while (!pinged.load(std::memory_order_relaxed)) watchdog.check();
+      client.join();
+    }
+  }
+  EXPECT_TRUE(Machine::reboots.empty());
 }
 
 }  // namespace
