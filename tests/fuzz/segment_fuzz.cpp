@@ -1,0 +1,104 @@
+// An enciphered segment that arrives in pieces of any size and is resumed between
+// some of them, beside the same bytes deciphered at one go. The first byte is the
+// length of the key and whether the segment is garbage, the second goes into the
+// size of a block; then two bytes a piece: its size, and whether it is what came
+// with the head of a resumed answer.
+#include <openssl/evp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "buffer/aligned.h"
+#include "buffer/cbuff.h"
+#include "support/client.h"
+#include "upstream/ucurl.h"
+
+namespace {
+
+constexpr std::size_t kMaxRead = 131071;
+
+struct Piece {
+  std::string bytes;
+  bool resumed;
+};
+
+unsigned char* bytes_of(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
+
+std::string decipher(std::string text, std::string key) {
+  key.resize(16);
+  const unsigned char zero_iv[16] = {};
+  std::string plain(text.size() + 32, '\0');
+  int count = 0;
+  int last = 0;
+  EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
+  EVP_DecryptInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes_of(key), zero_iv);
+  EVP_DecryptUpdate(context, bytes_of(plain), &count, bytes_of(text),
+                    static_cast<int>(text.size()));
+  if (EVP_DecryptFinal_ex(context, bytes_of(plain) + count, &last) != 1) last = 0;
+  EVP_CIPHER_CTX_free(context);
+  plain.resize(static_cast<std::size_t>(count + last));
+  return plain;
+}
+
+}  // namespace
+
+namespace weir {
+
+class UCurlPeer {
+ public:
+  static void run(const std::vector<Piece>& pieces, const std::string& key, CBuff& buffer) {
+    UCurl curl;
+    int ends[2];
+    // One packet is one read.
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0) std::abort();
+    curl.sock = ends[0];
+    const AlignedBytes input = aligned_bytes(kMaxRead);
+    UCurl::Body body{nullptr, &buffer, nullptr};
+    curl.prepare_cipher(key, false);
+    for (const auto& [bytes, resumed] : pieces) {
+      if (resumed) {
+        curl.prepare_cipher(key, true);
+        if (!curl.deliver_first(bytes, buffer)) std::abort();
+      } else if (!bytes.empty()) {
+        if (send(ends[1], bytes.data(), bytes.size(), 0) < 0) std::abort();
+        if (!curl.receive_encrypted(body, input.get())) std::abort();
+      }
+    }
+    curl.finish_cipher(buffer);
+    close(ends[1]);
+  }
+};
+
+}  // namespace weir
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < 2 || data[0] % 32 == 0 || size > 20) return 0;
+  std::vector<Piece> pieces;
+  std::size_t total = 0;
+  for (std::size_t i = 2; i + 1 < size; i += 2) {
+    const std::size_t length = (data[i] & 0x7FU) * 1024 + data[i + 1];
+    pieces.push_back({std::string(std::min(length, kMaxRead), '\0'), (data[i] & 0x80) != 0});
+    total += pieces.back().bytes.size();
+  }
+  std::string key(data[0] % 32, 'k');
+  std::string text = weir::test::pattern(total);
+  if ((data[0] & 0x80) == 0 && total >= 16) {
+    std::string full_key = key;
+    full_key.resize(16);
+    text = weir::test::encrypt(text.substr(0, total - 16), full_key);
+  }
+  text.resize(total);
+  for (std::size_t at = 0; Piece & piece : pieces) {
+    piece.bytes = text.substr(at, piece.bytes.size());
+    at += piece.bytes.size();
+  }
+  weir::CBuff buffer(kMaxRead + 32 + data[1] * 64);
+  weir::UCurlPeer::run(pieces, key, buffer);
+  if (weir::test::drain(buffer) != decipher(text, key) || buffer.fill() != 0) std::abort();
+  return 0;
+}
