@@ -14,27 +14,12 @@
 #include "stats/stream_stats.h"
 #include "support/captured_log.h"
 #include "support/client.h"
+#include "support/running_server.h"
 #include "support/scripted_origin.h"
 #include "watchdog/watchdog.h"
 
 namespace weir::test {
 namespace {
-
-// A machine whose clock is real and which never restarts.
-Device tame_device() {
-  return {[] {
-            timespec now{};
-            clock_gettime(CLOCK_MONOTONIC, &now);
-            return now;
-          },
-          [] { return false; }, [] {}};
-}
-
-std::string head(const std::string& status, const std::string& type) {
-  return "HTTP/1.0 " + status + "\r\nContent-Type: " + type +
-         "\r\nConnection: close\r\nAllow: GET, HEAD\r\nCache-Control: no-cache\r\n"
-         "Access-Control-Allow-Origin: *\r\n\r\n";
-}
 
 // Requests without a server: each on a socket pair, on the test's own thread.
 class RequestTest : public testing::Test {
@@ -148,29 +133,9 @@ TEST_F(RequestTest, ProgressIsLoggedInOrder) {
             "Request::start 2\nRequest::start 3 << /x\n");
 }
 
-// A whole server on a free port, with its loop on a thread of its own. The loop
-// has no end, so the server is left running when the test's process exits.
 class ServerTest : public testing::Test {
  protected:
-  ServerTest() : port_(free_port()) {
-    std::thread([port = static_cast<std::uint32_t>(port_)] {
-      Server(INADDR_LOOPBACK, port, 5, 1 << 20, tame_device()).run();
-    }).detach();
-    EXPECT_TRUE(eventually([this] { return !get("/stats.json").empty(); }));
-  }
-
-  // A connection that has asked for that.
-  int ask(const std::string& resource) {
-    const int fd = connect_to(port_);
-    send_all(fd, "GET " + resource + " HTTP/1.1\r\n\r\n");
-    return fd;
-  }
-
-  std::string get(const std::string& resource) { return read_and_close(ask(resource)); }
-
-  std::string stream_of(const std::string& path) {
-    return "/stream.ts?url=http%3A%2F%2F" + origin_.address() + path;
-  }
+  std::string stream_of(const std::string& path) { return stream_resource(origin_.url(path)); }
 
   // A stream of these media at "/m", in order.
   void publish(const std::vector<std::string>& media, const std::string& end) {
@@ -185,10 +150,9 @@ class ServerTest : public testing::Test {
                {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1024\n" + origin_.url("/v") + "\n")});
   }
 
-  const std::string stream_head_ = head("200 Streaming...", "application/octet-stream");
   CapturedLog log_;
   ScriptedOrigin origin_;
-  int port_;
+  RunningServer server_;
 };
 
 TEST_F(ServerTest, StreamsSideBySideArriveWholeAndLeaveNothingBehind) {
@@ -198,20 +162,20 @@ TEST_F(ServerTest, StreamsSideBySideArriveWholeAndLeaveNothingBehind) {
   std::vector<std::string> got(4);
   std::vector<std::thread> players;
   for (std::string& text : got) {
-    players.emplace_back([&] { text = get(stream_of("/m")); });
+    players.emplace_back([&] { text = server_.get(stream_of("/m")); });
   }
   for (std::thread& player : players) player.join();
   for (const std::string& text : got) {
-    EXPECT_TRUE(text == stream_head_ + media[0] + media[1] + media[2]) << text.size();
+    EXPECT_TRUE(text == kStreamHead + media[0] + media[1] + media[2]) << text.size();
   }
   EXPECT_TRUE(before.is_reached());
   EXPECT_EQ(count(log_.err(), "mpl finish and cleanup!\n"), 4);
   EXPECT_EQ(count(log_.out(), "after start\n"), count(log_.out(), "do_request_start\n"));
-  EXPECT_NE(get("/stats.json").find("\"selected_profile\": 1}\n"), std::string::npos);
+  EXPECT_NE(server_.get("/stats.json").find("\"selected_profile\": 1}\n"), std::string::npos);
 }
 
 TEST_F(ServerTest, ConnectionIsLoggedInOrder) {
-  get("/x");
+  server_.get("/x");
   ASSERT_TRUE(log_.out.shows("/x\n"));
   const std::string out = log_.out();
   size_t at = 0;
@@ -226,20 +190,20 @@ TEST_F(ServerTest, ConnectionIsLoggedInOrder) {
 }
 
 TEST_F(ServerTest, SilentClientHoldsUpNobody) {
-  const int silent = connect_to(port_);
-  EXPECT_NE(get("/stats.json"), "");
+  const int silent = server_.connect();
+  EXPECT_NE(server_.get("/stats.json"), "");
   close(silent);
 }
 
 TEST_F(ServerTest, StreamThatCantStartIsAHeadAndAClose) {
-  EXPECT_EQ(get(stream_of("/gone")), stream_head_);
+  EXPECT_EQ(server_.get(stream_of("/gone")), kStreamHead);
   EXPECT_TRUE(log_.err.shows("start_refreshing failed!\nmpl finish and cleanup!\n"));
 }
 
 TEST_F(ServerTest, SilentUpstreamEndsTheStreamAfterFifteenSeconds) {
   publish({"media"}, "#EXT-X-TARGETDURATION:60\n");
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(get(stream_of("/m")), stream_head_ + "media");
+  EXPECT_EQ(server_.get(stream_of("/m")), kStreamHead + "media");
   EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
   EXPECT_EQ(count(log_.err(), "no data for long time, closing stream\n"), 1);
 }
@@ -247,10 +211,10 @@ TEST_F(ServerTest, SilentUpstreamEndsTheStreamAfterFifteenSeconds) {
 TEST_F(ServerTest, PlayerThatLeavesEndsItsStreamAndNoOther) {
   const std::vector<std::string> media(12, pattern(800000));
   publish(media, "#EXT-X-ENDLIST\n");
-  const int stays = ask(stream_of("/m"));
-  EXPECT_EQ(read_and_close(ask(stream_of("/m")), 200000).size(), 200000U);
+  const int stays = server_.ask(stream_of("/m"));
+  EXPECT_EQ(read_and_close(server_.ask(stream_of("/m")), 200000).size(), 200000U);
   EXPECT_TRUE(log_.err.shows("mpl finish and cleanup!\n"));
-  EXPECT_EQ(read_and_close(stays).size(), stream_head_.size() + 12 * media[0].size());
+  EXPECT_EQ(read_and_close(stays).size(), kStreamHead.size() + 12 * media[0].size());
 }
 
 TEST(ServerStart, PortInUseIsSaid) {

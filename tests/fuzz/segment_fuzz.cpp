@@ -3,7 +3,6 @@
 // length of the key and whether the segment is garbage, the second goes into the
 // size of a block; then two bytes a piece: its size, and whether it is what came
 // with the head of a resumed answer.
-#include <openssl/evp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,24 +25,6 @@ struct Piece {
   std::string bytes;
   bool resumed;
 };
-
-unsigned char* bytes_of(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
-
-std::string decipher(std::string text, std::string key) {
-  key.resize(16);
-  const unsigned char zero_iv[16] = {};
-  std::string plain(text.size() + 32, '\0');
-  int count = 0;
-  int last = 0;
-  EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
-  EVP_DecryptInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes_of(key), zero_iv);
-  EVP_DecryptUpdate(context, bytes_of(plain), &count, bytes_of(text),
-                    static_cast<int>(text.size()));
-  if (EVP_DecryptFinal_ex(context, bytes_of(plain) + count, &last) != 1) last = 0;
-  EVP_CIPHER_CTX_free(context);
-  plain.resize(static_cast<std::size_t>(count + last));
-  return plain;
-}
 
 }  // namespace
 
@@ -85,12 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     pieces.push_back({std::string(std::min(length, kMaxRead), '\0'), (data[i] & 0x80) != 0});
     total += pieces.back().bytes.size();
   }
-  std::string key(data[0] % 32, 'k');
+  const std::string key(data[0] % 32, 'k');
   std::string text = weir::test::pattern(total);
   if ((data[0] & 0x80) == 0 && total >= 16) {
-    std::string full_key = key;
-    full_key.resize(16);
-    text = weir::test::encrypt(text.substr(0, total - 16), full_key);
+    text = weir::test::encrypt(text.substr(0, total - 16), key);
   }
   text.resize(total);
   for (std::size_t at = 0; Piece & piece : pieces) {
@@ -99,6 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   weir::CBuff buffer(kMaxRead + 32 + data[1] * 64);
   weir::UCurlPeer::run(pieces, key, buffer);
-  if (weir::test::drain(buffer) != decipher(text, key) || buffer.fill() != 0) std::abort();
+  if (weir::test::drain(buffer) != weir::test::decipher(text, key) || buffer.fill() != 0)
+    std::abort();
   return 0;
 }

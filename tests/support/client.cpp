@@ -51,19 +51,29 @@ std::string pattern(size_t size, unsigned seed) {
   return text;
 }
 
-std::string encrypt(const std::string& plain, const std::string& key) {
+// One pass of the cipher, without looking at what it thinks of the last block.
+static std::string cipher(std::string in, std::string key, int encrypting, bool end) {
   const auto bytes = [](auto& text) { return reinterpret_cast<unsigned char*>(text.data()); };
-  std::string in = plain;
-  std::string secret = key;
-  std::string out(plain.size() + 16, '\0');
+  key.resize(16);
   const unsigned char zero_iv[16] = {};
+  std::string out(in.size() + 32, '\0');
   int size = 0;
+  int last = 0;
   EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
-  EVP_EncryptInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes(secret), zero_iv);
-  EVP_EncryptUpdate(context, bytes(out), &size, bytes(in), static_cast<int>(in.size()));
-  EVP_EncryptFinal_ex(context, bytes(out) + size, &size);
+  EVP_CipherInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes(key), zero_iv, encrypting);
+  EVP_CipherUpdate(context, bytes(out), &size, bytes(in), static_cast<int>(in.size()));
+  if (!end || EVP_CipherFinal_ex(context, bytes(out) + size, &last) != 1) last = 0;
   EVP_CIPHER_CTX_free(context);
-  return out.substr(0, plain.size() / 16 * 16 + 16);
+  out.resize(static_cast<size_t>(size + last));
+  return out;
+}
+
+std::string encrypt(const std::string& plain, const std::string& key) {
+  return cipher(plain, key, 1, true);
+}
+
+std::string decipher(const std::string& text, const std::string& key, bool end) {
+  return cipher(text, key, 0, end);
 }
 
 long Baseline::entries(const char* folder) {

@@ -32,6 +32,9 @@ std::string pattern(size_t size, unsigned seed = 1);
 
 // AES-128-CBC with a zero initialisation vector and padding, as segments have it.
 std::string encrypt(const std::string& plain, const std::string& key);
+// The reverse, for any text and any key. With `end`, the last block loses its
+// padding, or is dropped when that is wrong; without it the cipher keeps the block.
+std::string decipher(const std::string& text, const std::string& key, bool end = true);
 
 // What this process has while nothing is going on.
 class Baseline {

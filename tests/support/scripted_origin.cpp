@@ -134,6 +134,10 @@ bool ScriptedOrigin::answer(int fd, const std::string& request) {
     if (i > 0) std::this_thread::sleep_for(reply.pause);
     if (stopping_ || !send_all(fd, reply.pieces[i])) return false;
   }
+  if (reply.end == Reply::End::kReset) {
+    const linger none{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+  }
   // Silent until the peer or the destructor ends it.
   char byte;
   while (reply.end == Reply::End::kStall && read(fd, &byte, 1) > 0) {

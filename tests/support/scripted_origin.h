@@ -13,10 +13,10 @@ namespace weir::test {
 
 // What the origin does once a request has been read.
 struct Reply {
-  enum class End { kKeep, kClose, kStall };
+  enum class End { kKeep, kClose, kStall, kReset };
 
   std::vector<std::string> pieces;      // sent as they are, one write each
-  End end = End::kKeep;                 // then the connection is kept, closed or left silent
+  End end = End::kKeep;                 // then the connection is kept, closed, left silent or reset
   std::chrono::milliseconds pause{20};  // between the pieces
 };
 
