@@ -257,7 +257,7 @@ TEST_P(FaultTest, IsContained) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EverywhereIn, FaultTest, testing::ValuesIn(kFaults),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // Clear and enciphered, at every byte of a segment of some blocks.
 TEST(Resume, GoesOnExactlyWhereAStallBrokeOff) {

@@ -195,11 +195,6 @@ TEST_F(ServerTest, SilentClientHoldsUpNobody) {
   close(silent);
 }
 
-TEST_F(ServerTest, StreamThatCantStartIsAHeadAndAClose) {
-  EXPECT_EQ(server_.get(stream_of("/gone")), kStreamHead);
-  EXPECT_TRUE(log_.err.shows("start_refreshing failed!\nmpl finish and cleanup!\n"));
-}
-
 TEST_F(ServerTest, SilentUpstreamEndsTheStreamAfterFifteenSeconds) {
   publish({"media"}, "#EXT-X-TARGETDURATION:60\n");
   const auto start = std::chrono::steady_clock::now();

@@ -331,26 +331,6 @@ TEST_F(UpstreamTest, Http10SegmentIsTakenAsItIsToTheEnd) {
   EXPECT_EQ(curl_.position, 0U);
 }
 
-TEST_F(UpstreamTest, StalledSegmentResumesWhereItStopped) {
-  const std::string media = pattern(3000);
-  const std::string secret = encrypt(media, kKey);
-  for (const size_t offset : {1UL, 15UL, 16UL, 1007UL, 3007UL}) {
-    const std::string from = std::to_string(offset) + "-";
-    origin_.on("/s",
-               {cut(secret, offset, End::kStall),
-                ok(secret.substr(offset), "206 P\r\nContent-Range: bytes " + from + "/3008")});
-    CapturedLog log;
-    EXPECT_EQ(stream("/s", kKey), -1);
-    EXPECT_EQ(curl_.position, offset);
-    EXPECT_EQ(stream("/s", kKey, offset), static_cast<std::int64_t>(3008 - offset));
-    EXPECT_EQ(curl_.position, 3008U);
-    EXPECT_TRUE(drain(buffer_) == media) << offset;
-    EXPECT_EQ(log.err(), "Excep: recv timeout2\nDEBUG: from bytes specified! " +
-                             std::to_string(offset) + "\n");
-    EXPECT_EQ(count(origin_.requests(), "\r\nRange: bytes=" + from + "\r\n"), 1);
-  }
-}
-
 TEST_F(UpstreamTest, OffsetComesFromTheContentRange) {
   const std::pair<const char*, std::uint64_t> cases[] = {
       {"Content-Range: bytes 4096-8191/8192", 4098},
