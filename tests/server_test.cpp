@@ -137,15 +137,16 @@ class ServerTest : public testing::Test {
  protected:
   std::string stream_of(const std::string& path) { return stream_resource(origin_.url(path)); }
 
-  // A stream of these media at "/m", in order.
-  void publish(const std::vector<std::string>& media, const std::string& end) {
+  // A stream of these media at "/m", in order, whose list takes a while to come.
+  void publish(const std::vector<std::string>& media, const std::string& end,
+               std::chrono::milliseconds pause = {}) {
     std::string list = "#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n";
     for (const std::string& text : media) {
       const std::string path = "/" + std::to_string(list.size());
       origin_.on(path, {ok(text)});
       list += origin_.url(path) + "\n";
     }
-    origin_.on("/v", {ok(list + end)});
+    origin_.on("/v", {slow(list + end, 4096, pause)});
     origin_.on("/m",
                {ok("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1024\n" + origin_.url("/v") + "\n")});
   }
@@ -210,6 +211,38 @@ TEST_F(ServerTest, PlayerThatLeavesEndsItsStreamAndNoOther) {
   EXPECT_EQ(read_and_close(server_.ask(stream_of("/m")), 200000).size(), 200000U);
   EXPECT_TRUE(log_.err.shows("mpl finish and cleanup!\n"));
   EXPECT_EQ(read_and_close(stays).size(), kStreamHead.size() + 12 * media[0].size());
+}
+
+// While this lives no thread can be had: there is no room for its stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, size_t{1} << 47);
+    pthread_setattr_default_np(&huge);
+  }
+  ~NoThreads() { pthread_setattr_default_np(&before_); }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  pthread_attr_t before_{};
+};
+
+TEST_F(ServerTest, WithoutThreadsRequestsAreClosedAndPassesWait) {
+  publish({"a", "b", "c", "d", "e"}, "#EXT-X-ENDLIST\n", std::chrono::seconds(1));
+  std::string got;
+  std::thread player([&] { got = server_.get(stream_of("/m")); });
+  {
+    EXPECT_TRUE(log_.out.shows("Chunklist: refresh variant\n"));
+    const NoThreads none;
+    EXPECT_EQ(server_.get("/stats.json"), "");
+    EXPECT_TRUE(log_.err.shows("Using cached playlist (still got 5 chunks in advance)\n"));
+  }
+  player.join();
+  EXPECT_EQ(got, kStreamHead + "abcde");
 }
 
 TEST(ServerStart, PortInUseIsSaid) {

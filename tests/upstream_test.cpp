@@ -58,6 +58,14 @@ class UCurlPeer {
     return text + response;
   }
 
+  // To a server that reads nothing and has had its fill.
+  bool send_to_the_full() {
+    const std::string much(1 << 20, 'x');
+    while (send(curl.sock, much.data(), much.size(), MSG_DONTWAIT) > 0) {
+    }
+    return curl.send_request("GET");
+  }
+
   bool get_common(const std::string& url) {
     std::string response;
     return curl.get_common(url, response, false, 0);
@@ -234,6 +242,22 @@ TEST_F(UpstreamTest, ServerThatCantBeReachedIsTriedFourTimesWithTwoPauses) {
     EXPECT_EQ(count(log.out(), out), 4);
   }
   EXPECT_GE(milliseconds(), 3 * 1990);
+}
+
+TEST_F(UpstreamTest, CallsThatTheSystemRefusesAreReported) {
+  EXPECT_FALSE(UCurlPeer().send_to_the_full());
+  EXPECT_EQ(log_.err(), "Send timeout\n");
+  // No TCP connection goes to a multicast address.
+  EXPECT_FALSE(UCurlPeer().get_common("http://224.0.0.1/"));
+  EXPECT_EQ(count(log_.err(), "ERR: connect failed: Network is unreachable\n"), 4);
+  UCurlPeer peer;
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{0, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_FALSE(peer.get_common(origin_.url("/a")));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(count(log_.err(), "Could not create socket\n"), 4);
 }
 
 TEST_F(UpstreamTest, NamesAreResolved) {
