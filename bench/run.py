@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """One stream at full speed: weir beside a relay that does nothing else.
 
-Serves a film of pseudo-random segments from nginx on loopback, clear and
-enciphered, and lets each program fetch and deliver it to a player that throws
-the bytes away. All take turns in every round; printed are medians, spreads and
-ratios to the relay of the same round, as a Markdown table.
+Serves a film from nginx on loopback, clear and enciphered, and lets each program
+fetch and deliver it to a player that throws the bytes away; peers that are
+installed write it to /dev/null. All take turns in every round; printed are
+medians, spreads and ratios to the relay of the same round, as a Markdown table.
 """
 
 import argparse
@@ -18,7 +18,9 @@ import time
 import urllib.parse
 from pathlib import Path
 
-SEGMENT = 5_000_000  # bytes: five seconds of 8 Mbit/s
+from film import make_film
+from peers import PEERS
+
 ORIGIN, RELAY, WEIR = 8090, 8091, 7744
 TICKS = os.sysconf("SC_CLK_TCK")
 HERE = Path(__file__).resolve().parent
@@ -28,26 +30,6 @@ http {{ access_log off; sendfile on; keepalive_requests 1000000; client_body_tem
 proxy_temp_path t/p; fastcgi_temp_path t/f; uwsgi_temp_path t/u; scgi_temp_path t/s;
 server {{ listen 127.0.0.1:{port}; root {root}; }} }}
 """
-
-
-def make_film(root, segments):
-    """Hard links to one segment: the page cache holds it, so the disk is not measured."""
-    base = f"http://127.0.0.1:{ORIGIN}"
-    (root / "key").write_bytes(os.urandom(16))
-    (root / "segment").write_bytes(os.urandom(SEGMENT))
-    subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", (root / "key").read_bytes().hex(),
-                    "-iv", "0" * 32, "-in", root / "segment", "-out", root / "secret"], check=True)
-    for kind, source in (("clear", "segment"), ("aes", "secret")):
-        (root / kind).mkdir()
-        lines = ["#EXTM3U", "#EXT-X-TARGETDURATION:5", "#EXT-X-MEDIA-SEQUENCE:1"]
-        if kind == "aes":
-            lines.append(f'#EXT-X-KEY:METHOD=AES-128,IV=0x{"0" * 32},URI="{base}/key"')
-        for i in range(1, segments + 1):
-            os.link(root / source, root / kind / f"{i}.ts")
-            lines += ["#EXTINF:5,", f"{base}/{kind}/{i}.ts"]
-        (root / f"{kind}.m3u8").write_text("\n".join(lines + ["#EXT-X-ENDLIST", ""]))
-        (root / f"{kind}-master.m3u8").write_text(
-            f"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=8000000\n{base}/{kind}.m3u8\n")
 
 
 def wait_for(port):
@@ -80,9 +62,9 @@ def cpu_and_peak(pid):
 
 
 class Bench:
-    def __init__(self, build, work, segments, weir_buffer):
-        self.build, self.work, self.segments, self.buffer = build, work, segments, weir_buffer
-        self.size = segments * SEGMENT
+    def __init__(self, build, work, film, weir_buffer):
+        self.build, self.work, self.buffer = build, work, weir_buffer
+        self.segments, self.size = film
 
     def relay(self, kind):
         key = [str(self.work / "www/key")] if kind == "aes" else []
@@ -97,6 +79,20 @@ class Bench:
         assert total == self.size, f"relay: {total} of {self.size} bytes"
         return total / seconds, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
 
+    def peer(self, command):
+        """A run of one of the peers, for a kind of media: it has no player, only an end."""
+        def run(kind):
+            url = f"http://127.0.0.1:{ORIGIN}/{kind}-master.m3u8"
+            start = time.monotonic()
+            process = subprocess.Popen(command(url), stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            _, status, usage = os.wait4(process.pid, 0)
+            process.returncode = os.waitstatus_to_exitcode(status)
+            assert process.returncode == 0, f"{command(url)[0]}: status {process.returncode}"
+            seconds = time.monotonic() - start
+            return self.size / seconds, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
+        return run
+
     def weir(self, kind):
         command = [HERE.parent / "script/without-reboot", self.build / "weir", str(self.buffer)]
         with open(self.work / "weir.log", "wb") as log:
@@ -110,7 +106,7 @@ class Bench:
             url = urllib.parse.quote(f"http://127.0.0.1:{ORIGIN}/{kind}-master.m3u8", safe="")
             total, seconds = play(WEIR, f"/stream?url={url}")
             after, peak = cpu_and_peak(process.pid)
-            assert total > self.size, f"weir: {total} of {self.size} bytes"
+            assert total - self.size in range(1, 1000), f"weir: {total} of {self.size} bytes"
             return self.size / seconds, after - before, peak
         finally:
             process.terminate()
@@ -121,28 +117,32 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", type=Path, default=HERE.parent / "build/bench")
     parser.add_argument("--rounds", type=int, default=7)
-    parser.add_argument("--segments", type=int, default=156)
+    parser.add_argument("--segments", type=int, default=156, help="of five seconds and 5 MB")
+    parser.add_argument("--no-peers", action="store_true")
     parser.add_argument("--buffer", type=int, default=2_000_000_000, help="bytes, of weir")
     options = parser.parse_args()
     work = Path(tempfile.mkdtemp())
     (work / "www").mkdir()
     (work / "t").mkdir()
     work.chmod(0o755)
-    make_film(work / "www", options.segments)
+    film = make_film(work / "www", options.segments, f"http://127.0.0.1:{ORIGIN}")
     (work / "nginx.conf").write_text(NGINX.format(port=ORIGIN, root=work / "www"))
     nginx = subprocess.Popen(["nginx", "-p", work, "-e", work / "error.log", "-c",
                               work / "nginx.conf"])
     try:
         wait_for(ORIGIN)
-        report(Bench(options.build, work, options.segments, options.buffer), options.rounds)
+        bench = Bench(options.build, work, film, options.buffer)
+        programs = {"relay": bench.relay, "weir": bench.weir}
+        if not options.no_peers:
+            programs |= {name: bench.peer(command) for name, command in PEERS.items()}
+        report(bench, programs, options.rounds)
     finally:
         nginx.terminate()
         nginx.wait()
         shutil.rmtree(work)
 
 
-def report(bench, rounds):
-    programs = {"relay": bench.relay, "weir": bench.weir}
+def report(bench, programs, rounds):
     print("| media | program | MB/s | ratio | CPU s/GB | ratio | peak RSS MiB |")
     print("| --- | --- | --- | --- | --- | --- | --- |")
     for kind in ("clear", "aes"):
