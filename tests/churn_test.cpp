@@ -37,7 +37,7 @@ class ChurnTest : public testing::Test {
   }
 
   // Until the time is over, on a thread of its own.
-  void repeat(std::function<void(std::minstd_rand&)> turn) {
+  void repeat(const std::function<void(std::minstd_rand&)>& turn) {
     threads_.emplace_back([this, turn, seed = threads_.size() + 1] {
       std::minstd_rand random(static_cast<unsigned>(seed));
       for (; std::chrono::steady_clock::now() < end_; ++turns_) {

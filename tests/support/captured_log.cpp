@@ -7,19 +7,37 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <thread>
 
+extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void* fd);
+
 namespace weir::test {
+
+// A test that dies says why where it can be seen.
+static int error_stream = -1;
+static void die_aloud(int original) {
+  error_stream = original;
+  if (__sanitizer_set_report_fd != nullptr) {
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(original)));
+  }
+  static const std::terminate_handler handler = std::set_terminate([] {
+    dup2(error_stream, STDERR_FILENO);
+    handler();
+  });
+}
 
 CapturedStream::CapturedStream(int fd)
     : fd_(fd), original_(dup(fd)), file_(open("/tmp", O_TMPFILE | O_RDWR, 0600)) {
   std::fflush(nullptr);
   if (original_ < 0 || file_ < 0 || dup2(file_, fd_) < 0) std::abort();
+  if (fd == STDERR_FILENO) die_aloud(original_);
 }
 
 CapturedStream::~CapturedStream() {
   std::fflush(nullptr);
   dup2(original_, fd_);
+  if (fd_ == STDERR_FILENO) die_aloud(fd_);
   // A failure's own message is among what was captured.
   if (testing::Test::HasFailure()) std::fputs((*this)().c_str(), stdout);
   close(original_);

@@ -2,6 +2,8 @@
 // its own: only tests that use the server's room can have it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <ctime>
 #include <string>
 #include <thread>
@@ -40,7 +42,11 @@ class RunningServer {
  public:
   RunningServer() : port_(free_port()) {
     std::thread([port = static_cast<std::uint32_t>(port_)] {
-      Server(INADDR_LOOPBACK, port, 5, 1 << 20, tame_device()).run();
+      try {
+        Server(INADDR_LOOPBACK, port, 5, 1 << 20, tame_device()).run();
+      } catch (const char* text) {
+        ADD_FAILURE() << text;
+      }
     }).detach();
     if (!eventually([this] { return !get("/stats.json").empty(); })) std::abort();
   }

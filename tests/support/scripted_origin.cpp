@@ -75,7 +75,7 @@ ScriptedOrigin::~ScriptedOrigin() {
     const std::lock_guard lock(mutex_);
     for (const int fd : open_) shutdown(fd, SHUT_RDWR);
   }
-  for (std::thread& thread : threads_) thread.join();
+  while (serving_ > 0) std::this_thread::yield();
   close(listen_fd_);
 }
 
@@ -95,7 +95,11 @@ void ScriptedOrigin::accept_loop() {
     ++connections_;
     const std::lock_guard lock(mutex_);
     open_.push_back(fd);
-    threads_.emplace_back([this, fd] { serve(fd); });
+    ++serving_;
+    std::thread([this, fd] {
+      serve(fd);
+      --serving_;
+    }).detach();
   }
 }
 

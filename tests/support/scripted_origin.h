@@ -61,7 +61,7 @@ class ScriptedOrigin {
   std::mutex mutex_;
   std::map<std::string, std::pair<std::vector<Reply>, size_t>> scripts_;
   std::string requests_;
-  std::vector<std::thread> threads_;
+  std::atomic<int> serving_{0};  // threads
   std::vector<int> open_;
   std::thread acceptor_;
 };
