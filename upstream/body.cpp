@@ -42,7 +42,7 @@ std::uint64_t reserve_at_least(CBuff& cbuff, std::size_t wanted, unsigned char**
 void CipherFree::operator()(evp_cipher_ctx_st* context) const { EVP_CIPHER_CTX_free(context); }
 
 bool UCurl::download_body(std::string& response, Body& body, const std::string& key, bool resume) {
-  prepare_cipher(key, resume);
+  if (!prepare_cipher(key, resume)) return false;
   if (body.out != nullptr) body.out->clear();
   body.received = 0;
   if (http11 == 0) {
@@ -69,17 +69,25 @@ bool UCurl::download_body(std::string& response, Body& body, const std::string& 
 }
 
 // The initialisation vector is always zero. A download that resumes goes on with
-// the context that the one before left, in the middle of the chain.
-void UCurl::prepare_cipher(const std::string& key, bool resume) {
+// the context that the one before left, in the middle of the chain. Without a
+// cipher, or with half of one, there is nothing to decipher with: the download
+// fails, to be tried again from its start.
+bool UCurl::prepare_cipher(const std::string& key, bool resume) {
   if (key.empty()) cipher.reset();
-  if (key.empty() || resume) return;
+  if (key.empty() || resume) return true;
   std::array<unsigned char, kKeySize> bytes{};  // a short key is padded with zeros
   std::copy_n(key.begin(), std::min(key.size(), bytes.size()), bytes.begin());
   constexpr std::array<unsigned char, 16> kZeroIv{};
   cipher.reset();
   cipher.reset(EVP_CIPHER_CTX_new());
-  if (cipher == nullptr) return;
-  (void)EVP_DecryptInit_ex(cipher.get(), EVP_aes_128_cbc(), nullptr, bytes.data(), kZeroIv.data());
+  if (cipher != nullptr && EVP_DecryptInit_ex(cipher.get(), EVP_aes_128_cbc(), nullptr,
+                                              bytes.data(), kZeroIv.data()) == 1) {
+    return true;
+  }
+  log_err("Unable to set up the cipher");
+  cipher.reset();
+  close_if_open();  // in the middle of a response
+  return false;
 }
 
 std::optional<std::uint64_t> UCurl::content_length() const {

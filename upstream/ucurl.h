@@ -116,7 +116,7 @@ class UCurl {
   };
   [[nodiscard]] bool download_body(std::string& response, Body& body, const std::string& key,
                                    bool resume);
-  void prepare_cipher(const std::string& key, bool resume);
+  [[nodiscard]] bool prepare_cipher(const std::string& key, bool resume);
   void read_to_end(const std::string& first, Body& body);
   void fill_string(const std::string& first, Body& body, std::uint64_t length);
   void fill_buffer(const std::string& first, Body& body, std::uint64_t length);
