@@ -1,7 +1,9 @@
 #include "server/server.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 #include <openssl/crypto.h>
+#include <openssl/evp.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -33,6 +35,17 @@ struct Shared {
   StreamStats stats;
 };
 Shared* shared = nullptr;
+
+// The crypto library and the resolver set themselves up at their first use. Where
+// memory runs out in the middle of that they crash, hang, or fail for ever after:
+// so they do it here, before there is a stream to lose. No name is looked up.
+void set_up_libraries() {
+  // The library's own exit handler would take the ciphers from running threads.
+  (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  EVP_CIPHER_free(EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr));
+  sethostent(0);
+  endhostent();
+}
 
 }  // namespace
 
@@ -66,8 +79,7 @@ void Server::createListeningSocket() {
 
 void Server::run() {
   createListeningSocket();
-  // The library's own exit handler would take the ciphers from running threads.
-  (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  set_up_libraries();
   shared = new Shared(device);
   for (;;) {
     log_out("loop");
