@@ -11,10 +11,11 @@ BOUND = 40  # s; no wait of the program for one failure is longer than 16
 
 
 def make_film(key):
-    """A clear segment that needs two blocks of the buffer, and an enciphered one."""
+    """A clear segment that needs two blocks of the buffer, and an enciphered one that needs
+    several reads and a third block. No byte stands in both."""
     source = random.Random(1)
-    clear = bytes(source.choices(range(128), k=530_000))
-    plain = bytes(source.choices(range(128, 256), k=20_000))
+    clear = source.randbytes(530_000).translate(bytes(i & 127 for i in range(256)))
+    plain = source.randbytes(420_000).translate(bytes(i | 128 for i in range(256)))
     secret = subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", key.hex(), "-iv", "0" * 32],
                             input=plain, capture_output=True, check=True).stdout
     return clear, plain, secret

@@ -62,8 +62,7 @@ enum Call {
 };
 
 struct Page {
-  std::atomic<std::int64_t>
-      armed;  // the call that is to fail; set last, and any other number is none
+  std::atomic<std::int64_t> armed;  // the call that is to fail, -1 for none; set last
   std::atomic<std::int64_t> nth;    // from 1
   std::atomic<std::int64_t> error;  // errno of the failure; 0 is a time-out
   std::atomic<std::int64_t> fired;  // set last

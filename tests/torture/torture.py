@@ -30,7 +30,8 @@ ABORTED = (-signal.SIGABRT, "terminate called after throwing an instance of 'std
 # What fails, how, what the player is promised, and how the process may end.
 #   whole:    every byte, since the program tries again or has no need to.
 #   gone:     a beginning, of the body also without its head.
-#   nothing:  all or no body: a thread is started when nothing was sent.
+#   nothing:  all or no body: a thread is started when nothing was sent. All where
+#             it is the timer that starts one, since that tries again.
 #   document: one that falls silent isn't asked for again: without its key the
 #             second segment comes as it was served. A segment is resumed.
 #   parts:    a beginning of each segment: a broken read is a segment's end.
@@ -60,7 +61,9 @@ FAULTS = [
     ("thread", errno.EAGAIN, "nothing", None),
     ("resolve", errno.EAGAIN, "whole", None),
 ]
-EXACTLY = {"nothing": [WHOLE, b"", HEAD], "document": [WHOLE, HEAD, HEAD + CLEAR + SECRET]}
+TIMER = "MasterPlaylist::timer_thread_entry"
+EXACTLY = {"nothing": [WHOLE, b"", HEAD],
+           "document": [WHOLE, HEAD, HEAD + CLEAR + SECRET]}
 
 
 def kept(promise, film):
@@ -75,7 +78,7 @@ def kept(promise, film):
                                       for segment in (PLAIN, SECRET) for start in (split - 1, split))
 
 
-def strike(weir, fault, nth, warm):
+def strike(weir, symbols, fault, nth, warm):
     """One failure. Returns whether it was reached, and what became of it."""
     call, error, promise, end = fault
     weir.arm(CALLS.index(call), error, nth)
@@ -85,7 +88,9 @@ def strike(weir, fault, nth, warm):
         weir.page[ARMED] = -1
         fired = bool(weir.page[FIRED])
         survived = "whole" if film == WHOLE else "cut"
-        if not kept(promise if fired else "whole", film):
+        if not fired or (promise == "nothing" and TIMER in symbols.callers(weir)):
+            promise = "whole"
+        if not kept(promise, film):
             complaint = f"{promise} broken: {len(film)} bytes"
         elif not weir.settled(warm):
             complaint = f"threads, descriptors, allocations {weir.last}, not {weir.idle}"
@@ -114,14 +119,15 @@ class Symbols:
                             if line[17] in "tTwW")
         self.end = max(address for address, _ in self.table) + 4096
 
-    def caller(self, weir):
-        """The innermost function of weir's own on the stack of the failure."""
+    def callers(self, weir):
+        """The functions of weir's own on the stack of the failure, the innermost first."""
+        names = []
         for address in weir.page[TRACE:TRACE + weir.page[DEPTH]]:
             if 0 < address - weir.base < self.end:
                 name = self.table[bisect.bisect(self.table, (address - weir.base, "~")) - 1][1]
                 if name.startswith("weir::"):
-                    return re.sub(r"\(anonymous namespace\)::|weir::|[(\[<].*", "", name)
-        return "a thread's start"
+                    names.append(re.sub(r"\(anonymous namespace\)::|weir::|[(\[<].*", "", name))
+        return names or ["a thread's start"]
 
 
 def shares(reach, options):
@@ -141,12 +147,12 @@ def work_off(options):
     with tempfile.TemporaryDirectory() as work:
         weir = Weir(options.program, options.shim, Path(work))
         try:
-            for fault, nth in shares(weir.reach(warm), options):
+            for fault, nth in shares(weir.reach(), options):
                 if weir.process.poll() is not None:
                     weir.start(warm)
-                fired, outcome = strike(weir, fault, nth, warm)
+                fired, outcome = strike(weir, symbols, fault, nth, warm)
                 if fired or outcome != "whole":
-                    print(json.dumps([fault[:2], nth, symbols.caller(weir), outcome]), flush=True)
+                    print(json.dumps([fault[:2], nth, symbols.callers(weir)[0], outcome]), flush=True)
                 if options.cold:
                     weir.stop()
         finally:
