@@ -23,15 +23,17 @@ def make_film(key):
 
 KEY = bytes(range(16))
 CLEAR, PLAIN, SECRET = make_film(KEY)
-HEAD = (b"HTTP/1.0 200 Streaming...\r\nContent-Type: application/octet-stream\r\nConnection: close\r\n"
-        b"Allow: GET, HEAD\r\nCache-Control: no-cache\r\nAccess-Control-Allow-Origin: *\r\n\r\n")
+HEAD = (b"HTTP/1.0 200 Streaming...\r\nContent-Type: application/octet-stream\r\n"
+        b"Connection: close\r\nAllow: GET, HEAD\r\n"
+        b"Cache-Control: no-cache\r\nAccess-Control-Allow-Origin: *\r\n\r\n")
 VARIANT = f"""#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXT-X-MEDIA-SEQUENCE:1
 #EXTINF:5,\nhttp://@/film/one/clear.ts
 #EXT-X-KEY:METHOD=AES-128,URI="http://localhost:{ORIGIN}/key"
 #EXTINF:5,\nhttp://@/film/one/secret.ts\n#EXT-X-ENDLIST\n""".encode()
 FILES = {b"/film/one/clear.ts": CLEAR, b"/film/one/secret.ts": SECRET, b"/key": KEY,
          b"/film/a.m3u8": VARIANT, b"/film/b.m3u8": VARIANT, b"/film/master.m3u8":
-         b"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=800000\nhttp://~/film/a.m3u8\nhttp://~/film/b.m3u8\n"}
+         b"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=800000\n"
+         b"http://~/film/a.m3u8\nhttp://~/film/b.m3u8\n"}
 WHOLE = HEAD + CLEAR + PLAIN
 RING = f"127.0.0.1:{ORIGIN},127.0.0.2:{ORIGIN}"
 
@@ -49,9 +51,10 @@ class Origin(socketserver.StreamRequestHandler):
         while field := self.rfile.readline().strip():
             if field.startswith(b"Range: bytes="):
                 start = int(field[13:-1])
-        body, size = FILES[path][start:], len(FILES[path])
-        status = f"206 Part\r\nContent-Range: bytes {start}-{size - 1}/{size}" if start else "200 OK"
-        self.wfile.write(f"HTTP/1.1 {status}\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body)
+        body, end = FILES[path][start:], len(FILES[path])
+        status = f"206 Part\r\nContent-Range: bytes {start}-{end - 1}/{end}" if start else "200 OK"
+        head = f"HTTP/1.1 {status}\r\nContent-Length: {len(body)}\r\n\r\n"
+        self.wfile.write(head.encode() + body)
 
 
 def serve():

@@ -23,7 +23,9 @@ class Weir:
 
     def __init__(self, program, shim, work):
         self.command = ["script/without-reboot", "env", f"LD_PRELOAD={shim}",
-                        f"WEIR_TORTURE={work}/page", "GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0",
+                        f"WEIR_TORTURE={work}/page",
+                        # Kept stacks would be allocations that stay.
+                        "GLIBC_TUNABLES=glibc.pthread.stack_cache_size=0",
                         program, "1000000"]
         self.errors, self.process, self.base = work / "errors", None, 0
         self.idle = self.last = None
@@ -76,7 +78,7 @@ class Weir:
         return counts[1]
 
     def settled(self, warm):
-        """Whether it comes back to what it was; a cold one is only held to threads and descriptors."""
+        """Whether it is again what it was; a cold one only in threads and descriptors."""
         compared = 3 if warm else 2
         deadline = time.monotonic() + SETTLING
         while self.process.poll() is None and time.monotonic() < deadline:

@@ -74,8 +74,9 @@ def kept(promise, film):
     if promise == "gone":
         return WHOLE.startswith(film) or (CLEAR + PLAIN).startswith(body)
     split = len(os.path.commonprefix([CLEAR, body]))
-    return promise == "parts" and any(segment.startswith(body[max(start, 0):])
-                                      for segment in (PLAIN, SECRET) for start in (split - 1, split))
+    rests = body[max(split - 1, 0):], body[split:]  # the clear segment may go on by chance
+    return promise == "parts" and any(
+        whole.startswith(rest) for whole in (PLAIN, SECRET) for rest in rests)
 
 
 def strike(weir, symbols, fault, nth, warm):
@@ -152,7 +153,8 @@ def work_off(options):
                     weir.start(warm)
                 fired, outcome = strike(weir, symbols, fault, nth, warm)
                 if fired or outcome != "whole":
-                    print(json.dumps([fault[:2], nth, symbols.callers(weir)[0], outcome]), flush=True)
+                    caller = symbols.callers(weir)[0]
+                    print(json.dumps([fault[:2], nth, caller, outcome]), flush=True)
                 if options.cold:
                     weir.stop()
         finally:
@@ -191,7 +193,8 @@ def report(results, seconds):
         print(f"{name:25} {sum(row.values()):5} times: {row['whole']:4} whole, {row['cut']:3} cut, "
               f"{row['ended']:4} ended as allowed, {row['FAULT']:3} faults")
     for call, callers in ends.items():
-        print(f"{call} ends it in:", ", ".join(f"{caller} {n}" for caller, n in callers.most_common()))
+        places = (f"{caller} {number}" for caller, number in callers.most_common())
+        print(f"{call} ends it in:", ", ".join(places))
     faults = sum(row["FAULT"] for row in rows.values())
     print(f"{len(results)} failures in {seconds:.0f} s, {faults} faults")
     return results and not faults
