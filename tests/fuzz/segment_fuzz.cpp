@@ -40,10 +40,10 @@ class UCurlPeer {
     curl.sock = ends[0];
     const AlignedBytes input = aligned_bytes(kMaxRead);
     UCurl::Body body{nullptr, &buffer, nullptr};
-    curl.prepare_cipher(key, false);
+    if (!curl.prepare_cipher(key, false)) std::abort();
     for (const auto& [bytes, resumed] : pieces) {
       if (resumed) {
-        curl.prepare_cipher(key, true);
+        if (!curl.prepare_cipher(key, true)) std::abort();
         if (!curl.deliver_first(bytes, buffer)) std::abort();
       } else if (!bytes.empty()) {
         if (send(ends[1], bytes.data(), bytes.size(), 0) < 0) std::abort();
