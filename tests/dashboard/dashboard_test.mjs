@@ -1,0 +1,120 @@
+// The dashboard in Chromium, opened from disk and from a web server at once,
+// while weir streams, stops streaming, hangs, dies and comes back.
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { eventually, packages, pageFile, sleep, startBrowser, startOrigin, startPlayer, startWeir, stats }
+  from './stream.mjs';
+
+const axe = readFileSync(packages.resolve('axe-core/axe.min.js'), 'utf8');
+const names = ['last_chunk_speed', 'avg_speed', 'selected_profile', 'cbuff_size'];
+
+// What a page asked for and complained about.
+async function open(browser, address, options) {
+  const page = await browser.newPage(options);
+  const seen = { page, asked: new Set(), complaints: [], waiting: 0, mostWaiting: 0, tops: new Set() };
+  page.on('request', (request) => {
+    seen.asked.add(request.url());
+    seen.mostWaiting = Math.max(seen.mostWaiting, ++seen.waiting);
+  });
+  page.on('requestfinished', () => --seen.waiting);
+  page.on('requestfailed', () => --seen.waiting);
+  page.on('pageerror', (error) => seen.complaints.push(String(error)));
+  page.on('console', (message) => {
+    // That a connection fails the browser says by itself, and no page can keep it from that.
+    if (!message.text().includes('net::ERR_')) seen.complaints.push(message.text());
+  });
+  await page.goto(address);
+  return seen;
+}
+
+const says = (seen, text) => eventually(`"${text}"`, async () =>
+  (await seen.page.innerText('#state')).includes(text), 30);
+const figures = ({ page }) => Promise.all(names.map((name) => page.innerText(`#${name}`)));
+
+// The columns of pixels of a chart in which a line of that colour is to be seen.
+const drawn = ({ page }, chart, colour) => page.evaluate(([selector, name]) => {
+  const canvas = document.querySelector(`${selector} canvas`);
+  // Read from a copy: reading from the chart's own makes the browser complain.
+  const { width, height } = canvas;
+  const copy = Object.assign(document.createElement('canvas'), { width, height });
+  const pen = copy.getContext('2d', { willReadFrequently: true });
+  pen.fillStyle = getComputedStyle(document.documentElement).getPropertyValue(name);
+  pen.fillRect(0, 0, 1, 1);
+  const wanted = pen.getImageData(0, 0, 1, 1).data;
+  pen.clearRect(0, 0, width, height);
+  pen.drawImage(canvas, 0, 0);
+  const { data } = pen.getImageData(0, 0, width, height);
+  const columns = new Set();
+  for (let at = 0; at < data.length; at += 4) {
+    if ([0, 1, 2].every((part) => Math.abs(data[at + part] - wanted[part]) < 12)) columns.add(at / 4 % width);
+  }
+  return [...columns].sort((left, right) => left - right);
+}, [chart, colour]);
+const lines = [['#speed', '--last'], ['#speed', '--average'], ['#speed', '--variant'], ['#buffer', '--fill']];
+
+// Nothing to be scrolled sideways, nothing moved, and nothing that axe has to complain about.
+async function isInShape(seen) {
+  const [overflow, top] = await seen.page.evaluate(() => [
+    document.documentElement.scrollWidth - innerWidth, document.querySelector('#buffer').getBoundingClientRect().top]);
+  assert.ok(overflow <= 0, `${overflow} pixels too wide`);
+  seen.tops.add(top);
+  assert.equal(seen.tops.size, 1, `the page jumped: ${[...seen.tops]}`);
+  await seen.page.evaluate(axe);
+  const { violations } = await seen.page.evaluate(() => axe.run());
+  assert.deepEqual(violations.map(({ id, nodes }) => [id, nodes.map((node) => node.failureSummary)]), []);
+}
+
+const origin = await startOrigin([4e5, 1.6e6]);
+const browser = await startBrowser();
+let weir = await startWeir(1 << 22);
+const wide = await open(browser, `${pageFile.href}#127.0.0.1`, { viewport: { width: 1100, height: 800 } });
+const phone = await open(browser, origin.url, { viewport: { width: 320, height: 640 }, colorScheme: 'dark' });
+const pages = [wide, phone];
+const all = (action) => Promise.all(pages.map(action));
+
+await all((seen) => says(seen, 'No stream yet'));
+const player = startPlayer(origin.master, 1e6);
+await all((seen) => says(seen, 'Streaming'));
+await all(isInShape);
+for (const seen of pages) {
+  for (const [chart, colour] of lines) {
+    const before = await drawn(seen, chart, colour);
+    await eventually(`${colour} to grow`, async () => (await drawn(seen, chart, colour)).length > before.length);
+  }
+}
+
+player.stop();
+await all((seen) => eventually('the figures of weir', async () => {
+  const answer = await (await fetch(stats)).json();
+  assert.ok(answer.avg_speed > 0 && answer.selected_profile > 0);
+  return String(await figures(seen)) === String(names.map((name) => answer[name].toLocaleString('en')));
+}));
+await all((seen) => says(seen, 'Unchanged'));
+await all(isInShape);
+
+weir.kill('SIGSTOP');
+await all((seen) => says(seen, 'Not reachable'));
+await all((seen) => says(seen, 'within 1.5 s'));
+await sleep(2000);
+weir.kill('SIGKILL');
+await all((seen) => says(seen, 'failed'));
+await all(async (seen) => assert.deepEqual(await figures(seen), ['–', '–', '–', '–']));
+await all(isInShape);
+
+weir = await startWeir(1 << 22);
+await all((seen) => says(seen, 'Back since'));
+startPlayer(origin.master, 1e6);
+await all((seen) => says(seen, 'Streaming'));
+await all(isInShape);
+for (const seen of pages) {
+  const columns = await drawn(seen, '#buffer', '--fill');
+  const gaps = columns.map((column, index) => column - (columns[index - 1] ?? column));
+  assert.ok(Math.max(...gaps) > 8, 'the line goes on where weir was away');
+  assert.deepEqual(seen.complaints, []);
+  assert.equal(seen.mostWaiting, 1, 'requests pile up');
+}
+assert.deepEqual([...wide.asked], [pageFile.href, stats]);
+assert.deepEqual([...phone.asked], [origin.url, stats]);
+await browser.close();
+console.log('the dashboard shows what weir does');
+process.exit(0);
