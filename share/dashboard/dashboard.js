@@ -188,7 +188,7 @@ function makeChart(root, unit, height, lines) {
       y: { range: (self, min, max) => [0, uPlot.rangeNum(0, max || 100, 0.1, true)[1]] },
     },
     axes: [
-      { ...axis, values: timeLabels, space: 76, size: 30 },
+      { ...axis, values: timeLabels, incrs: [1, 2, 5, 10, 15, 30, 60, 120, 180, 300], space: 68, size: 30 },
       { ...axis, label: unit, labelSize: 18, size: 54, space: 36, values: amountLabels },
     ],
     series: [{ label: 'Time', value: (self, time) => (time == null ? '–' : clock(time)) }, ...lines],

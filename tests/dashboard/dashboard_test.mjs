@@ -76,12 +76,12 @@ await all((seen) => says(seen, 'No stream yet'));
 const player = startPlayer(origin.master, 1e6);
 await all((seen) => says(seen, 'Streaming'));
 await all(isInShape);
-for (const seen of pages) {
+await all(async (seen) => {
   for (const [chart, colour] of lines) {
     const before = await drawn(seen, chart, colour);
     await eventually(`${colour} to grow`, async () => (await drawn(seen, chart, colour)).length > before.length);
   }
-}
+});
 
 player.stop();
 await all((seen) => eventually('the figures of weir', async () => {
@@ -90,6 +90,12 @@ await all((seen) => eventually('the figures of weir', async () => {
   return String(await figures(seen)) === String(names.map((name) => answer[name].toLocaleString('en')));
 }));
 await all((seen) => says(seen, 'Unchanged'));
+await all(async (seen) => {
+  const over = seen.page.locator('#speed .u-over');
+  await over.hover({ position: { x: (await over.boundingBox()).width - 5, y: 50 } });
+  const legend = await seen.page.locator('.u-series:not(:first-child) .u-value').allInnerTexts();
+  assert.deepEqual(legend, await figures(seen), 'the lines are not those of the figures');
+});
 await all(isInShape);
 
 weir.kill('SIGSTOP');
