@@ -3,6 +3,7 @@ add_library(weir_build INTERFACE)
 
 option(WEIR_TESTS "Build the tests" ON)
 option(WEIR_BENCH "Build the benchmarks" OFF)
+option(WEIR_DEBIAN "Prepare the Debian package" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
 option(WEIR_WERROR "Warnings are errors" OFF)
 option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)
@@ -20,7 +21,9 @@ endif()
 if(WEIR_HARDENED)
   target_compile_options(weir_build INTERFACE
     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection
-    -fPIE -ffunction-sections -fdata-sections)
+    -fPIE -ffunction-sections -fdata-sections
+    # Where it was built leaves no trace in what was built.
+    -ffile-prefix-map=${PROJECT_BINARY_DIR}/include/= -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
   target_link_options(weir_build INTERFACE
     -pie -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
 endif()
