@@ -10,6 +10,11 @@ option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)
 set(WEIR_SANITIZE "" CACHE STRING "Comma-separated sanitizers, none recovered from")
 option(WEIR_COVERAGE "Instrument for gcov" OFF)
 
+# Without it stat() fails on a file with a large inode number, and time ends in 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(weir_build INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 target_compile_options(weir_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
   target_compile_options(weir_build INTERFACE -Wthread-safety)

@@ -18,7 +18,7 @@ namespace {
 
 std::string peeked(CBuff& buffer) {
   unsigned char* from = nullptr;
-  const std::uint64_t size = buffer.peek(&from);
+  const auto size = static_cast<size_t>(buffer.peek(&from));
   return {reinterpret_cast<const char*>(from), size};
 }
 
@@ -147,7 +147,7 @@ TEST(CBuff, AnEmptyPeekWaitsAndReturnsWhatCameMeanwhile) {
     unsigned char* from = nullptr;
     const auto start = std::chrono::steady_clock::now();
     peeking.store(true, std::memory_order_relaxed);
-    const std::uint64_t size = buffer.peek(&from);
+    const auto size = static_cast<size_t>(buffer.peek(&from));
     const bool waited = std::chrono::steady_clock::now() - start >= milliseconds(100);
     producer.join();
     EXPECT_TRUE(size == 4 || waited);
@@ -235,12 +235,12 @@ class Stress {
         continue;
       }
       ASSERT_LE(fill, 4 * block_) << "it went below 0";
-      std::string bytes(1 + random() % (3 * block_), '\0');
+      std::string bytes(static_cast<size_t>(1 + random() % (3 * block_)), '\0');
       if (random() % 4 == 0) {
         bytes.resize(buffer_.read(bytes.data(), bytes.size()));
       } else {
         unsigned char* from = nullptr;
-        bytes.resize(std::min(bytes.size(), buffer_.peek(&from)));
+        bytes.resize(std::min(bytes.size(), static_cast<size_t>(buffer_.peek(&from))));
         std::copy_n(from, bytes.size(), bytes.begin());
         buffer_.consume(bytes.size());
       }
