@@ -151,7 +151,7 @@ std::uint64_t CBuff::read(void* destination, std::uint64_t capacity) {
     unsigned char* from = nullptr;
     const std::uint64_t count = std::min(peek(&from), capacity - copied);
     if (count == 0) break;
-    std::memcpy(bytes + copied, from, count);
+    std::memcpy(bytes + copied, from, static_cast<std::size_t>(count));
     consume(count);
     copied += count;
   }
