@@ -1,4 +1,5 @@
 // weir: an HTTP restreaming proxy for HTTP Live Streaming.
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
@@ -19,7 +20,7 @@ int main(int argc, char** argv) {
     weir::log_err("Specify maximal buffer size");
     return 2;
   }
-  const long maxBufferSize = std::strtol(argv[1], nullptr, 10);
+  const std::int64_t maxBufferSize = std::strtoll(argv[1], nullptr, 10);
   const auto server = std::make_unique<weir::Server>(kAllInterfaces, kPort, kBacklog, maxBufferSize,
                                                      weir::real_device());
   try {

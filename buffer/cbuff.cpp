@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds kEmptyWait{100};
 
 CBlock* new_block(std::uint64_t size) {
   void* const descriptor = aligned_allocate(sizeof(CBlock));
-  auto* const data = static_cast<unsigned char*>(aligned_allocate(size));
+  auto* const data = static_cast<unsigned char*>(aligned_allocate(static_cast<std::size_t>(size)));
   if (descriptor == nullptr || data == nullptr) {
     log_err("CBUFF: Unable to allocate mem for cblock data");
     aligned_release(descriptor);
@@ -83,7 +83,7 @@ std::uint64_t CBuff::write(const void* source, std::uint64_t length) {
   while (stored < length) {
     if (room_ == 0 && !append()) break;
     const std::uint64_t count = std::min(room_, length - stored);
-    std::memcpy(cur_->data + pos_, bytes + stored, count);
+    std::memcpy(cur_->data + pos_, bytes + stored, static_cast<std::size_t>(count));
     publish(count);
     stored += count;
   }
@@ -151,7 +151,7 @@ std::uint64_t CBuff::read(void* destination, std::uint64_t capacity) {
     unsigned char* from = nullptr;
     const std::uint64_t count = std::min(peek(&from), capacity - copied);
     if (count == 0) break;
-    std::memcpy(bytes + copied, from, count);
+    std::memcpy(bytes + copied, from, static_cast<std::size_t>(count));
     consume(count);
     copied += count;
   }

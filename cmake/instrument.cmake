@@ -3,11 +3,17 @@ add_library(weir_build INTERFACE)
 
 option(WEIR_TESTS "Build the tests" ON)
 option(WEIR_BENCH "Build the benchmarks" OFF)
+option(WEIR_DEBIAN "Prepare the Debian package" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
 option(WEIR_WERROR "Warnings are errors" OFF)
 option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)
 set(WEIR_SANITIZE "" CACHE STRING "Comma-separated sanitizers, none recovered from")
 option(WEIR_COVERAGE "Instrument for gcov" OFF)
+
+# Without it stat() fails on a file with a large inode number, and time ends in 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  target_compile_definitions(weir_build INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 
 target_compile_options(weir_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
@@ -20,7 +26,9 @@ endif()
 if(WEIR_HARDENED)
   target_compile_options(weir_build INTERFACE
     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection
-    -fPIE -ffunction-sections -fdata-sections)
+    -fPIE -ffunction-sections -fdata-sections
+    # Where it was built leaves no trace in what was built.
+    -ffile-prefix-map=${PROJECT_BINARY_DIR}/include/= -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
   target_link_options(weir_build INTERFACE
     -pie -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
 endif()

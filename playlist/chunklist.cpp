@@ -30,7 +30,7 @@ std::string key_url_of(const std::string& line) {
   return url;
 }
 
-long number_after(std::string_view tag, const std::string& line) {
+std::int64_t number_after(std::string_view tag, const std::string& line) {
   return leading_number(line.substr(tag.size()));
 }
 

@@ -64,7 +64,7 @@ void StreamHandler::pump(CBuff& buffer, const MasterPlaylist& playlist, time_t s
     if (readable > 0) {
       // All that was offered is consumed: a short write loses its rest. That is meant.
       const std::uint64_t count = std::min(readable, kMaxWrite);
-      if (write(fd, bytes, count) < 0) return;
+      if (write(fd, bytes, static_cast<std::size_t>(count)) < 0) return;
       lastSent = seconds_now();
       buffer.consume(count);
     } else if (static_cast<double>(seconds_now() - lastSent) > kNoDataLimit) {

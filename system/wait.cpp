@@ -24,7 +24,7 @@ int wait_writable(int fd, std::chrono::seconds timeout) { return wait_for(fd, PO
 void sleep_for(std::chrono::milliseconds time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
   const std::chrono::nanoseconds rest = time - seconds;
-  const timespec duration{seconds.count(), rest.count()};
+  const timespec duration{static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
   (void)nanosleep(&duration, nullptr);
 }
 

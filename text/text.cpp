@@ -52,6 +52,8 @@ void url_decode(std::string& text) {
   text = std::move(decoded);
 }
 
-long leading_number(const std::string& text) { return std::strtol(text.c_str(), nullptr, 10); }
+std::int64_t leading_number(const std::string& text) {
+  return std::strtoll(text.c_str(), nullptr, 10);
+}
 
 }  // namespace weir

@@ -4,6 +4,7 @@
 // Threads: any; nothing is shared.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -22,8 +23,9 @@ std::string& trim(std::string& text);
 // follows "%" is read as far as it is hexadecimal, and nothing readable is a NUL.
 void url_decode(std::string& text);
 
-// The decimal number at the start of the text, as strtol reads it: leading white
-// space and a sign are taken, no digits give 0, numbers too large are clamped.
-long leading_number(const std::string& text);
+// The decimal number at the start of the text, as strtoll reads it: leading
+// white space and a sign are taken, no digits give 0, numbers too large are clamped.
+// 64 bits on every processor: media sequence numbers and lengths need them.
+std::int64_t leading_number(const std::string& text);
 
 }  // namespace weir

@@ -175,7 +175,8 @@ bool UCurl::receive_clear(Body& body) {
   unsigned char* output;
   const std::uint64_t room = body.cbuff->reserve(&output);
   if (room == 0) return out_of_memory();
-  const std::int64_t count = recv_into(output, std::min<std::size_t>(room, kMaxRead));
+  const std::int64_t count =
+      recv_into(output, static_cast<std::size_t>(std::min<std::uint64_t>(room, kMaxRead)));
   if (count <= 0) return false;
   body.received += static_cast<std::uint64_t>(count);
   body.cbuff->commit(static_cast<std::uint64_t>(count));
