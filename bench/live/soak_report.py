@@ -85,6 +85,8 @@ def figures(soak, duration, base, left, failed):
 
 
 def cell(value):
+    if not value and not isinstance(value, int):
+        return "none"
     if isinstance(value, dict):
         return ", ".join(f"{k} {round(v, 4) if isinstance(v, float) else v}" for k, v in value.items())
     return f"{value:,}" if isinstance(value, int) else str(value)
