@@ -253,6 +253,16 @@ TEST_F(ServerTest, PlayerThatLeavesEndsItsStreamAndNoOther) {
   EXPECT_EQ(read_and_close(stays).size(), stream_head_.size() + 12 * media[0].size());
 }
 
+// What is handed to the kernel in advance delays the writer's next turn.
+TEST_F(ServerTest, KernelTakesLittleForAPlayerThatDoesNotRead) {
+  publish(std::vector<std::string>(12, pattern(400000)), "#EXT-X-ENDLIST\n");
+  const int idle = ask(stream_of("/m"));
+  EXPECT_TRUE(eventually([&] { return count(log_.out(), "buffer is full") >= 3; }));
+  // The buffer is full with the third, and little is under way.
+  EXPECT_LE(count(log_.out(), "got chunk "), 4);
+  close(idle);
+}
+
 TEST(ServerStart, PortInUseIsSaid) {
   const ScriptedOrigin origin;
   const auto port = static_cast<std::uint32_t>(std::stoul(origin.port()));
