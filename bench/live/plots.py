@@ -27,7 +27,7 @@ def soak_plot(samples, events, path):
         counts.plot(minutes, [row[name] for row in samples], label=name)
     for axes in (memory, counts):
         axes.set_ylim(bottom=0)
-        axes.legend(loc="upper right")
+        axes.legend(loc="lower center", ncols=3)
     for kind, colour in (("kill", "red"), ("revival", "green")):
         for when, _, _, _ in (e for e in events if e[1] == kind and not e[3]):
             for axes in (memory, counts, faults):
