@@ -56,6 +56,7 @@ class Rig:
         self.running = []
 
     def __enter__(self):
+        signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))  # through __exit__
         return self
 
     def __exit__(self, *_):
