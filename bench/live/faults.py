@@ -15,7 +15,7 @@ TRICKLE = (20, 0.3)  # pieces, and seconds between them
 SEGMENT_FAULTS = {"stall": 4, "cut": 3, "reset": 2, "error": 3, "trickle": 2, "silence": 1}
 PLAYLIST_FAULTS = {"error": 3, "cut": 1, "reset": 1, "stall": 1}
 CUTTING = {"cut", "reset", "kill"}
-NEAR = 15  # seconds around a kill in which it may have had a part in something
+NEAR = 15  # seconds around a kill, or a lack of servers, in which it may play a part
 
 
 class Journal:
@@ -25,28 +25,28 @@ class Journal:
         self.began = time.time()
         self.events = []  # (seconds since the beginning, kind, where, what)
         self.of_segment = defaultdict(list)  # name: [(time, kind)]
-        self.kills = []
+        self.second_causes = []  # when a cache died, or weir knew no living one
 
     def note(self, kind, where, what):
         now = time.time()
         self.events.append((now - self.began, kind, where, what))
         if what.endswith(".ts"):
             self.of_segment[what.strip("/").removesuffix(".ts")].append((now, kind))
-        if kind == "kill":
-            self.kills.append(now)
+        if kind in ("kill", "no server"):
+            self.second_causes.append(now)
 
     def counts(self):
         return Counter(kind for _, kind, _, _ in self.events)
 
     def explains_short(self, short):
-        """A cut does, and so do two faults: after the second weir begins anew."""
+        """A cut does, and so do two causes: weir begins anew, or gives the segment up."""
         faults = self.of_segment.get(short.name, [])
         if not short.name:
             return any(0 <= short.when - self.began - t < 120 and kind in CUTTING
                        for t, kind, _, _ in self.events)
         if len(faults) >= 2 or any(kind in CUTTING for _, kind in faults):
             return True
-        return bool(faults) and any(abs(kill - faults[0][0]) < NEAR for kill in self.kills)
+        return bool(faults) and any(abs(when - faults[0][0]) < NEAR for when in self.second_causes)
 
     def touched(self, channel, sequence):
         """Whether any variant of that segment had a fault."""

@@ -6,7 +6,7 @@ matplotlib.use("svg")
 matplotlib.rcParams["svg.hashsalt"] = "weir"
 from matplotlib import pyplot  # noqa: E402, which the backend has to precede
 
-FAULT_ROWS = ("stall", "cut", "reset", "error", "trickle", "silence")
+FAULT_ROWS = ("stall", "cut", "reset", "error", "trickle", "silence", "no server")
 
 
 def save(figure, path):

@@ -26,7 +26,7 @@ SECONDS = 2
 CLEAR, ENCRYPTED = 2, 2
 SEATS = 20
 BUFFER = 4 << 20
-MAP_EVERY = (20, 60)
+MAP_EVERY = (10, 40)
 SAMPLE_EVERY = 5
 RETURN_LIMIT = 120  # seconds until the last stream has to be gone
 ORIGIN_FRONT, CACHE, CACHE_FRONT = 9001, 9011, 9021
@@ -94,6 +94,15 @@ class Soak:
             await asyncio.sleep(random.uniform(*MAP_EVERY))
             await self.push_map("alive")
 
+    async def watch_for_dead_maps(self):
+        """Notes each second in which weir found every cache of its maps marked dead."""
+        with open(self.rig.work / "weir.err", encoding="utf-8", errors="replace") as file:
+            while True:
+                count = file.read().count("no valid ring found")
+                if count:
+                    self.journal.note("no server", "weir", f"{count} times")
+                await asyncio.sleep(1)
+
     async def sample(self):
         with open(self.out / "soak.csv", "w", newline="", encoding="ascii") as file:
             table = csv.writer(file)
@@ -137,7 +146,8 @@ class Soak:
                                       stdout=open(self.rig.work / "poller.json", "wb"))
         self.journal.began = time.time()
         work = [self.audience.seat() for _ in range(SEATS)]
-        work += [self.kill_and_revive(), self.update_maps(), self.sample()]
+        work += [self.kill_and_revive(), self.update_maps(), self.watch_for_dead_maps(),
+                 self.sample()]
         tasks = [asyncio.create_task(coroutine) for coroutine in work]
         stopped = asyncio.create_task(self.stopped.wait())
         await asyncio.wait([stopped, *tasks], timeout=hours * 3600,

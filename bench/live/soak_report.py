@@ -50,7 +50,8 @@ def figures(soak, duration, base, left, failed):
     late = [row for row in samples if row["seconds"] > duration / 2]
     totals = audience.totals
     poller = json.loads((soak.rig.work / "poller.json").read_text() or "{}")
-    faults = {k: n for k, n in sorted(soak.journal.counts().items()) if k != "end"}
+    counts = soak.journal.counts()
+    faults = {k: n for k, n in sorted(counts.items()) if k not in ("end", "no server")}
     faults["kill"] = len([e for e in soak.journal.events if e[1] == "kill" and not e[3]])
     return {
         "result": "failed: " + ", ".join(failed) if failed else "passed",
@@ -67,6 +68,7 @@ def figures(soak, duration, base, left, failed):
         "unexplained": audience.unexplained[:10],
         "missing segments": {k: n for k, n in totals.items() if k.startswith("missing")},
         "faults injected": faults,
+        "seconds in which weir knew no living cache": counts["no server"],
         "players served": dict(audience.served),
         "streams that changed the variant": totals["more than one variant"],
         "ends of streams": dict(sorted(audience.ends.items())),
