@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <sys/select.h>
@@ -23,6 +24,11 @@ namespace {
 
 constexpr timeval kClientTimeout{10, 0};  // of one read from or write to a client
 constexpr timeval kTurn{1, 0};
+
+// Bytes that the kernel takes before the network does. Without a limit it takes
+// megabytes and wakes the writer when a third of them have gone, which a player
+// that reads at the pace of its film may not manage within kClientTimeout.
+constexpr int kMaxUnsent = 256 * 1024;
 
 // What requests share. Reachable for ever, never destroyed.
 struct Shared {
@@ -114,6 +120,7 @@ int Server::accept_connection() const {
     throw "setsockopt failed SO_SNDTIMEO";
   }
   log_out("set sock opt2");
+  (void)setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMaxUnsent, sizeof kMaxUnsent);
   return fd;
 }
 

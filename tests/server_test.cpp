@@ -245,6 +245,16 @@ TEST_F(ServerTest, WithoutThreadsRequestsAreClosedAndPassesWait) {
   EXPECT_EQ(got, kStreamHead + "abcde");
 }
 
+// What is handed to the kernel in advance delays the writer's next turn.
+TEST_F(ServerTest, KernelTakesLittleForAPlayerThatDoesNotRead) {
+  publish(std::vector<std::string>(12, pattern(400000)), "#EXT-X-ENDLIST\n");
+  const int idle = server_.ask(stream_of("/m"));
+  EXPECT_TRUE(eventually([&] { return count(log_.out(), "buffer is full") >= 3; }));
+  // The buffer is full with the third, and little is under way.
+  EXPECT_LE(count(log_.out(), "got chunk "), 4);
+  close(idle);
+}
+
 TEST(ServerStart, PortInUseIsSaid) {
   const ScriptedOrigin origin;
   const auto port = static_cast<std::uint32_t>(std::stoul(origin.port()));
