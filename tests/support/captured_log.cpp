@@ -10,6 +10,8 @@
 #include <exception>
 #include <thread>
 
+// The sanitizers' own, where there are any.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void* fd);
 
 namespace weir::test {
@@ -19,6 +21,7 @@ static int error_stream = -1;
 static void die_aloud(int original) {
   error_stream = original;
   if (__sanitizer_set_report_fd != nullptr) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): so they want it
     __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(original)));
   }
   static const std::terminate_handler handler = std::set_terminate([] {
