@@ -10,7 +10,9 @@ import termios
 import time
 from collections import Counter, defaultdict
 
-STALL, SILENCE = 3.5, 7.5  # seconds, longer than weir waits in a body and before a head
+# Seconds, longer than weir waits in a body (2) and before a head (6), and by so much
+# that it has given up even where it, at the lowest priority, gets no processor for a while.
+STALL, SILENCE = 8, 12
 TRICKLE = (20, 0.3)  # pieces, and seconds between them
 SEGMENT_FAULTS = {"stall": 4, "cut": 3, "reset": 2, "error": 3, "trickle": 2, "silence": 1}
 PLAYLIST_FAULTS = {"error": 3, "cut": 1, "reset": 1, "stall": 1}
