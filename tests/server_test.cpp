@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -220,7 +221,7 @@ class NoThreads {
     pthread_getattr_default_np(&before_);
     pthread_attr_t huge;
     pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, size_t{1} << 47);
+    pthread_attr_setstacksize(&huge, std::numeric_limits<size_t>::max() / 4 * 3);
     pthread_setattr_default_np(&huge);
   }
   ~NoThreads() { pthread_setattr_default_np(&before_); }
