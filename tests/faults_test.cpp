@@ -217,9 +217,13 @@ TEST_P(FaultTest, IsContained) {
   const Fault& fault = GetParam();
   // A stream beside them that lasts as long, and doesn't notice.
   const std::string calm = pattern(static_cast<size_t>(fault.seconds) * 2000);
-  origin_.on("/calm", {slow(calm, 1000, 500ms)});
-  origin_.on("/calm_list", {ok("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n" + origin_.url("/calm") +
-                               "\n#EXT-X-ENDLIST\n")});
+  std::string list = "#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n";
+  for (size_t at = 0; at < calm.size(); at += 1000) {
+    const std::string path = "/" + std::to_string(at) + "calm";
+    origin_.on(path, {slow(calm.substr(at, 1000), 1000, 500ms)});
+    list += origin_.url(path) + "\n";
+  }
+  origin_.on("/calm_list", {ok(list + "#EXT-X-ENDLIST\n")});
   origin_.on("/calm_master", {ok("#EXTM3U\n" + origin_.url("/calm_list") + "\n")});
   std::array<std::string, kPlaces> urls;
   for (size_t place = kMaster; place < kPlaces; ++place)
@@ -252,7 +256,12 @@ TEST_P(FaultTest, IsContained) {
     EXPECT_LT(lasted[place].count(), fault.seconds + 15) << "place " << place;
   }
   const std::string said = log_.err();
-  for (const auto& [line, times] : fault.lines) EXPECT_EQ(count(said, line), times) << line;
+  // On a machine that stands still for two seconds the calm one has to try again.
+  const int stalls = count(said, "calm FAILED\n");
+  for (const auto& [line, times] : fault.lines) {
+    const bool stalled = line == kGivenUp || "Excep: recv timeout2\n"s.starts_with(line);
+    EXPECT_EQ(count(said, line), times + (stalled ? stalls : 0)) << line;
+  }
   EXPECT_TRUE(before.is_reached());
 }
 
