@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -26,17 +27,23 @@ void raise_descriptor_limit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A block of a buffer that is mapped anew costs a page fault every 4 KiB, nearly
-// as much as moving its bytes. So blocks come from malloc's heap,
-// and what is freed stays there until release_free_memory(). One heap for all
-// threads: what one stream frees serves the next, and only the main heap gives
-// its top back when asked.
+// Memory that is new to the process costs a page fault every 4 KiB, nearly as much
+// as moving its bytes. So blocks come from malloc's heap, and what is freed stays
+// there for the next block, of whichever stream, until release_free_memory(). One
+// heap for all threads.
 void keep_freed_memory() {
   constexpr int kLargerThanBlocks = 4 << 20;  // bytes
-  constexpr int kKeptOnTop = 64 << 20;        // bytes
+  constexpr int kNever = -1;
   (void)mallopt(M_ARENA_MAX, 1);
   (void)mallopt(M_MMAP_THRESHOLD, kLargerThanBlocks);
-  (void)mallopt(M_TRIM_THRESHOLD, kKeptOnTop);
+  (void)mallopt(M_TRIM_THRESHOLD, kNever);
+}
+
+// Most threads only sleep and look again. What falls due within four milliseconds, a
+// tick of most kernels, is done at one wake-up of the processor.
+void let_wake_ups_coincide() {
+  constexpr unsigned long kSlack = 4'000'000;  // nanoseconds
+  (void)prctl(PR_SET_TIMERSLACK, kSlack);
 }
 
 }  // namespace
@@ -50,6 +57,7 @@ void prepare_process() {
   ignore_sigpipe();
   raise_descriptor_limit();
   keep_freed_memory();
+  let_wake_ups_coincide();
 }
 
 }  // namespace weir

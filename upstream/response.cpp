@@ -1,6 +1,8 @@
 // How the head of a response is read.
 #include <unistd.h>
 
+#include <memory>
+
 #include "log/log.h"
 #include "system/wait.h"
 #include "text/text.h"
@@ -26,14 +28,14 @@ void UCurl::fail_receive(const char* text) {
 // Empty at the end of the stream.
 std::string UCurl::recv_string(std::size_t length, std::chrono::seconds timeout) {
   if (wait_readable(sock, timeout) != 1) fail_receive("recv timeout1");
-  std::string piece(length, '\0');
-  const ssize_t count = read(sock, piece.data(), length);
+  // Not cleared: most documents are much shorter.
+  const auto piece = std::make_unique_for_overwrite<char[]>(length);
+  const ssize_t count = read(sock, piece.get(), length);
   if (count < 0) {
     log_err("recv error");
     fail_receive("recv error");
   }
-  piece.resize(static_cast<std::size_t>(count));
-  return piece;
+  return {piece.get(), static_cast<std::size_t>(count)};
 }
 
 // What read() returns: 0 at the end of the stream, -1 on an error.
