@@ -13,7 +13,7 @@ def make_film(root, segments, base):
     A few seconds of noise are encoded once and then repeated, with timestamps that go on.
     """
     ffmpeg = ["ffmpeg", "-v", "fatal", "-y"]
-    noise = f"nullsrc=s=640x360:r=25:d={SECONDS},geq=random(1)*255"
+    noise = f"nullsrc=s=480x272:r=25:d={SECONDS},geq=random(1)*255"
     subprocess.run([*ffmpeg, "-f", "lavfi", "-i", noise, "-c:v", "mpeg2video", "-g", "25",
                     "-b:v", str(BITRATE), "-maxrate", str(BITRATE), "-bufsize", "2M",
                     "-muxrate", str(BITRATE * 21 // 20), root / "noise.ts"], check=True)
@@ -33,13 +33,13 @@ def make_film(root, segments, base):
     return len(made), sum(path.stat().st_size for path in made)
 
 
-def write_playlists(root, kind, segments, base):
+def write_playlists(root, kind, segments, base, prefix=""):
     lines = ["#EXTM3U", "#EXT-X-VERSION:3", f"#EXT-X-TARGETDURATION:{SECONDS}",
              "#EXT-X-MEDIA-SEQUENCE:1"]
     if kind == "aes":
         lines.append(f'#EXT-X-KEY:METHOD=AES-128,IV=0x{"0" * 32},URI="{base}/key"')
     for number in range(1, segments + 1):
         lines += [f"#EXTINF:{SECONDS},", f"{base}/{kind}/{number}.ts"]
-    (root / f"{kind}.m3u8").write_text("\n".join([*lines, "#EXT-X-ENDLIST", ""]))
-    (root / f"{kind}-master.m3u8").write_text(
-        f"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH={BITRATE}\n{base}/{kind}.m3u8\n")
+    (root / f"{prefix}{kind}.m3u8").write_text("\n".join([*lines, "#EXT-X-ENDLIST", ""]))
+    (root / f"{prefix}{kind}-master.m3u8").write_text(
+        f"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH={BITRATE}\n{base}/{prefix}{kind}.m3u8\n")
