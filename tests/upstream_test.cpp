@@ -271,18 +271,28 @@ TEST_F(UpstreamTest, NamesAreResolved) {
 
 TEST_F(UpstreamTest, CacheServersThatCantBeReachedAreInvalidatedWithoutAPause) {
   origin_.on("/s", {ok("media")});
-  for (const int port : {free_port(), silent_port()}) {
+  const auto leave_out = [this](int port, const std::string& err, int reconnects) {
+    const CapturedLog log;
+    const auto before = milliseconds();
     const std::string gone = "127.0.0.1:" + std::to_string(port);
     chunk_map_.setMap(gone + ";" + origin_.address());
     EXPECT_EQ(curl_.get_stream("http://@/s", buffer_, false, speed_, 0), 5);
-    EXPECT_EQ(count(log_.out(), "Invalidating cache server " + gone + "\n"), 1);
-    EXPECT_EQ(count(log_.out(), "  server: " + gone + " DEAD\n"), 1);
-  }
-  // The silent one after its second attempt.
-  EXPECT_EQ(log_.err(), "Send failed\nERR: connect timeout\nERR: connect timeout\n");
-  EXPECT_EQ(count(log_.out(), "Trying to reconnect when connecting\n"), 2);
-  EXPECT_GE(milliseconds(), 3990);
-  EXPECT_LT(milliseconds(), 4900);
+    EXPECT_EQ(count(log.out(), "Invalidating cache server " + gone + "\n"), 1);
+    EXPECT_EQ(count(log.out(), "  server: " + gone + " DEAD\n"), 1);
+    EXPECT_EQ(count(log.out(), "Trying to reconnect when connecting\n"), reconnects);
+    EXPECT_EQ(log.err(), err);
+    return milliseconds() - before;
+  };
+  EXPECT_LT(leave_out(free_port(), "Send failed\n", 0), 900);
+  // The silent one after its second attempt. A pause would be there the next time
+  // too, a machine that stood still not.
+  const auto leave_out_silent = [&, port = silent_port()] {
+    return leave_out(port, "ERR: connect timeout\nERR: connect timeout\n", 2);
+  };
+  auto took = leave_out_silent();
+  EXPECT_GE(took, 3990);
+  if (took >= 4900) took = leave_out_silent();
+  EXPECT_LT(took, 4900);
 }
 
 TEST_F(UpstreamTest, ServerWithoutALengthIsInvalidatedAndASilentOneIsNot) {
