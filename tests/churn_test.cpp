@@ -78,7 +78,7 @@ class ChurnTest : public testing::Test {
   CapturedLog log_;
   ScriptedOrigin origin_;
   RunningServer server_;
-  const int gone_port_ = free_port();
+  const int gone_port_ = refusing_port();
   std::string whole_;
   std::atomic<int> turns_{0};
   std::atomic<int> wrong_{0};

@@ -67,7 +67,7 @@ Reply cut_at_100(const std::string& body, End end) {
 const Fault kFaults[] = {
     {"ConnectionRefused",
      nullptr,
-     free_port,
+     refusing_port,
      {"", "", kUndeciphered, "", kA},
      {{kNoStart, 1}, {kNoVariant, 1}, {kNoData, 2}, {kGivenUp, 4}},
      31},

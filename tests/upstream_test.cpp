@@ -231,7 +231,7 @@ TEST_F(UpstreamTest, UnsuccessfulStatusIsTriedSixTimesAtOnceAndLeavesNothingBehi
 TEST_F(UpstreamTest, ServerThatCantBeReachedIsTriedFourTimesWithTwoPauses) {
   const std::tuple<std::string, const char*, const char*> cases[] = {
       // Refused, which counts as connected; the first send finds out.
-      {"127.0.0.1:" + std::to_string(free_port()), "Send failed\n",
+      {"127.0.0.1:" + std::to_string(refusing_port()), "Send failed\n",
        "Connected: 127.0.0.1\ndisconnect: 127.0.0.1\nTrying to reconnect when send data\n"},
       {"", "Failed to resolve hostname: \n", "disconnect: \nTrying to reconnect when connecting\n"},
       {"~", "no valid ring found\nExcep: No playlist cache server found\n",
@@ -283,7 +283,7 @@ TEST_F(UpstreamTest, CacheServersThatCantBeReachedAreInvalidatedWithoutAPause) {
     EXPECT_EQ(log.err(), err);
     return milliseconds() - before;
   };
-  EXPECT_LT(leave_out(free_port(), "Send failed\n", 0), 900);
+  EXPECT_LT(leave_out(refusing_port(), "Send failed\n", 0), 900);
   // The silent one after its second attempt. A pause would be there the next time
   // too, a machine that stood still not.
   const auto leave_out_silent = [&, port = silent_port()] {

@@ -51,6 +51,12 @@ int free_port() {
   return port;
 }
 
+int refusing_port() {
+  int port;
+  bound_socket(port);
+  return port;
+}
+
 int silent_port() {
   int port;
   if (listen(bound_socket(port), 0) != 0) std::abort();

@@ -66,11 +66,12 @@ class ScriptedOrigin {
   std::thread acceptor_;
 };
 
-// A port of loopback that nothing listens on.
+// A port of loopback that nobody has.
 int free_port();
 
-// One that answers no connection, for as long as the process lives: its queue
-// is full and never emptied.
+// For as long as the process lives, one that nobody else can have: it refuses
+// connections, or answers none, since its queue is full and never emptied.
+int refusing_port();
 int silent_port();
 
 }  // namespace weir::test
