@@ -23,14 +23,20 @@ def make_film(root, segments, base):
                     "-c", "copy", "-f", "hls", "-hls_time", str(SECONDS), "-hls_list_size", "0",
                     "-hls_segment_filename", root / "clear/%d.ts", "-start_number", "1",
                     root / "clear/list.m3u8"], check=True)
-    (root / "key").write_bytes(os.urandom(16))
     made = sorted((root / "clear").glob("*.ts"), key=lambda path: int(path.stem))
-    for path in made:
-        subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", (root / "key").read_bytes().hex(),
-                        "-iv", "0" * 32, "-in", path, "-out", root / "aes" / path.name], check=True)
+    encipher(root, made)
     for kind in ("clear", "aes"):
         write_playlists(root, kind, len(made), base)
     return len(made), sum(path.stat().st_size for path in made)
+
+
+def encipher(root, clear):
+    """Writes the segments again below `root`/aes, and the key that they have."""
+    key = os.urandom(16)
+    (root / "key").write_bytes(key)
+    for path in clear:
+        subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", key.hex(), "-iv", "0" * 32,
+                        "-in", path, "-out", root / "aes" / path.name], check=True)
 
 
 def write_playlists(root, kind, segments, base, prefix=""):

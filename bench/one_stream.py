@@ -11,14 +11,13 @@ import argparse
 import os
 import socket
 import statistics
-import subprocess
 import threading
 import time
 import urllib.parse
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 
-from film import write_playlists
+from film import encipher, write_playlists
 from live import procfs
 from live.rig import ORIGIN, TOP, WEIR, Rig
 
@@ -30,17 +29,14 @@ HEAD_END = b"\r\n\r\n"
 
 def make_film(root, segments, size):
     """Segments of random bytes: nobody looks into them here."""
-    key = os.urandom(16)
-    (root / "key").write_bytes(key)
     for kind in ("clear", "aes"):
-        (root / kind).mkdir(parents=True)
+        (root / kind).mkdir()
         for port, prefix in ((ORIGIN, ""), (LATE, "late-")):
             write_playlists(root, kind, segments, f"http://127.0.0.1:{port}", prefix)
-    for number in range(1, segments + 1):
-        clear = root / f"clear/{number}.ts"
-        clear.write_bytes(os.urandom(size))
-        subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", key.hex(), "-iv", "0" * 32,
-                        "-in", clear, "-out", root / f"aes/{number}.ts"], check=True)
+    clear = [root / f"clear/{number}.ts" for number in range(1, segments + 1)]
+    for path in clear:
+        path.write_bytes(os.urandom(size))
+    encipher(root, clear)
 
 
 class Late(ThreadingHTTPServer):
@@ -115,9 +111,7 @@ def peak_and_rest(rig, kind, options):
         while time.monotonic() < end:
             player.recv(options.pace // 20)
             time.sleep(0.05)
-    peak = max(int(line.split()[1]) / 1024
-               for line in Path(f"/proc/{weir.pid}/status").read_text().splitlines()
-               if line.startswith("VmHWM"))
+    peak = procfs.peak(weir.pid)
     while procfs.sample(weir.pid)["threads"] > 1:
         time.sleep(0.1)
     after = procfs.sample(weir.pid)["rss"]

@@ -19,10 +19,10 @@ import urllib.parse
 from pathlib import Path
 
 from film import make_film
+from live import procfs
 from peers import PEERS
 
 ORIGIN, RELAY, WEIR = 8090, 8091, 7744
-TICKS = os.sysconf("SC_CLK_TCK")
 HERE = Path(__file__).resolve().parent
 
 NGINX = """daemon off; worker_processes 1; pid nginx.pid; error_log error.log; events {{}}
@@ -52,13 +52,6 @@ def play(port, path):
             first = first or last
             total += count
     return total, last - (first or last)
-
-
-def cpu_and_peak(pid):
-    fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    peak = next(line for line in Path(f"/proc/{pid}/status").read_text().splitlines()
-                if line.startswith("VmHWM"))
-    return (int(fields[11]) + int(fields[12])) / TICKS, int(peak.split()[1]) / 1024
 
 
 class Bench:
@@ -99,15 +92,13 @@ class Bench:
             process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log)
         try:
             wait_for(WEIR)
-            status = Path(f"/proc/{process.pid}/status").read_text()
-            capabilities = next(x for x in status.splitlines() if x.startswith("CapEff"))
-            assert not int(capabilities.split()[1], 16) >> 22 & 1, "weir could reboot"
-            before, _ = cpu_and_peak(process.pid)
+            assert not procfs.can_reboot(process.pid), "weir could reboot"
+            before = sum(procfs.cpu(process.pid))
             url = urllib.parse.quote(f"http://127.0.0.1:{ORIGIN}/{kind}-master.m3u8", safe="")
             total, seconds = play(WEIR, f"/stream?url={url}")
-            after, peak = cpu_and_peak(process.pid)
+            used = sum(procfs.cpu(process.pid)) - before
             assert total - self.size in range(1, 1000), f"weir: {total} of {self.size} bytes"
-            return self.size / seconds, after - before, peak
+            return self.size / seconds, used, procfs.peak(process.pid)
         finally:
             process.terminate()
             process.wait()

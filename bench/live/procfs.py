@@ -38,6 +38,12 @@ def sample(pid):
             "descriptors": len(os.listdir(f"/proc/{pid}/fd"))}
 
 
+def peak(pid):
+    """The highest RSS so far, MiB."""
+    text = Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"^VmHWM:\s+(\d+)", text, re.M)[1]) / 1024
+
+
 def can_reboot(pid):
     text = Path(f"/proc/{pid}/status").read_text()
     return any(int(mask, 16) >> 22 & 1
