@@ -201,6 +201,10 @@ ssize_t read(int fd, void* bytes, size_t size) {
   NEXT(read);
   return fails(side(fd, kClientRead, kUpstreamRead)) ? broken(fd) : real(fd, bytes, size);
 }
+ssize_t recv(int fd, void* bytes, size_t size, int flags) {
+  NEXT(recv);
+  return fails(side(fd, kClientRead, kUpstreamRead)) ? broken(fd) : real(fd, bytes, size, flags);
+}
 ssize_t write(int fd, const void* bytes, size_t size) {
   NEXT(write);
   return fails(side(fd, kClientWrite, kUpstreamWrite)) ? broken(fd) : real(fd, bytes, size);
