@@ -2,17 +2,22 @@
 // one keep-alive connection, deciphers them where a key is given, and writes
 // them to the one player that connects. It buffers, adapts and retries nothing.
 //
-// relay LISTEN_PORT ORIGIN_PORT PATH_PREFIX SEGMENTS [KEY_FILE]
+// relay LISTEN_PORT ORIGIN_PORT PATH_PREFIX SEGMENTS [KEY_FILE [SECONDS]]
+//
+// With seconds it begins a segment that often, as one does that follows a live
+// stream; an empty KEY_FILE is none.
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -117,8 +122,12 @@ int main(int argc, char** argv) {
   if (argc < 5) return 2;
   std::string key;
   if (argc > 5) std::getline(std::ifstream(argv[5], std::ios::binary), key, '\0');
+  const std::chrono::seconds pace{argc > 6 ? std::atoi(argv[6]) : 0};
   Relay relay(origin(argv[2]), player(argv[1]), key);
+  auto due = std::chrono::steady_clock::now();
   for (int i = 1; i <= std::atoi(argv[4]); ++i) {
+    std::this_thread::sleep_until(due);
     relay.segment(argv[3] + std::to_string(i) + ".ts");
+    due += pace;
   }
 }
