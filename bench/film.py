@@ -26,7 +26,7 @@ def make_film(root, segments, base, seconds=SECONDS, bitrate=BITRATE):
     made = sorted((root / "clear").glob("*.ts"), key=lambda path: int(path.stem))
     encipher(root, made)
     for kind in ("clear", "aes"):
-        write_playlists(root, kind, len(made), base, seconds=seconds)
+        write_playlists(root, kind, len(made), base, seconds=seconds, bitrate=bitrate)
     return len(made), sum(path.stat().st_size for path in made)
 
 
@@ -39,7 +39,7 @@ def encipher(root, clear):
                         "-in", path, "-out", root / "aes" / path.name], check=True)
 
 
-def write_playlists(root, kind, segments, base, prefix="", seconds=SECONDS):
+def write_playlists(root, kind, segments, base, prefix="", seconds=SECONDS, bitrate=BITRATE):
     lines = ["#EXTM3U", "#EXT-X-VERSION:3", f"#EXT-X-TARGETDURATION:{seconds}",
              "#EXT-X-MEDIA-SEQUENCE:1"]
     if kind == "aes":
@@ -48,4 +48,4 @@ def write_playlists(root, kind, segments, base, prefix="", seconds=SECONDS):
         lines += [f"#EXTINF:{seconds},", f"{base}/{kind}/{number}.ts"]
     (root / f"{prefix}{kind}.m3u8").write_text("\n".join([*lines, "#EXT-X-ENDLIST", ""]))
     (root / f"{prefix}{kind}-master.m3u8").write_text(
-        f"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH={BITRATE}\n{base}/{prefix}{kind}.m3u8\n")
+        f"#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH={bitrate}\n{base}/{prefix}{kind}.m3u8\n")
