@@ -11,7 +11,6 @@ nothing else than pass on a segment every two seconds, as a Markdown table.
 import argparse
 import os
 import selectors
-import shutil
 import socket
 import statistics
 import threading
@@ -49,10 +48,9 @@ class Channel(threading.Thread):
 
     def run(self):
         began, first = time.monotonic(), 0
-        while not self.done.wait(began + (first + 1) * SECONDS - time.monotonic()):
+        while (first + WINDOW < len(self.entries)
+               and not self.done.wait(began + (first + 1) * SECONDS - time.monotonic())):
             first += 1
-            if first + WINDOW > len(self.entries):
-                raise SystemExit("the film is too short")
             self.publish(first)
 
 
@@ -100,6 +98,7 @@ class Bench:
         time.sleep(self.options.seconds)
         used = 100 * (cpu(processes) - before) / (time.monotonic() - began)
         memory = sum(procfs.sample(process.pid)["pss"] for process in processes)
+        assert channel.is_alive(), "the film is too short"
         channel.done.set()
         channel.join()
         return used, memory
