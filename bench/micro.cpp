@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/process.h"
 #include "buffer/cbuff.h"
 #include "cachemap/cache_map.h"
 #include "playlist/chunklist.h"
-#include "system/process.h"
 #include "upstream/ucurl.h"
 
 static std::atomic<std::int64_t> locks{0};

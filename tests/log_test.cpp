@@ -1,4 +1,4 @@
-#include "log/log.h"
+#include "base/log.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -9,7 +9,7 @@
 #include "buffer/cbuff.h"
 #include "playlist/chunklist.h"
 #include "playlist/master_playlist.h"
-#include "stats/stream_stats.h"
+#include "playlist/stream_stats.h"
 #include "support/captured_log.h"
 #include "support/client.h"
 #include "support/scripted_origin.h"

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "cachemap/cache_map.h"
+#include "playlist/stream_stats.h"
 #include "server/request.h"
-#include "stats/stream_stats.h"
 #include "support/captured_log.h"
 #include "support/client.h"
 #include "support/running_server.h"

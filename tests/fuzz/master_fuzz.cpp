@@ -6,7 +6,7 @@
 
 #include "buffer/cbuff.h"
 #include "playlist/master_playlist.h"
-#include "stats/stream_stats.h"
+#include "playlist/stream_stats.h"
 
 namespace weir {
 

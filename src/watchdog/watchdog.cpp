@@ -1,0 +1,46 @@
+#include "watchdog/watchdog.h"
+
+#include "base/log.h"
+
+namespace weir {
+
+namespace {
+constexpr double kMarkerGrace = 10.0;   // seconds
+constexpr double kPingTimeout = 300.0;  // seconds
+}  // namespace
+
+Watchdog::Watchdog(Device device) : device_(device) {}
+
+void Watchdog::ping() {
+  lastPing.store(device_.now().tv_sec, std::memory_order_relaxed);
+  armed.store(true, std::memory_order_release);
+  log_out("WD: ping");
+}
+
+void Watchdog::check() {
+  check_marker();
+  check_timeout();
+}
+
+void Watchdog::check_marker() {
+  if (!device_.marker_exists()) return;
+  const time_t now = device_.now().tv_sec;
+  if (!markerSeen) {
+    markerSeen = true;
+    markerSeenAt = now;
+  } else if (static_cast<double>(now - markerSeenAt) >= kMarkerGrace) {
+    log_err("WD: REBOOTING (file)");
+    device_.reboot();
+  }
+}
+
+void Watchdog::check_timeout() {
+  if (!armed.load(std::memory_order_acquire)) return;
+  const time_t now = device_.now().tv_sec;
+  if (static_cast<double>(now - lastPing.load(std::memory_order_relaxed)) < kPingTimeout) return;
+  armed.store(false, std::memory_order_relaxed);
+  log_err("WD: REBOOTING (timeout)");
+  device_.reboot();
+}
+
+}  // namespace weir
