@@ -12,10 +12,20 @@
 #include <thread>
 #include <vector>
 
+#include "support/captured_log.h"
+
 namespace weir::test {
 namespace {
 
 using std::string_literals::operator""s;
+
+// What `act` writes to the standard output.
+template <class Act>
+std::string out_of(Act act) {
+  const CapturedStream out(STDOUT_FILENO);
+  act();
+  return out();
+}
 
 // What is logged by `act`, with both streams in one pipe as under "2>&1 | logger".
 template <class Act>
@@ -41,7 +51,7 @@ std::string piped(Act act) {
   return text;
 }
 
-TEST(Log, LinesOfManyThreadsNeverMix) {
+void expect_lines_of_threads_apart(bool errors) {
   constexpr size_t kTimes = 20;
   const std::string names = "abcde";
   // A half is short, PIPE_BUF, beyond it, and more than a pipe holds.
@@ -49,10 +59,10 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
   const std::string text = piped([&] {
     std::vector<std::thread> threads;
     for (const char name : names) {
-      threads.emplace_back([&halves, name] {
+      threads.emplace_back([&halves, name, errors] {
         for (size_t i = 0; i < kTimes * halves.size(); ++i) {
           const std::string half(halves[i % halves.size()], name);
-          i % 3 == 0 ? log_err(half, half) : log_out(half, half);
+          errors ? log_err(half, half) : log_out(half, half);
         }
       });
     }
@@ -69,6 +79,22 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
   }
 }
 
+TEST(Log, LinesOfManyThreadsNeverMix) {
+  for (const bool errors : {false, true}) expect_lines_of_threads_apart(errors);
+}
+
+TEST(Log, AFullErrorStreamHoldsUpNeitherProgressNorLinesThatMustNotWait) {
+  const FullErrorStream full;
+  std::thread([] { log_err("nobody reads this"); }).detach();
+  EXPECT_EQ(out_of([] {
+              for (int i = 0; i < 3; ++i) {
+                log_err_at_once("nor this");
+                log_out("progress");
+              }
+            }),
+            "progress\nprogress\nprogress\n");
+}
+
 TEST(Log, UnflushedTextWaitsForTheNextLineOfEitherStream) {
   EXPECT_EQ(piped([] {
               // Shows what was written so far.
@@ -82,12 +108,9 @@ TEST(Log, UnflushedTextWaitsForTheNextLineOfEitherStream) {
               bar();
               log_err("five");
               bar();
-              log_out_unflushed("six");
-              bar();
-              log_flush();
-              bar();
+              log_err_at_once("six");
             }),
-            "|one\ntwo three\n||four\nfive\n||six|");
+            "|one\ntwo three\n||four\nfive\n|six\n");
 }
 
 TEST(Log, PiecesAreJoinedAsTheyAre) {

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "support/captured_log.h"
 
 namespace weir::test {
@@ -117,6 +118,15 @@ TEST(Watchdog, AFirstPingIsNeverSeenHalfWay) {
     }
   }
   EXPECT_TRUE(Machine::reboots.empty());
+}
+
+TEST(Watchdog, RestartsAlsoWhereNobodyReadsTheLog) {
+  static int now, reboots;
+  const FullErrorStream full;
+  std::thread([] { log_err("holds the stream for ever"); }).detach();
+  Watchdog watchdog({[] { return timespec{now, 0}; }, [] { return true; }, [] { ++reboots; }});
+  for (now = 0; now < 12; ++now) watchdog.check();
+  EXPECT_EQ(reboots, 2);
 }
 
 }  // namespace

@@ -1,21 +1,38 @@
 #include "base/log.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
+#include <climits>
+
+#include "base/mutex.h"
+#include "base/wait.h"
 
 namespace weir {
 
 namespace {
 
-// Both outlive every thread: the mutex has no destructor to run and the text
-// is never destroyed, since detached threads log until the process is gone.
-std::mutex mutex;
+constexpr std::chrono::milliseconds kAtOnce{100};
+constexpr std::chrono::milliseconds kAtOnceStep{10};
 
-std::string& waiting() {
-  static std::string& text = *new std::string;
-  return text;
+// A stream has a lock of its own, so that a reader who has stopped reading one of
+// them holds up only those who write to that one.
+struct Stream {
+  const int fd;
+  Mutex mutex;
+  std::string waiting WEIR_GUARDED_BY(mutex);
+};
+
+// Never destroyed: detached threads log until the process is gone.
+Stream& out() {
+  static Stream& stream = *new Stream{STDOUT_FILENO, {}, {}};
+  return stream;
+}
+
+Stream& err() {
+  static Stream& stream = *new Stream{STDERR_FILENO, {}, {}};
+  return stream;
 }
 
 void write_all(int fd, std::string_view text) {
@@ -27,10 +44,39 @@ void write_all(int fd, std::string_view text) {
   }
 }
 
-void flush_waiting() {
-  if (waiting().empty()) return;
-  write_all(STDOUT_FILENO, waiting());
-  waiting().clear();
+// Whether that much can be written without waiting: a pipe that is ready takes
+// PIPE_BUF bytes, provided that nobody else writes to it meanwhile.
+bool takes_at_once(int fd, std::string_view text) {
+  pollfd entry{fd, POLLOUT, 0};
+  return text.size() <= PIPE_BUF && poll(&entry, 1, 0) == 1;
+}
+
+void write_waiting(Stream& stream) WEIR_REQUIRES(stream.mutex) {
+  write_all(stream.fd, stream.waiting);
+  stream.waiting.clear();
+}
+
+// Keeps the order of lines where both streams lead to the same place. It never
+// waits for a reader of the standard output.
+void flush_out_at_once() {
+  Stream& stream = out();
+  if (!stream.mutex.try_lock()) return;
+  if (!stream.waiting.empty() && takes_at_once(stream.fd, stream.waiting)) write_waiting(stream);
+  stream.mutex.unlock();
+}
+
+// Both streams may lead to the same pipe, so that it takes both locks to know that
+// what it takes now it still takes in a moment.
+bool try_write_err(std::string_view line) {
+  if (!out().mutex.try_lock()) return false;
+  bool written = false;
+  if (err().mutex.try_lock()) {
+    written = takes_at_once(err().fd, line);
+    if (written) write_all(err().fd, line);
+    err().mutex.unlock();
+  }
+  out().mutex.unlock();
+  return written;
 }
 
 }  // namespace
@@ -38,28 +84,30 @@ void flush_waiting() {
 namespace log_detail {
 
 void write_out(std::string_view line) {
-  const std::lock_guard lock(mutex);
-  if (waiting().empty()) return write_all(STDOUT_FILENO, line);
-  waiting() += line;
-  flush_waiting();
+  Stream& stream = out();
+  const MutexLock lock(stream.mutex);
+  if (stream.waiting.empty()) return write_all(stream.fd, line);
+  stream.waiting += line;
+  write_waiting(stream);
 }
 
 void write_err(std::string_view line) {
-  const std::lock_guard lock(mutex);
-  flush_waiting();
-  write_all(STDERR_FILENO, line);
+  flush_out_at_once();
+  const MutexLock lock(err().mutex);
+  write_all(err().fd, line);
+}
+
+void write_err_at_once(std::string_view line) {
+  for (auto left = kAtOnce; !try_write_err(line) && left > left.zero(); left -= kAtOnceStep) {
+    sleep_for(kAtOnceStep);
+  }
 }
 
 }  // namespace log_detail
 
 void log_out_unflushed(std::string_view text) {
-  const std::lock_guard lock(mutex);
-  waiting() += text;
-}
-
-void log_flush() {
-  const std::lock_guard lock(mutex);
-  flush_waiting();
+  const MutexLock lock(out().mutex);
+  out().waiting += text;
 }
 
 }  // namespace weir

@@ -1,12 +1,13 @@
 // The program's log: free-form lines, progress on the standard output and
 // problems on the standard error stream.
 //
-// A line is composed whole and written with one call under the log's own lock,
+// A line is composed whole and written with one call under the lock of its stream,
 // so that lines of different threads never mix. Every line is written through
 // at once, except for text given to log_out_unflushed(), which waits for the
 // next line. A stream that can't be written to loses its lines and nothing else.
 //
-// Threads: any.
+// Threads: any. Whoever logs waits as long as the reader of that stream does not
+//          read, except in log_err_at_once(); the other stream goes on.
 #pragma once
 
 #include <charconv>
@@ -44,6 +45,7 @@ std::string compose(const Pieces&... pieces) {
 
 void write_out(std::string_view line);
 void write_err(std::string_view line);
+void write_err_at_once(std::string_view line);
 
 }  // namespace log_detail
 
@@ -53,14 +55,21 @@ void log_out(const Pieces&... pieces) {
   log_detail::write_out(log_detail::compose(pieces...));
 }
 
-// One line about a problem. Progress still waiting is written first.
+// One line about a problem. Progress still waiting is written first if that can be
+// done without waiting.
 template <class... Pieces>
 void log_err(const Pieces&... pieces) {
   log_detail::write_err(log_detail::compose(pieces...));
 }
 
-// Progress that may wait until the next line of either kind, or log_flush().
+// One line about a problem, of which nothing else may depend: it is dropped when the
+// stream doesn't take it within 100 ms.
+template <class... Pieces>
+void log_err_at_once(const Pieces&... pieces) {
+  log_detail::write_err_at_once(log_detail::compose(pieces...));
+}
+
+// Progress that may wait until the next line of either kind.
 void log_out_unflushed(std::string_view text);
-void log_flush();
 
 }  // namespace weir

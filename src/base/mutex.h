@@ -22,6 +22,9 @@ class WEIR_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void lock() WEIR_THREAD_ATTRIBUTE(acquire_capability()) { (void)pthread_mutex_lock(&mutex_); }
+  [[nodiscard]] bool try_lock() WEIR_THREAD_ATTRIBUTE(try_acquire_capability(true)) {
+    return pthread_mutex_trylock(&mutex_) == 0;
+  }
   void unlock() WEIR_THREAD_ATTRIBUTE(release_capability()) { (void)pthread_mutex_unlock(&mutex_); }
 
  private:

@@ -29,7 +29,7 @@ void Watchdog::check_marker() {
     markerSeen = true;
     markerSeenAt = now;
   } else if (static_cast<double>(now - markerSeenAt) >= kMarkerGrace) {
-    log_err("WD: REBOOTING (file)");
+    log_err_at_once("WD: REBOOTING (file)");
     device_.reboot();
   }
 }
@@ -39,7 +39,7 @@ void Watchdog::check_timeout() {
   const time_t now = device_.now().tv_sec;
   if (static_cast<double>(now - lastPing.load(std::memory_order_relaxed)) < kPingTimeout) return;
   armed.store(false, std::memory_order_relaxed);
-  log_err("WD: REBOOTING (timeout)");
+  log_err_at_once("WD: REBOOTING (timeout)");
   device_.reboot();
 }
 

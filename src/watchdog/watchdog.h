@@ -13,7 +13,8 @@ namespace weir {
 // are whole seconds of the monotonic clock.
 //
 // Threads: check() by the server loop alone; ping() by any.
-// Failure: a reboot that isn't allowed returns, and check() carries on: the
+// Failure: a line that the log doesn't take at once doesn't hold up the reboot. A reboot that isn't
+// allowed returns, and check() carries on: the
 //          marker fires again with every call, the time-out after the next ping.
 class Watchdog {
  public:

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -60,6 +61,26 @@ std::string CapturedStream::operator()() const {
 
 bool CapturedStream::shows(const std::string& text) const {
   return eventually([&] { return count((*this)(), text) > 0; });
+}
+
+FullErrorStream::FullErrorStream() : original_(dup(STDERR_FILENO)) {
+  int ends[2];
+  if (original_ < 0 || pipe2(ends, O_NONBLOCK) < 0) std::abort();
+  const std::string filling(4096, '.');
+  while (write(ends[1], filling.data(), filling.size()) > 0) {
+  }
+  fcntl(ends[1], F_SETFL, 0);
+  std::signal(SIGPIPE, SIG_IGN);
+  dup2(ends[1], STDERR_FILENO);
+  close(ends[1]);
+  unread_ = ends[0];
+}
+
+// Whoever still writes gets an error instead of waiting.
+FullErrorStream::~FullErrorStream() {
+  close(unread_);
+  dup2(original_, STDERR_FILENO);
+  close(original_);
 }
 
 int count(const std::string& log, const std::string& text) {

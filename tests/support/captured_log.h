@@ -28,6 +28,17 @@ struct CapturedLog {
   CapturedStream err{2};
 };
 
+// The standard error stream is a pipe that is full and that nobody reads.
+class FullErrorStream {
+ public:
+  FullErrorStream();
+  ~FullErrorStream();
+
+ private:
+  int unread_;
+  const int original_;
+};
+
 // How often `text` stands in `log`.
 int count(const std::string& log, const std::string& text);
 
