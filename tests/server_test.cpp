@@ -80,6 +80,17 @@ TEST_F(RequestTest, RequestLineIsTakenApart) {
   }
 }
 
+// With bytes left unread the connection would be reset, and the answer's end be lost.
+TEST_F(RequestTest, ABodyIsDiscardedBeforeTheConnectionCloses) {
+  request("POST /stats.json HTTP/1.1\r\n\r\n" + std::string(60000, 'x'))->start();
+  char piece[1000];
+  ssize_t count;
+  while ((count = read(client_, piece, sizeof piece)) > 0) {
+  }
+  EXPECT_EQ(count, 0) << "reset";
+  close(client_);
+}
+
 TEST_F(RequestTest, LineEndsAfter4095BytesAndTheRestIsSkipped) {
   const std::string path = "/" + std::string(5000, 'a');
   EXPECT_EQ(answer("GET " + path + " HTTP/1.1\r\n\r\n"),

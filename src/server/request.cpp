@@ -1,7 +1,10 @@
 // The thread of a connection, and what is served on which path.
 #include "server/request.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
 
 #include "base/log.h"
 #include "base/response_head.h"
@@ -17,6 +20,7 @@ namespace weir {
 
 namespace {
 constexpr std::int32_t kHead = 1;
+constexpr size_t kMaxDiscarded = 64 * 1024;  // bytes of a request's body
 constexpr const char* kStreamType = "application/octet-stream";
 constexpr const char* kJsonType = "application/json";
 constexpr const char* kTextType = "plain/text";  // sent exactly so; that is meant
@@ -62,6 +66,16 @@ void Request::start() {
     dispatch();
   } catch (const Http406* exception) {
     send_not_acceptable(exception->what());
+  }
+  close_connection();
+}
+
+// Where bytes are left unread the kernel resets the connection and drops what it
+// hasn't sent yet. A body is thrown away as far as it is there, without a look at it.
+void Request::close_connection() {
+  std::array<char, 4096> discarded;
+  for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {
+    if (recv(fd, discarded.data(), discarded.size(), MSG_DONTWAIT) <= 0) break;
   }
   close(fd);
 }

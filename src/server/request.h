@@ -15,8 +15,8 @@ class Watchdog;
 struct StreamStats;
 
 // One accepted connection: reads the request, routes it by its exact path,
-// answers, and closes the socket. Headers are read and thrown away; a body isn't
-// read. Any method but HEAD is treated as GET.
+// answers, and closes the socket. Headers are read and thrown away, and so is as much
+// of a body as is there in the end. Any method but HEAD is treated as GET.
 //
 // Threads:   process() hands the object to a detached thread of its own, which
 //            lives as long as the answer takes; for a stream that is as long as
@@ -60,6 +60,7 @@ class Request {
   void parse_url(const std::string& resource);
   void parse_query(const std::string& query);
   void dispatch();
+  void close_connection();
   void serve_stream();
   void serve_stats();
   void serve_watchdog();
