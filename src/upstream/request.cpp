@@ -1,4 +1,5 @@
 // How a GET is sent, tried again, and timed.
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -59,7 +60,9 @@ bool UCurl::send_request(const std::string& text) {
     close_if_open();
     return false;
   }
-  if (write(sock, text.data(), text.size()) >= 0) return true;
+  // A server that doesn't read must not hold the thread: what isn't taken at once is
+  // not sent, and no answer comes.
+  if (send(sock, text.data(), text.size(), MSG_DONTWAIT) >= 0) return true;
   log_err("Send failed");
   invalidate_cache_server();
   close_if_open();
