@@ -53,10 +53,8 @@ void MasterPlaylist::fill_pass() {
 std::int64_t MasterPlaylist::begin_pass() {
   log_out("fill buffer for", current_variant->bandwidth);
   const auto queued = static_cast<std::int64_t>(chunklist->chunks.size());
-  if (queued == 0) {
-    log_out("playlist chunks empty");
-    if (should_finish()) log_out("playlist chunks - should_finish");
-  }
+  if (queued == 0) log_out("playlist chunks empty");
+  if (should_finish()) log_out("playlist chunks - should_finish");
   refresh_countdown.store(countdown_after_start(chunklist->target_duration),
                           std::memory_order_relaxed);
   log_out("start from: ", start_from);
@@ -148,8 +146,8 @@ void MasterPlaylist::note_failure() {
 // False when the speed dropped so far that the pass is to end.
 bool MasterPlaylist::note_success(const Chunk& chunk, std::int64_t bytes, double speed) {
   failed_chunks = 0;
-  log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", bytes,
-          " bytes, speed ", speed, " kbps");
+  log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", bytes, ", speed ",
+          speed, " kbps");
   last_seq = chunk.sequence;
   if (chunk.last) {
     log_out("last chunk - setting should_finish");
