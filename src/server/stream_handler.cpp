@@ -36,6 +36,12 @@ StreamHandler::StreamHandler(const std::string& url_, int fd_, std::int64_t maxB
     : url(url_), fd(fd_), maxBufferSize(maxBufferSize_), stats(stats_), startFrom(startFrom_) {}
 
 void StreamHandler::run() {
+  stream();
+  release_free_memory();
+}
+
+// All that the stream needs is freed when this returns.
+void StreamHandler::stream() {
   ignore_sigpipe();
   const time_t started = seconds_now();
   ResponseHead(fd, 200, "Streaming...", "application/octet-stream").send();
@@ -50,7 +56,6 @@ void StreamHandler::run() {
   log_err("mpl finish and cleanup!");
   playlist.finish();
   buffer.clear();
-  release_free_memory();
 }
 
 void StreamHandler::pump(CBuff& buffer, const MasterPlaylist& playlist, time_t started) {

@@ -29,6 +29,7 @@ class StreamHandler {
   void run();
 
  private:
+  void stream();
   // `started` in whole seconds of the monotonic clock.
   void pump(CBuff& buffer, const MasterPlaylist& playlist, time_t started);
 
