@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "cachemap/cache_map.h"
-#include "cachemap/update_handler.h"
+#include "cachemap/answer_update.h"
 #include "support/captured_log.h"
 
 namespace weir::test {
@@ -159,7 +159,7 @@ TEST(UpdateHandler, ReplacesTheMapsThatWereSentAndAlwaysSaysOk) {
   for (const auto& c : cases) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    UpdateHandler(ends[0], c.chunk, c.playlist).run();
+    answer_update(ends[0], c.chunk, c.playlist);
     close(ends[0]);
     char bytes[4096];
     const ssize_t got = recv(ends[1], bytes, sizeof bytes, MSG_WAITALL);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace weir::test {
@@ -13,7 +14,7 @@ using std::string_literals::operator""s;
 TEST(Text, SplitKeepsEmptyPiecesButAddsNoneAfterTheLastDelimiter) {
   const struct {
     std::string text;
-    std::vector<std::string> pieces;
+    std::vector<std::string_view> pieces;
   } cases[] = {{"", {}},
                {" ", {""}},
                {"a ", {"a"}},
@@ -21,7 +22,7 @@ TEST(Text, SplitKeepsEmptyPiecesButAddsNoneAfterTheLastDelimiter) {
                {"a  b", {"a", "", "b"}},
                {"a b  ", {"a", "b", ""}},
                {"GET /x\tHTTP/1.1", {"GET", "/x\tHTTP/1.1"}},
-               {"a\0b c\0"s, {"a\0b"s, "c\0"s}}};
+               {"a\0b c\0"s, {{"a\0b", 3}, {"c\0", 2}}}};
   for (const auto& c : cases) EXPECT_EQ(split(c.text, ' '), c.pieces) << "'" << c.text << "'";
 }
 
@@ -35,11 +36,9 @@ TEST(Text, TrimTakesAllWhiteSpaceAtTheEndsAndNothingElse) {
                {"\0 a \0"s, "\0 a \0"s, "\0 a \0"s, "\0 a \0"s},
                {" \xA0\xFF ", "\xA0\xFF ", " \xA0\xFF", "\xA0\xFF"}};
   for (const auto& c : cases) {
-    std::string text[] = {c.text, c.text, c.text};
-    EXPECT_EQ(ltrim(text[0]), c.left);
-    EXPECT_EQ(rtrim(text[1]), c.right);
-    EXPECT_EQ(&trim(text[2]), &text[2]);
-    EXPECT_EQ(text[2], c.both);
+    EXPECT_EQ(ltrim(c.text), c.left);
+    EXPECT_EQ(rtrim(c.text), c.right);
+    EXPECT_EQ(trim(c.text), c.both);
   }
 }
 

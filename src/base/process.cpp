@@ -8,6 +8,8 @@
 
 #include <csignal>
 
+#include "base/fd.h"
+
 namespace weir {
 
 namespace {
@@ -17,7 +19,7 @@ void open_standard_descriptors() {
   do {
     fd = open("/dev/null", O_RDWR);
   } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) close(fd);
+  const Fd beyond(fd);
 }
 
 void raise_descriptor_limit() {

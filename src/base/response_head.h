@@ -10,20 +10,20 @@ namespace weir {
 //
 // Threads:   one.
 // Ownership: the descriptor stays the caller's.
-// Failure:   none to be seen. A client that has gone is found out by the body.
+// Failure:   not reported. Whoever writes the body learns that a client has gone.
 class ResponseHead {
  public:
   // The reason phrase and the content type are sent as they are, unescaped.
-  ResponseHead(int fd, int status, std::string message, std::string contentType);
+  ResponseHead(int fd, int status, std::string message, std::string content_type);
 
   // One write(); a short or failed one is not repeated.
   void send() const;
 
  private:
-  int fd;
-  int status;
-  std::string message;
-  std::string contentType;
+  int fd_;
+  int status_;
+  std::string message_;
+  std::string content_type_;
 };
 
 }  // namespace weir

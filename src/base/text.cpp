@@ -12,28 +12,32 @@ bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0;
 
 }  // namespace
 
-std::vector<std::string> split(const std::string& text, char delimiter) {
-  std::vector<std::string> pieces;
-  for (size_t start = 0; start < text.size();) {
-    const size_t end = std::min(text.find(delimiter, start), text.size());
-    pieces.emplace_back(text, start, end - start);
-    start = end + 1;
-  }
-  return pieces;
+bool Pieces::next(std::string_view& piece) {
+  if (rest_.empty()) return false;
+  const size_t end = std::min(rest_.find(delimiter_), rest_.size());
+  piece = rest_.substr(0, end);
+  rest_.remove_prefix(std::min(end + 1, rest_.size()));
+  return true;
 }
 
-std::string& rtrim(std::string& text) {
-  const auto last = std::find_if_not(text.rbegin(), text.rend(), is_space);
-  text.erase(last.base(), text.end());
+std::vector<std::string_view> split(std::string_view text, char delimiter) {
+  std::vector<std::string_view> all;
+  Pieces pieces(text, delimiter);
+  for (std::string_view piece; pieces.next(piece);) all.push_back(piece);
+  return all;
+}
+
+std::string_view rtrim(std::string_view text) {
+  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
   return text;
 }
 
-std::string& ltrim(std::string& text) {
-  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), is_space));
+std::string_view ltrim(std::string_view text) {
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
   return text;
 }
 
-std::string& trim(std::string& text) { return ltrim(rtrim(text)); }
+std::string_view trim(std::string_view text) { return ltrim(rtrim(text)); }
 
 void url_decode(std::string& text) {
   std::string decoded;
@@ -52,8 +56,8 @@ void url_decode(std::string& text) {
   text = std::move(decoded);
 }
 
-std::int64_t leading_number(const std::string& text) {
-  return std::strtoll(text.c_str(), nullptr, 10);
+std::int64_t leading_number(std::string_view text) {
+  return std::strtoll(std::string(text).c_str(), nullptr, 10);
 }
 
 }  // namespace weir

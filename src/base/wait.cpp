@@ -8,18 +8,17 @@ namespace weir {
 
 namespace {
 
-int wait_for(int fd, short event, std::chrono::seconds timeout) {
+bool wait_for(int fd, short event, std::chrono::seconds timeout) {
   pollfd entry{fd, event, 0};
   const std::chrono::milliseconds time = timeout;
-  const int ready = poll(&entry, 1, static_cast<int>(time.count()));
-  return ready == 1 && (entry.revents & POLLNVAL) != 0 ? -1 : ready;
+  return poll(&entry, 1, static_cast<int>(time.count())) == 1 && (entry.revents & POLLNVAL) == 0;
 }
 
 }  // namespace
 
-int wait_readable(int fd, std::chrono::seconds timeout) { return wait_for(fd, POLLIN, timeout); }
+bool wait_readable(int fd, std::chrono::seconds timeout) { return wait_for(fd, POLLIN, timeout); }
 
-int wait_writable(int fd, std::chrono::seconds timeout) { return wait_for(fd, POLLOUT, timeout); }
+bool wait_writable(int fd, std::chrono::seconds timeout) { return wait_for(fd, POLLOUT, timeout); }
 
 void sleep_for(std::chrono::milliseconds time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);

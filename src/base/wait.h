@@ -9,11 +9,9 @@ namespace weir {
 
 // Wait until the socket can be read from (written to) without blocking. An end
 // of stream and a pending socket error count as ready: the call that follows
-// reports them.
-//
-// Returns 1 when it is ready, 0 when the time ran out, -1 on an error.
-[[nodiscard]] int wait_readable(int fd, std::chrono::seconds timeout);
-[[nodiscard]] int wait_writable(int fd, std::chrono::seconds timeout);
+// reports them. False when the time ran out, or on an error.
+[[nodiscard]] bool wait_readable(int fd, std::chrono::seconds timeout);
+[[nodiscard]] bool wait_writable(int fd, std::chrono::seconds timeout);
 
 void sleep_for(std::chrono::milliseconds time);
 

@@ -5,8 +5,8 @@
 
 namespace weir {
 
-// Memory from malloc, aligned to 16 bytes. Null when there is none to be had.
-// The address that malloc gave stands in the 8 bytes below the one returned.
+// Memory from malloc, aligned to 16 bytes. Null when malloc has none.
+// The address that malloc gave stands right below the one returned.
 [[nodiscard]] void* aligned_allocate(std::size_t bytes);
 
 // Takes back what aligned_allocate gave; null is ignored.
@@ -15,9 +15,9 @@ void aligned_release(void* memory);
 struct AlignedRelease {
   void operator()(void* memory) const { aligned_release(memory); }
 };
-using AlignedBytes = std::unique_ptr<unsigned char, AlignedRelease>;
+using AlignedBytes = std::unique_ptr<unsigned char[], AlignedRelease>;
 
-// Owned bytes, or an empty pointer when there are none to be had.
+// Owned bytes, or an empty pointer when malloc has none.
 [[nodiscard]] inline AlignedBytes aligned_bytes(std::size_t bytes) {
   return AlignedBytes(static_cast<unsigned char*>(aligned_allocate(bytes)));
 }

@@ -6,11 +6,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <new>
+#include <memory>
 
 #include "base/log.h"
 #include "base/wait.h"
-#include "buffer/aligned.h"
 #include "buffer/cblock.h"
 
 namespace weir {
@@ -28,105 +27,82 @@ void populate(unsigned char* memory, std::size_t bytes) {
   }
 }
 
-// Where malloc's heap had to grow its pages are had together, for half of what one
-// page fault after the other costs. A sealed block may leave its last quarter
+// Where malloc's heap had to grow, its new pages are supplied together, for half of
+// what one page fault after the other costs. A sealed block may leave its last quarter
 // unused; those pages come when they are touched, if ever.
-unsigned char* new_storage(std::size_t size) {
+std::unique_ptr<CBlock> new_block(std::uint64_t size) {
   const void* const end_of_heap = sbrk(0);
-  auto* const data = static_cast<unsigned char*>(aligned_allocate(size));
-  if (data != nullptr && sbrk(0) != end_of_heap) populate(data, size / 4 * 3);
-  return data;
-}
-
-CBlock* new_block(std::uint64_t size) {
-  void* const descriptor = aligned_allocate(sizeof(CBlock));
-  unsigned char* const data = new_storage(static_cast<std::size_t>(size));
-  if (descriptor == nullptr || data == nullptr) {
+  std::unique_ptr<CBlock> block(new (std::nothrow) CBlock(size));
+  if (block == nullptr || block->data == nullptr) {
     log_err("CBUFF: Unable to allocate mem for cblock data");
-    aligned_release(descriptor);
-    aligned_release(data);
     return nullptr;
   }
-  auto* const block = new (descriptor) CBlock;
-  block->data = data;
-  block->limit.store(size, std::memory_order_relaxed);
+  if (sbrk(0) != end_of_heap) populate(block->data.get(), size / 4 * 3);
   return block;
-}
-
-void free_block(CBlock* block) {
-  aligned_release(block->data);
-  block->~CBlock();
-  aligned_release(block);
 }
 
 }  // namespace
 
-CBuff::CBuff(std::uint64_t blockSize) : block_size_(blockSize) {}
+CBuff::CBuff(std::uint64_t block_size) : block_size_(block_size) {}
 
 CBuff::~CBuff() { clear(); }
 
 // Links a fresh block at the tail and makes it the producer's. Memory is taken
 // before the lock, so the consumer never waits for it.
 bool CBuff::append() {
-  CBlock* const block = new_block(block_size_);
+  std::unique_ptr<CBlock> block = new_block(block_size_);
   if (block == nullptr) return false;
-  cur_ = block;
-  pos_ = 0;
+  current_ = block.get();
+  position_ = 0;
   room_ = block_size_;
-  const MutexLock lock(mutex);
-  if (tail == nullptr) {
-    head.store(block, std::memory_order_release);
+  const MutexLock lock(mutex_);
+  if (tail_ == nullptr) {
+    head_.store(block.release(), std::memory_order_release);
   } else {
-    tail->next.store(block, std::memory_order_release);
+    tail_->next.store(block.release(), std::memory_order_release);
   }
-  tail = block;
+  tail_ = current_;
   return true;
 }
 
 bool CBuff::has_tail() {
-  const MutexLock lock(mutex);
-  return tail != nullptr;
+  const MutexLock lock(mutex_);
+  return tail_ != nullptr;
 }
 
 // Hands `count` bytes at the producer's position over to the consumer. Storing
 // writePos is the last access to a block that these bytes fill.
 void CBuff::publish(std::uint64_t count) {
-  pos_ += count;
+  position_ += count;
   room_ -= count;
   fill_.fetch_add(count, std::memory_order_release);
-  cur_->writePos.store(pos_, std::memory_order_release);
+  current_->writePos.store(position_, std::memory_order_release);
 }
 
-std::uint64_t CBuff::write(const void* source, std::uint64_t length) {
-  const auto* const bytes = static_cast<const unsigned char*>(source);
+bool CBuff::write(std::span<const unsigned char> bytes) {
   // Without a tail a block is appended even when there is nothing to store.
-  if (length == 0 && room_ == 0 && !has_tail()) (void)append();
-  std::uint64_t stored = 0;
-  while (stored < length) {
-    if (room_ == 0 && !append()) break;
-    const std::uint64_t count = std::min(room_, length - stored);
-    std::memcpy(cur_->data + pos_, bytes + stored, static_cast<std::size_t>(count));
+  if (bytes.empty() && room_ == 0 && !has_tail()) (void)append();
+  while (!bytes.empty()) {
+    if (room_ == 0 && !append()) return false;
+    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(room_, bytes.size()));
+    std::memcpy(current_->data.get() + position_, bytes.data(), count);
     publish(count);
-    stored += count;
+    bytes = bytes.subspan(count);
   }
-  return stored;
+  return true;
 }
 
-std::uint64_t CBuff::reserve(unsigned char** out) {
-  if (room_ == 0 && !append()) {
-    *out = nullptr;
-    return 0;
-  }
-  *out = cur_->data + pos_;
-  return room_;
+std::span<unsigned char> CBuff::reserve() {
+  if (room_ == 0 && !append()) return {};
+  return {current_->data.get() + position_, static_cast<std::size_t>(room_)};
 }
 
-std::uint64_t CBuff::sealAndReserve(unsigned char** out) {
+std::span<unsigned char> CBuff::sealAndReserve() {
   if (room_ > 0) {
     room_ = 0;
-    cur_->limit.store(pos_, std::memory_order_release);
+    current_->limit.store(position_, std::memory_order_release);
   }
-  return reserve(out);
+  return reserve();
 }
 
 void CBuff::commit(std::uint64_t count) {
@@ -142,38 +118,37 @@ bool CBuff::wait_for_bytes() const {
   return fill() > 0;
 }
 
-std::uint64_t CBuff::peek(unsigned char** out) {
-  if (!wait_for_bytes()) return 0;
-  CBlock* block = head.load(std::memory_order_acquire);
+std::span<const unsigned char> CBuff::peek() {
+  if (!wait_for_bytes()) return {};
+  const CBlock* block = head_.load(std::memory_order_acquire);
   // `next` first: once it is set, the writePos loaded after it is final, and a
   // drained block can be dropped without losing a byte.
   const bool has_next = block->next.load(std::memory_order_acquire) != nullptr;
   if (has_next && block->writePos.load(std::memory_order_acquire) == block->readPos) {
     remove_head();
-    block = head.load(std::memory_order_acquire);
+    block = head_.load(std::memory_order_acquire);
   }
-  *out = block->data + block->readPos;
-  return block->writePos.load(std::memory_order_acquire) - block->readPos;
+  const std::uint64_t end = block->writePos.load(std::memory_order_acquire);
+  return {block->data.get() + block->readPos, static_cast<std::size_t>(end - block->readPos)};
 }
 
 void CBuff::consume(std::uint64_t count) {
   if (count == 0) return;
-  CBlock* const block = head.load(std::memory_order_acquire);
+  CBlock* const block = head_.load(std::memory_order_acquire);
   fill_.fetch_sub(count, std::memory_order_relaxed);
   block->readPos += count;
   if (block->readPos == block->limit.load(std::memory_order_acquire)) remove_head();
 }
 
-std::uint64_t CBuff::read(void* destination, std::uint64_t capacity) {
-  auto* const bytes = static_cast<unsigned char*>(destination);
+std::uint64_t CBuff::read(std::span<unsigned char> destination) {
   std::uint64_t copied = 0;
-  while (copied < capacity) {
+  while (copied < destination.size()) {
     // Only the first turn may wait.
     if (copied > 0 && fill() == 0) break;
-    unsigned char* from = nullptr;
-    const std::uint64_t count = std::min(peek(&from), capacity - copied);
+    const std::span<const unsigned char> from = peek();
+    const std::size_t count = std::min(from.size(), destination.size() - copied);
     if (count == 0) break;
-    std::memcpy(bytes + copied, from, static_cast<std::size_t>(count));
+    std::memcpy(destination.data() + copied, from.data(), count);
     consume(count);
     copied += count;
   }
@@ -181,18 +156,15 @@ std::uint64_t CBuff::read(void* destination, std::uint64_t capacity) {
 }
 
 void CBuff::remove_head() {
-  CBlock* const block = head.load(std::memory_order_relaxed);
-  {
-    const MutexLock lock(mutex);
-    CBlock* const next = block->next.load(std::memory_order_relaxed);
-    if (next == nullptr) tail = nullptr;
-    head.store(next, std::memory_order_relaxed);
-  }
-  free_block(block);
+  const std::unique_ptr<CBlock> block(head_.load(std::memory_order_relaxed));
+  const MutexLock lock(mutex_);
+  CBlock* const next = block->next.load(std::memory_order_relaxed);
+  if (next == nullptr) tail_ = nullptr;
+  head_.store(next, std::memory_order_relaxed);
 }
 
 void CBuff::clear() {
-  while (head.load(std::memory_order_acquire) != nullptr) remove_head();
+  while (head_.load(std::memory_order_acquire) != nullptr) remove_head();
   fill_.store(0, std::memory_order_relaxed);
   room_ = 0;
 }

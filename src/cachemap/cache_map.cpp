@@ -26,8 +26,8 @@ std::string ring_key(const std::string& path) {
 }
 
 // Bits 16 to 30 of the CRC-32, spread over the live servers.
-std::uint32_t rank_of(const std::string& key, std::uint32_t aliveCount) {
-  return (crc32(key) >> 16 & 0x7FFF) % aliveCount;
+std::uint32_t rank_of(const std::string& key, std::uint32_t alive_count) {
+  return (crc32(key) >> 16 & 0x7FFF) % alive_count;
 }
 
 // The live server of that 0-based rank; the last one where there are fewer.
@@ -44,11 +44,11 @@ const CacheServer* live_server(const Ring& ring, std::uint32_t rank) {
 }  // namespace
 
 std::string CacheMap::selectServer(const std::string& path) {
-  const MutexLock lock(mutex);
+  const MutexLock lock(mutex_);
   const std::string key = ring_key(path);
-  const auto ring = std::find_if(rings.begin(), rings.end(),
+  const auto ring = std::find_if(rings_.begin(), rings_.end(),
                                  [](const Ring& candidate) { return candidate.aliveCount != 0; });
-  if (ring == rings.end()) {
+  if (ring == rings_.end()) {
     log_err("no valid ring found");
     return "";
   }
@@ -62,9 +62,9 @@ std::string CacheMap::selectServer(const std::string& path) {
 }
 
 void CacheMap::invalidateServer(const std::string& address) {
-  const MutexLock lock(mutex);
+  const MutexLock lock(mutex_);
   log_out("Invalidating cache server ", address);
-  for (Ring& ring : rings) {
+  for (Ring& ring : rings_) {
     for (CacheServer& server : ring.servers) {
       if (server.address != address || !server.alive) continue;
       server.alive = false;
@@ -75,13 +75,13 @@ void CacheMap::invalidateServer(const std::string& address) {
 }
 
 void CacheMap::setMap(const std::string& text) {
-  const MutexLock lock(mutex);
-  rings.clear();
+  const MutexLock lock(mutex_);
+  rings_.clear();
   log_out("setting map to: ", text);
-  for (const std::string& ring_text : split(text, ';')) {
-    Ring& ring = rings.emplace_back();
-    for (std::string& address : split(ring_text, ',')) {
-      ring.servers.push_back({std::move(address)});
+  for (const std::string_view ring_text : split(text, ';')) {
+    Ring& ring = rings_.emplace_back();
+    for (const std::string_view address : split(ring_text, ',')) {
+      ring.servers.push_back({std::string(address)});
     }
     ring.aliveCount = static_cast<std::uint32_t>(ring.servers.size());
   }
@@ -89,7 +89,7 @@ void CacheMap::setMap(const std::string& text) {
 }
 
 void CacheMap::dumpRings() const {
-  for (const Ring& ring : rings) {
+  for (const Ring& ring : rings_) {
     log_out("ring: alive servers: ", ring.aliveCount);
     for (const CacheServer& server : ring.servers) {
       log_out("  server: ", server.address, server.alive ? " alive" : " DEAD");

@@ -12,7 +12,8 @@ namespace weir {
 // all servers of the earlier ones are dead; only a new map revives a server.
 //
 // Threads: any. Each operation holds the mutex to its end, its log lines
-//          included, so a selection is never logged in the middle of a dump.
+//          included, so a selection is never logged in the middle of a dump. The
+//          locks of the log's streams are taken inside, and no other.
 class CacheMap {
  public:
   // The address of the server for the path of an upstream URL, or "" when there
@@ -29,10 +30,10 @@ class CacheMap {
   void setMap(const std::string& text);
 
  private:
-  void dumpRings() const WEIR_REQUIRES(mutex);
+  void dumpRings() const WEIR_REQUIRES(mutex_);
 
-  Mutex mutex;
-  std::vector<Ring> rings WEIR_GUARDED_BY(mutex);
+  Mutex mutex_;
+  std::vector<Ring> rings_ WEIR_GUARDED_BY(mutex_);
 };
 
 // The two maps of the process: for media ("@" in a URL) and for playlists ("~").

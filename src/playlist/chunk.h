@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace weir {
@@ -10,7 +11,9 @@ struct Chunk {
   std::uint64_t sequence = 0;  // media sequence number
   std::string url;             // absolute, as written
   bool last = false;           // the end of the stream
-  std::string key_url;         // of its AES-128 key; empty for clear media
+
+  // Of its AES-128 key, shared by all segments behind one key line; null for clear media.
+  std::shared_ptr<const std::string> key_url;
 };
 
 }  // namespace weir

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "playlist/chunk.h"
 
@@ -13,14 +15,15 @@ namespace weir {
 // Threads: the refresh timer while no fill pass runs, the fill pass else.
 class Chunklist {
  public:
-  explicit Chunklist(std::string url_);
+  explicit Chunklist(std::string from) : url(std::move(from)) {}
 
-  // Replaces the segments by those of a variant playlist (RFC 8216, section
-  // 4.3.3). False when the text is no playlist; there are then no segments.
+  // Replaces the segments by those of a variant playlist, a media playlist as RFC 8216,
+  // section 4.3.3, has it. There are none where the text isn't a playlist or goes beyond
+  // 50,000 segments or 64 KiB a line; the reason is on the error stream.
   //
-  // A key line switches deciphering on for what follows, whatever its METHOD,
-  // and its URI reaches to the end of the line; both are meant.
-  bool parse(const std::string& text);
+  // Deliberate: a key line switches decryption on for what follows, whatever its METHOD,
+  // and its URI reaches to the end of the line. Playlists are made for weir.
+  void parse(std::string_view text);
 
   std::string url;
   std::uint32_t target_duration = 1;  // seconds; a text without the tag keeps the last
@@ -28,7 +31,8 @@ class Chunklist {
 
  private:
   struct Cursor;
-  void parse_line(const std::string& line, Cursor& cursor);
+  [[nodiscard]] bool parse_line(std::string_view line, Cursor& cursor);
+  [[nodiscard]] bool add(std::string_view location, Cursor& cursor);
 };
 
 }  // namespace weir

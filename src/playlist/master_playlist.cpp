@@ -1,14 +1,14 @@
-// Parsing of the master playlist, the refresh timer and the life of a stream.
+// The life of a stream: loading its playlists and the refresh timer.
 #include "playlist/master_playlist.h"
 
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "base/log.h"
-#include "base/text.h"
 #include "base/wait.h"
 #include "buffer/cbuff.h"
-#include "playlist/playlist_text.h"
+#include "playlist/chunk_fetcher.h"
 #include "playlist/stream_stats.h"
 #include "upstream/ucurl.h"
 
@@ -19,102 +19,75 @@ namespace {
 constexpr std::chrono::seconds kTimerTurn{1};
 constexpr size_t kEnoughChunks = 4;  // more than these are worked off before a refresh
 
-// The value of the first "BANDWIDTH=" in the line, even inside a longer name.
-bool read_bandwidth(const std::string& line, std::uint64_t& bandwidth) {
-  constexpr std::string_view kAttribute = "BANDWIDTH=";
-  const size_t found = line.find(kAttribute);
-  if (found == std::string::npos) return false;
-  const size_t start = found + kAttribute.size();
-  bandwidth =
-      static_cast<std::uint64_t>(leading_number(line.substr(start, line.find(',', start) - start)));
-  return true;
-}
-
 }  // namespace
 
-MasterPlaylist::MasterPlaylist(std::string master_url_, CBuff* buffer_, std::uint64_t max_buffer_,
-                               StreamStats* stats_, std::int32_t start_from_)
-    : master_url(std::move(master_url_)),
-      buffer(buffer_),
-      stats(stats_),
-      max_buffer(max_buffer_),
-      client(std::make_unique<UCurl>()),
-      start_from(start_from_) {}
+MasterPlaylist::MasterPlaylist(std::string master_url, CBuff& buffer, std::uint64_t max_buffer,
+                               StreamStats& stats, std::int32_t start_from)
+    : master_url_(std::move(master_url)),
+      buffer_(buffer),
+      max_buffer_(max_buffer),
+      stats_(stats),
+      fetcher_(std::make_unique<ChunkFetcher>(buffer, max_buffer, stats, control_, start_from)) {}
 
 MasterPlaylist::~MasterPlaylist() = default;
 
 bool MasterPlaylist::start_refreshing() {
   log_out("start_refreshing");
   if (!refresh_master()) return false;
-  last_seq = 0;
-  key_url.clear();
-  key.clear();
-  refresh_countdown.store(0, std::memory_order_relaxed);
   // A stream without its timer delivers nothing and is closed for want of data.
-  (void)timer_thread.start(timer_thread_entry, this);
+  (void)timer_thread_.start(timer_thread_entry, this);
   return true;
 }
 
 void MasterPlaylist::finish() {
   log_out("MasterPlaylist::finish");
-  end_stream();
+  control_.end_stream();
   // The timer first: it starts fill threads, and after it there are no new ones.
-  timer_thread.join();
-  fill_thread.join();
+  timer_thread_.join();
+  fill_thread_.join();
 }
-
-void MasterPlaylist::end_stream() { should_finish_.store(true, std::memory_order_release); }
 
 bool MasterPlaylist::refresh_master() {
   log_out("Refreshing ... ");
   std::string text;
-  if (!UCurl().get(master_url, text)) {
+  if (!UCurl().get(master_url_, text)) {
     log_out("failed to get master playlist");
     return false;
   }
   log_out("got master playlist");
-  (void)parse_master(text);  // whatever was read up to an error is good enough
-  current_variant = nullptr;
-  boundary_low = 0;
-  boundary_high = 0;
+  variants_ = parse_master(text);
   return select_variant();
 }
 
-// Every line after the first that is no stream tag is a variant of the bandwidth
-// seen last, comments and empty lines too; that is meant (cf. RFC 8216, 4.3.4.2).
-bool MasterPlaylist::parse_master(const std::string& text) {
-  variants.clear();
-  const std::vector<std::string> lines = split(text, '\n');
-  if (!is_playlist(lines)) return false;
-  std::uint64_t bandwidth = 0;
-  for (size_t i = 1; i < lines.size(); ++i) {
-    if (!lines[i].starts_with("#EXT-X-STREAM-INF:")) {
-      std::string url = lines[i];
-      variants.push_back({bandwidth, std::move(trim(url)), false});
-    } else if (!read_bandwidth(lines[i], bandwidth)) {
-      log_err("Variant does not specify bandwidth!");
-      return false;
-    }
-  }
+// True when there is a current variant afterwards, kept or chosen anew.
+bool MasterPlaylist::select_variant() {
+  const std::uint64_t average = stats_.avg_speed.get();
+  log_out("select variant, curr avg in bps: ", average * 1024);
+  const Decision decision = keep_or_change(current_, average, buffer_.fill(), max_buffer_);
+  if (decision != Decision::kChange) return decision == Decision::kKeep;
+  chunklist_.reset();
+  current_ = choose_variant(variants_, average).value_or(Selection{});
+  if (current_.variant == nullptr) return false;
+  chunklist_ = std::make_unique<Chunklist>(current_.variant->url);
   return true;
 }
 
 bool MasterPlaylist::refresh_variant() {
   log_out("Chunklist: refresh variant");
   std::string text;
-  if (!UCurl().get(chunklist->url, text)) return false;
-  (void)chunklist->parse(text);  // success is to have segments
-  return !chunklist->chunks.empty();
+  if (!UCurl().get(chunklist_->url, text)) return false;
+  chunklist_->parse(text);
+  return !chunklist_->chunks.empty();
 }
 
 bool MasterPlaylist::refresh_variant_and_start_fill() {
-  fill_running.store(true, std::memory_order_relaxed);
-  fill_thread.join();
-  const size_t queued = chunklist->chunks.size();
+  control_.fill_running.store(true, std::memory_order_relaxed);
+  fill_thread_.join();
+  const size_t queued = chunklist_->chunks.size();
   if (queued > kEnoughChunks) {
     log_err("Chunklist: Using cached playlist (still got ", queued, " chunks in advance)");
   } else if (!refresh_variant()) {
-    fill_running.store(false, std::memory_order_relaxed);
+    control_.fill_running.store(false, std::memory_order_relaxed);
     log_err("Unable to refresh variant of playlist");
     return false;
   }
@@ -124,15 +97,15 @@ bool MasterPlaylist::refresh_variant_and_start_fill() {
 
 // Without a thread there is no pass, and the timer tries again with its next turn.
 void MasterPlaylist::start_fill() {
-  if (fill_thread.start(fill_thread_entry, this)) return;
-  fill_running.store(false, std::memory_order_relaxed);
+  if (fill_thread_.start(fill_thread_entry, this)) return;
+  control_.fill_running.store(false, std::memory_order_relaxed);
 }
 
 void* MasterPlaylist::fill_thread_entry(void* self) {
-  auto* const playlist = static_cast<MasterPlaylist*>(self);
+  auto& playlist = *static_cast<MasterPlaylist*>(self);
   lower_priority();
-  playlist->fill_pass();
-  playlist->fill_running.store(false, std::memory_order_release);
+  playlist.fetcher_->fill_pass(*playlist.chunklist_, playlist.current_);
+  playlist.control_.fill_running.store(false, std::memory_order_release);
   return nullptr;
 }
 
@@ -144,11 +117,12 @@ void* MasterPlaylist::timer_thread_entry(void* self) {
 
 void MasterPlaylist::refresh_timer() {
   log_out("refresh timer called");
+  std::atomic<std::int32_t>& countdown = control_.refresh_countdown;
   while (!should_finish()) {
-    const std::int32_t countdown = refresh_countdown.load(std::memory_order_relaxed);
-    if (countdown > 0) {
-      log_out("not yet refresh time: ", countdown);
-      refresh_countdown.fetch_sub(1, std::memory_order_relaxed);
+    const std::int32_t left = countdown.load(std::memory_order_relaxed);
+    if (left > 0) {
+      log_out("not yet refresh time: ", left);
+      countdown.fetch_sub(1, std::memory_order_relaxed);
     } else if (!refresh_now()) {
       return;
     }
@@ -160,20 +134,20 @@ void MasterPlaylist::refresh_timer() {
 // stream was told to end meanwhile and nothing is to be waited for.
 bool MasterPlaylist::refresh_now() {
   for (;;) {
-    if (fill_running.load(std::memory_order_acquire)) {
+    if (control_.fill_running.load(std::memory_order_acquire)) {
       log_out("refresh will not be done at this time - still running");
       return true;
     }
     log_out("refresh ...");
     if (!select_variant()) {
       log_err("unable to select variand - should_finish");
-      end_stream();
+      control_.end_stream();
       return true;
     }
     if (refresh_variant_and_start_fill()) return true;
     log_err("marking this variant as invalid");
-    current_variant->invalid = true;
-    refresh_countdown.store(0, std::memory_order_relaxed);
+    current_.variant->invalid = true;
+    control_.refresh_countdown.store(0, std::memory_order_relaxed);
     if (should_finish()) return false;
   }
 }

@@ -2,15 +2,16 @@
 #include "server/request.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
+#include <optional>
+#include <utility>
 
 #include "base/log.h"
 #include "base/response_head.h"
 #include "base/text.h"
-#include "base/worker_thread.h"
-#include "cachemap/update_handler.h"
+#include "base/thread.h"
+#include "cachemap/answer_update.h"
 #include "server/http406.h"
 #include "server/stats_handler.h"
 #include "server/stream_handler.h"
@@ -19,36 +20,29 @@
 namespace weir {
 
 namespace {
-constexpr std::int32_t kHead = 1;
 constexpr size_t kMaxDiscarded = 64 * 1024;  // bytes of a request's body
 constexpr const char* kStreamType = "application/octet-stream";
 constexpr const char* kJsonType = "application/json";
-constexpr const char* kTextType = "plain/text";  // sent exactly so; that is meant
+constexpr const char* kTextType = "plain/text";  // deliberate: clients know it so
 }  // namespace
 
-Request::Request(int fd_, std::int64_t maxBufferSize_, StreamStats* stats_, Watchdog* watchdog_)
-    : fd(fd_), maxBufferSize(maxBufferSize_), stats(stats_), watchdog(watchdog_) {}
+Request::Request(Fd fd, std::uint64_t max_buffer, StreamStats& stats, Watchdog& watchdog)
+    : fd_(std::move(fd)), max_buffer_(max_buffer), stats_(stats), watchdog_(watchdog) {}
 
 Request::~Request() = default;
 
 void Request::process(std::unique_ptr<Request> request) {
   log_out("Request::process");
-  // The new thread may end, and free the request, before pthread_create returns.
-  pthread_t handle;
+  // The new thread may end, and free the request, before the call returns.
   Request* const handed_over = request.release();
-  if (pthread_create(&handle, nullptr, thread_entry, handed_over) != 0) {
-    request.reset(handed_over);
-    close(request->fd);
-  }
+  if (!start_detached(thread_entry, handed_over)) request.reset(handed_over);
   log_out("Request::process end");
 }
 
 void* Request::thread_entry(void* self) {
-  std::unique_ptr<Request> request(static_cast<Request*>(self));
+  const std::unique_ptr<Request> request(static_cast<Request*>(self));
   log_out("do_request_start");
   lower_priority();
-  request->thread = pthread_self();
-  (void)pthread_detach(request->thread);
   log_out("pthread_detach");
   request->start();
   log_out("after start");
@@ -61,8 +55,8 @@ void Request::start() {
     log_out("Request::start 1");
     parse_resource();
     log_out("Request::start 2");
-    skip_headers();
-    log_out("Request::start 3 << ", path);
+    skip_headers(fd_.get());
+    log_out("Request::start 3 << ", line_.path);
     dispatch();
   } catch (const Http406* exception) {
     send_not_acceptable(exception->what());
@@ -70,22 +64,21 @@ void Request::start() {
   close_connection();
 }
 
-// Where bytes are left unread the kernel resets the connection and drops what it
-// hasn't sent yet. A body is thrown away as far as it is there, without a look at it.
-void Request::close_connection() {
-  std::array<char, 4096> discarded;
-  for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {
-    if (recv(fd, discarded.data(), discarded.size(), MSG_DONTWAIT) <= 0) break;
-  }
-  close(fd);
+void Request::parse_resource() {
+  log_out("Request::parse_resource");
+  const std::string line = readline(fd_.get());
+  log_out("Request::parse_resource -- readline: ", line);
+  std::optional<RequestLine> parsed = parse_request_line(line);
+  if (!parsed) reject("Invalid Request");
+  line_ = std::move(*parsed);
 }
 
 void Request::dispatch() {
+  const std::string& path = line_.path;
   if (path == "/stream" || path == "/stream.ts") {
     serve_stream();
   } else if (path == "/update-cache-map") {
-    const std::string* const chunk = get_param("chunk");
-    UpdateHandler(fd, chunk, get_param("playlist")).run();
+    answer_update(fd_.get(), line_.get_param("chunk"), line_.get_param("playlist"));
   } else if (path == "/stats.json") {
     serve_stats();
   } else if (path == "/watchdog") {
@@ -97,39 +90,49 @@ void Request::dispatch() {
 }
 
 void Request::serve_stream() {
-  if (method == kHead) return send_head("Will try to stream...", kStreamType);
-  const std::string* const from = get_param("startFrom");
-  const auto startFrom = static_cast<std::int32_t>(from == nullptr ? 0 : leading_number(*from));
-  const std::string* const url = get_param("url");
+  if (line_.method == Method::kHead) return send_head("Will try to stream...", kStreamType);
+  const std::string* const from = line_.get_param("startFrom");
+  const auto start_from = static_cast<std::int32_t>(from == nullptr ? 0 : leading_number(*from));
+  const std::string* const url = line_.get_param("url");
   if (url == nullptr) reject("Missing url parameter");
-  StreamHandler(*url, fd, maxBufferSize, stats, startFrom).run();
+  StreamHandler(*url, fd_.get(), max_buffer_, stats_, start_from).run();
 }
 
 void Request::serve_stats() {
-  if (method == kHead) return send_head("OK", kJsonType);
-  StatsHandler(fd, stats).run();
+  if (line_.method == Method::kHead) return send_head("OK", kJsonType);
+  StatsHandler(fd_.get(), stats_).run();
 }
 
 void Request::serve_watchdog() {
-  if (method != kHead) watchdog->ping();
+  if (line_.method != Method::kHead) watchdog_.ping();
   send_head("OK", kJsonType);
 }
 
-void Request::send_head(const char* message, const char* contentType) {
-  ResponseHead(fd, 200, message, contentType).send();
+void Request::send_head(const char* message, const char* content_type) {
+  ResponseHead(fd_.get(), 200, message, content_type).send();
 }
 
-void Request::send_not_found(const std::string& unknown) {
-  ResponseHead(fd, 404, unknown + " Not Found", kTextType).send();
+void Request::send_not_found(const std::string& path) {
+  ResponseHead(fd_.get(), 404, path + " Not Found", kTextType).send();
 }
 
 void Request::send_not_acceptable(const std::string& message) {
-  ResponseHead(fd, 406, message, kTextType).send();
+  ResponseHead(fd_.get(), 406, message, kTextType).send();
 }
 
 void Request::reject(const char* message) {
-  rejection = std::make_unique<Http406>(message);
-  throw rejection.get();
+  rejection_ = std::make_unique<Http406>(message);
+  throw rejection_.get();
+}
+
+// Where bytes are left unread the kernel resets the connection and drops what it
+// hasn't sent yet. A body is thrown away as far as it has arrived, without a look at it.
+void Request::close_connection() {
+  std::array<char, 4096> discarded;
+  for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {
+    if (recv(fd_.get(), discarded.data(), discarded.size(), MSG_DONTWAIT) <= 0) break;
+  }
+  fd_.reset();
 }
 
 }  // namespace weir

@@ -8,9 +8,9 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <memory>
+#include <utility>
 
 #include "base/log.h"
 #include "cachemap/cache_map.h"
@@ -27,7 +27,7 @@ constexpr timeval kTurn{1, 0};
 
 // Bytes that the kernel takes before the network does. Without a limit it takes
 // megabytes and wakes the writer when a third of them have gone, which a player
-// that reads at the pace of its film may not manage within kClientTimeout.
+// that reads at the pace of its video may not manage within kClientTimeout.
 constexpr int kMaxUnsent = 256 * 1024;
 
 // What requests share. Reachable for ever, never destroyed.
@@ -55,78 +55,71 @@ void set_up_libraries() {
 
 }  // namespace
 
-Server::Server(std::uint32_t address_, std::uint32_t port_, std::int32_t backlog_,
-               std::int64_t maxBufferSize_, Device device_)
-    : address(address_),
-      port(port_),
-      backlog(backlog_),
-      maxBufferSize(maxBufferSize_),
-      device(device_) {}
-
-Server::~Server() {
-  if (listenFd >= 0) close(listenFd);
-}
+Server::Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog,
+               std::uint64_t max_buffer, Device device)
+    : address_(address), port_(port), backlog_(backlog), max_buffer_(max_buffer), device_(device) {}
 
 void Server::createListeningSocket() {
-  listenFd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  listen_fd_.reset(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  const int fd = listen_fd_.get();
   // select() has no room for a descriptor that high.
-  if (listenFd < 0 || listenFd >= FD_SETSIZE) throw "Couldn't create listening socket!";
+  if (fd < 0 || fd >= FD_SETSIZE) throw "Couldn't create listening socket!";
   const int on = 1;
-  (void)setsockopt(listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in local{};
   local.sin_family = AF_INET;
-  local.sin_addr.s_addr = htonl(address);
-  local.sin_port = htons(static_cast<std::uint16_t>(port));
-  if (bind(listenFd, reinterpret_cast<const sockaddr*>(&local), sizeof local) < 0) {
+  local.sin_addr.s_addr = htonl(address_);
+  local.sin_port = htons(static_cast<std::uint16_t>(port_));
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) < 0) {
     throw "Couldn't bind listening socket.";
   }
-  if (listen(listenFd, backlog) < 0) throw "Call to listen failed.";
+  if (listen(fd, backlog_) < 0) throw "Call to listen failed.";
 }
 
 void Server::run() {
   createListeningSocket();
   set_up_libraries();
-  shared = new Shared(device);
+  shared = new Shared(device_);
   for (;;) {
     log_out("loop");
     shared->watchdog.check();
     if (!wait_for_connection()) continue;
-    handleConnection(accept_connection(), &shared->stats, &shared->watchdog);
+    handleConnection(accept_connection(), shared->stats, shared->watchdog);
   }
 }
 
-// False when a second has passed, or on an error, which is nobody's concern.
+// False when a second has passed; errors count as time-outs.
 bool Server::wait_for_connection() const {
   fd_set ready;
   FD_ZERO(&ready);
-  FD_SET(listenFd, &ready);
+  FD_SET(listen_fd_.get(), &ready);
   timeval timeout = kTurn;
-  const int count = select(listenFd + 1, &ready, nullptr, nullptr, &timeout);
+  const int count = select(listen_fd_.get() + 1, &ready, nullptr, nullptr, &timeout);
   log_out("after select");
-  if (count < 1 || !FD_ISSET(listenFd, &ready)) return false;
+  if (count < 1 || !FD_ISSET(listen_fd_.get(), &ready)) return false;
   log_out("read fds select ok");
   return true;
 }
 
-int Server::accept_connection() const {
-  const int fd = accept(listenFd, nullptr, nullptr);
-  if (fd < 0) throw "Error calling accept()";
+Fd Server::accept_connection() const {
+  Fd fd(accept(listen_fd_.get(), nullptr, nullptr));
+  if (!fd.is_open()) throw "Error calling accept()";
   log_out("accepted");
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kClientTimeout, sizeof kClientTimeout) < 0) {
+  if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &kClientTimeout, sizeof kClientTimeout) < 0) {
     throw "setsockopt failed SO_RCVTIMEO";
   }
   log_out("set sock opt");
-  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kClientTimeout, sizeof kClientTimeout) < 0) {
+  if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kClientTimeout, sizeof kClientTimeout) < 0) {
     throw "setsockopt failed SO_SNDTIMEO";
   }
   log_out("set sock opt2");
-  (void)setsockopt(fd, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMaxUnsent, sizeof kMaxUnsent);
+  (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMaxUnsent, sizeof kMaxUnsent);
   return fd;
 }
 
-void Server::handleConnection(int fd, StreamStats* stats, Watchdog* watchdog) const {
+void Server::handleConnection(Fd fd, StreamStats& stats, Watchdog& watchdog) const {
   log_out("processing request");
-  Request::process(std::make_unique<Request>(fd, maxBufferSize, stats, watchdog));
+  Request::process(std::make_unique<Request>(std::move(fd), max_buffer_, stats, watchdog));
   log_out("done processing request");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "base/fd.h"
 #include "watchdog/device.h"
 
 namespace weir {
@@ -20,12 +21,10 @@ struct StreamStats;
 //            or a connection can't be accepted.
 class Server {
  public:
-  // `address` and `port` in host order, 0 being all interfaces. Opens nothing.
-  Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog,
-         std::int64_t maxBufferSize, Device device);
-  ~Server();
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
+  // `address` and `port` in host order, 0 being all interfaces; `max_buffer` in bytes, of
+  // each stream's buffer. Opens nothing.
+  Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog, std::uint64_t max_buffer,
+         Device device);
 
   // Returns by throwing only.
   [[noreturn]] void run();
@@ -33,15 +32,15 @@ class Server {
  private:
   void createListeningSocket();
   [[nodiscard]] bool wait_for_connection() const;
-  [[nodiscard]] int accept_connection() const;
-  void handleConnection(int fd, StreamStats* stats, Watchdog* watchdog) const;
+  [[nodiscard]] Fd accept_connection() const;
+  void handleConnection(Fd fd, StreamStats& stats, Watchdog& watchdog) const;
 
-  const std::uint32_t address;
-  const std::uint32_t port;
-  const std::int32_t backlog;
-  const std::int64_t maxBufferSize;  // bytes, of each stream's buffer
-  const Device device;
-  int listenFd = -1;
+  const std::uint32_t address_;
+  const std::uint32_t port_;
+  const std::int32_t backlog_;
+  const std::uint64_t max_buffer_;
+  const Device device_;
+  Fd listen_fd_;
 };
 
 }  // namespace weir

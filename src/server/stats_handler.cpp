@@ -18,18 +18,16 @@ void append_entry(std::string& body, const char* name, const StreamStats::Value&
 
 }  // namespace
 
-StatsHandler::StatsHandler(int fd_, const StreamStats* stats_) : fd(fd_), stats(stats_) {}
-
 void StatsHandler::run() const {
   ignore_sigpipe();
-  ResponseHead(fd, 200, "OK", "application/json").send();
+  ResponseHead(fd_, 200, "OK", "application/json").send();
   std::string body = "{";
-  append_entry(body, "last_chunk_speed", stats->last_chunk_speed);
-  append_entry(body += ",", "avg_speed", stats->avg_speed);
-  append_entry(body += ",", "cbuff_size", stats->cbuff_size);
-  append_entry(body += ",", "selected_profile", stats->selected_profile);
+  append_entry(body, "last_chunk_speed", stats_.last_chunk_speed);
+  append_entry(body += ",", "avg_speed", stats_.avg_speed);
+  append_entry(body += ",", "cbuff_size", stats_.cbuff_size);
+  append_entry(body += ",", "selected_profile", stats_.selected_profile);
   body += "}\n";
-  (void)!write(fd, body.data(), body.size());
+  (void)!write(fd_, body.data(), body.size());
 }
 
 }  // namespace weir

@@ -9,16 +9,16 @@ struct StreamStats;
 //
 // Threads:   one.
 // Ownership: the descriptor and the record stay the caller's.
-// Failure:   none to be seen.
+// Failure:   not reported.
 class StatsHandler {
  public:
-  StatsHandler(int fd, const StreamStats* stats);
+  StatsHandler(int fd, const StreamStats& stats) : fd_(fd), stats_(stats) {}
 
   void run() const;
 
  private:
-  int fd;
-  const StreamStats* stats;
+  const int fd_;
+  const StreamStats& stats_;
 };
 
 }  // namespace weir

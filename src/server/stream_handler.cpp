@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <span>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/process.h"
 #include "base/response_head.h"
@@ -18,22 +20,18 @@ namespace weir {
 
 namespace {
 
-constexpr std::uint64_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
+constexpr std::size_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
 constexpr std::chrono::milliseconds kIdlePoll{50};
 constexpr double kNoDataLimit = 15.0;  // seconds
 
 // Whole seconds of the monotonic clock.
-time_t seconds_now() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
-}
+time_t seconds_now() { return monotonic_now().tv_sec; }
 
 }  // namespace
 
-StreamHandler::StreamHandler(const std::string& url_, int fd_, std::int64_t maxBufferSize_,
-                             StreamStats* stats_, std::int32_t startFrom_)
-    : url(url_), fd(fd_), maxBufferSize(maxBufferSize_), stats(stats_), startFrom(startFrom_) {}
+StreamHandler::StreamHandler(const std::string& url, int fd, std::uint64_t max_buffer,
+                             StreamStats& stats, std::int32_t start_from)
+    : url_(url), fd_(fd), max_buffer_(max_buffer), stats_(stats), start_from_(start_from) {}
 
 void StreamHandler::run() {
   stream();
@@ -44,10 +42,9 @@ void StreamHandler::run() {
 void StreamHandler::stream() {
   ignore_sigpipe();
   const time_t started = seconds_now();
-  ResponseHead(fd, 200, "Streaming...", "application/octet-stream").send();
+  ResponseHead(fd_, 200, "Streaming...", "application/octet-stream").send();
   CBuff buffer;
-  MasterPlaylist playlist(url, &buffer, static_cast<std::uint64_t>(maxBufferSize), stats,
-                          startFrom);
+  MasterPlaylist playlist(url_, buffer, max_buffer_, stats_, start_from_);
   if (playlist.start_refreshing()) {
     pump(buffer, playlist, started);
   } else {
@@ -59,20 +56,21 @@ void StreamHandler::stream() {
 }
 
 void StreamHandler::pump(CBuff& buffer, const MasterPlaylist& playlist, time_t started) {
-  time_t lastSent = started;
+  time_t last_sent = started;
   for (;;) {
     // In this order: after the flag is seen the fill count is final.
     if (playlist.should_finish() && buffer.fill() == 0) return;
-    unsigned char* bytes = nullptr;
-    const std::uint64_t readable = buffer.peek(&bytes);
-    stats->cbuff_size.set(buffer.fill() >> 10);
-    if (readable > 0) {
-      // All that was offered is consumed: a short write loses its rest. That is meant.
-      const std::uint64_t count = std::min(readable, kMaxWrite);
-      if (write(fd, bytes, static_cast<std::size_t>(count)) < 0) return;
-      lastSent = seconds_now();
-      buffer.consume(count);
-    } else if (static_cast<double>(seconds_now() - lastSent) > kNoDataLimit) {
+    const std::span<const unsigned char> readable = buffer.peek();
+    stats_.cbuff_size.set(buffer.fill() >> 10);
+    if (!readable.empty()) {
+      // Deliberate: all that was offered is consumed, so that a short write, after 10 s
+      // of a player that doesn't read, loses its rest instead of delaying what is live.
+      const std::span<const unsigned char> offered =
+          readable.first(std::min(readable.size(), kMaxWrite));
+      if (write(fd_, offered.data(), offered.size()) < 0) return;
+      last_sent = seconds_now();
+      buffer.consume(offered.size());
+    } else if (static_cast<double>(seconds_now() - last_sent) > kNoDataLimit) {
       log_err("no data for long time, closing stream");
       return;
     } else {

@@ -21,23 +21,24 @@ struct StreamStats;
 //            fails, or when nothing was readable for more than 15 s.
 class StreamHandler {
  public:
-  // `url` of the master playlist; `maxBufferSize` in bytes; `startFrom` in
+  // `url` of the master playlist; `max_buffer` in bytes; `start_from` in
   // segments, negative from the end.
-  StreamHandler(const std::string& url, int fd, std::int64_t maxBufferSize, StreamStats* stats,
-                std::int32_t startFrom);
+  StreamHandler(const std::string& url, int fd, std::uint64_t max_buffer, StreamStats& stats,
+                std::int32_t start_from);
 
   void run();
 
  private:
   void stream();
+
   // `started` in whole seconds of the monotonic clock.
   void pump(CBuff& buffer, const MasterPlaylist& playlist, time_t started);
 
-  const std::string& url;
-  const int fd;
-  const std::int64_t maxBufferSize;
-  StreamStats* const stats;
-  const std::int32_t startFrom;
+  const std::string& url_;
+  const int fd_;
+  const std::uint64_t max_buffer_;
+  StreamStats& stats_;
+  const std::int32_t start_from_;
 };
 
 }  // namespace weir

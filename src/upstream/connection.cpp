@@ -1,22 +1,26 @@
-// One TCP connection, reused while host and port stay the same.
+#include "upstream/connection.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "base/log.h"
 #include "base/wait.h"
-#include "upstream/ucurl.h"
 
 namespace weir {
 
 namespace {
 
 constexpr std::chrono::seconds kConnectTimeout{2};
+constexpr std::chrono::seconds kSendTimeout{2};
+constexpr std::chrono::seconds kReadTimeout{2};
 
 void set_flags(int fd, int set, int cleared) {
   int flags = fcntl(fd, F_GETFL);
@@ -58,85 +62,122 @@ bool look_up(const std::string& name, in_addr& found, bool& any) {
 
 }  // namespace
 
-UCurl::~UCurl() { close_if_open(); }
+Connection::~Connection() { close_if_open(); }
 
-void UCurl::disconnect() {
-  log_out("disconnect: ", host);
-  close(sock);
-  sock = -1;
+void Connection::disconnect() {
+  log_out("disconnect: ", url_host_);
+  sock_.reset();
 }
 
-void UCurl::close_if_open() {
-  if (sock >= 0) disconnect();
+void Connection::close_if_open() {
+  if (sock_.is_open()) disconnect();
 }
 
-bool UCurl::connect_to(const std::string& to_host, int to_port) {
-  if (sock != -1 && connected_host == to_host && connected_port == to_port) {
+bool Connection::connect_to(const std::string& host, int port) {
+  if (sock_.is_open() && connected_host_ == host && connected_port_ == port) {
     log_out("reusing existing connection");
     return true;
   }
-  if (connected_host != to_host) log_out("old address does not match");
-  if (connected_port != to_port) {
-    log_out("old port does not match: ", connected_port, "->", to_port);
-  }
+  if (connected_host_ != host) log_out("old address does not match");
+  if (connected_port_ != port) log_out("old port does not match: ", connected_port_, "->", port);
   close_if_open();
-  sock = socket(AF_INET, SOCK_STREAM, 0);
-  if (sock == -1) {
+  sock_.reset(socket(AF_INET, SOCK_STREAM, 0));
+  if (!sock_.is_open()) {
     log_err("Could not create socket");
     return false;
   }
   log_out_unflushed("Socket created\n");
-  if (!resolve(to_host)) {
-    log_err("Failed to resolve hostname: ", to_host);
-    set_blocking(sock);
+  if (!resolve(host)) {
+    log_err("Failed to resolve hostname: ", host);
     disconnect();
     return false;
   }
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<std::uint16_t>(to_port));
-  set_nonblocking(sock);
-  const bool connected = connect(sock, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
-  if (!connected && !finish_connect(errno)) return false;
+  addr_.sin_family = AF_INET;
+  addr_.sin_port = htons(static_cast<std::uint16_t>(port));
+  set_nonblocking(sock_.get());
+  const auto* const to = reinterpret_cast<const sockaddr*>(&addr_);
+  if (connect(sock_.get(), to, sizeof addr_) != 0 && !finish_connect(errno)) return false;
 
-  // Both lines print the new port; that is meant.
-  log_out("old: ", connected_host, " port: ", port);
-  connected_host = to_host;
-  connected_port = to_port;
-  log_out("new: ", connected_host, " port: ", port);
-  log_out("Connected: ", to_host);
+  // Deliberate: both lines show the new port, and readers of the log know them so.
+  log_out("old: ", connected_host_, " port: ", port);
+  connected_host_ = host;
+  connected_port_ = port;
+  log_out("new: ", connected_host_, " port: ", port);
+  log_out("Connected: ", host);
   return true;
 }
 
 // A dotted address needs no resolver.
-bool UCurl::resolve(const std::string& name) {
+bool Connection::resolve(const std::string& name) {
   const in_addr_t address = inet_addr(name.c_str());
   if (address != INADDR_NONE) {
-    addr.sin_addr.s_addr = address;
+    addr_.sin_addr.s_addr = address;
     return true;
   }
   bool any = false;
-  if (!look_up(name, addr.sin_addr, any)) return false;
-  if (any) log_out(name, " resolved to ", dotted(addr.sin_addr));
+  if (!look_up(name, addr_.sin_addr, any)) return false;
+  if (any) log_out(name, " resolved to ", dotted(addr_.sin_addr));
   return true;
 }
 
-// What is left of a connect() that did not succeed at once. A connection that
-// was refused counts as made: the pending error isn't fetched, and the first
-// send or read meets it.
-bool UCurl::finish_connect(int error) {
+// What remains of a connect() that did not succeed at once. Deliberate: a pending error
+// isn't fetched, so that a refused connection counts as made until it is used.
+bool Connection::finish_connect(int error) {
   const bool pending = error == EINPROGRESS;
   if (pending) {
     log_out("EINPROGRESS in connect() - selecting");
-    if (wait_writable(sock, kConnectTimeout) == 1) {
-      set_blocking(sock);
+    if (wait_writable(sock_.get(), kConnectTimeout)) {
+      set_blocking(sock_.get());
       return true;
     }
     log_err("ERR: connect timeout");
+  } else {
+    log_err("ERR: connect failed: ", error_text(error));
   }
-  set_blocking(sock);
-  if (!pending) log_err("ERR: connect failed: ", error_text(error));
   disconnect();
   return false;
+}
+
+bool Connection::wait_for_sending() const { return wait_writable(sock_.get(), kSendTimeout); }
+
+bool Connection::send(std::string_view bytes) const {
+  // Without waiting: a server that never reads must not hold the thread.
+  return ::send(sock_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) >= 0;
+}
+
+void Connection::fail_receive(const char* reason) {
+  close_if_open();
+  log_err("Excep: ", reason);
+}
+
+std::optional<std::string> Connection::recv_string(std::size_t most, std::chrono::seconds timeout) {
+  if (!wait_readable(sock_.get(), timeout)) {
+    fail_receive("recv timeout1");
+    return std::nullopt;
+  }
+  // Not cleared: most documents are much shorter.
+  const auto piece = std::make_unique_for_overwrite<char[]>(most);
+  const ssize_t count = read(sock_.get(), piece.get(), most);
+  if (count < 0) {
+    log_err("recv error");
+    fail_receive("recv error");
+    return std::nullopt;
+  }
+  return std::string(piece.get(), static_cast<std::size_t>(count));
+}
+
+// At full speed bytes are there already more often than not, and there is nothing to
+// wait for.
+std::optional<std::size_t> Connection::recv_into(std::span<unsigned char> destination) {
+  ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
+  if (count < 0 && errno == EAGAIN) {
+    if (!wait_readable(sock_.get(), kReadTimeout)) {
+      fail_receive("recv timeout2");
+      return std::nullopt;
+    }
+    count = read(sock_.get(), destination.data(), destination.size());
+  }
+  return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
 }  // namespace weir

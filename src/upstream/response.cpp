@@ -1,128 +1,115 @@
-// How the head of a response is read.
-#include <sys/socket.h>
-#include <unistd.h>
+#include "upstream/response.h"
 
-#include <cerrno>
-#include <memory>
+#include <algorithm>
+#include <chrono>
+#include <vector>
 
 #include "base/log.h"
 #include "base/text.h"
 #include "base/wait.h"
-#include "upstream/ucurl.h"
-#include "upstream/ucurl_exception.h"
+#include "upstream/connection.h"
 
 namespace weir {
 
 namespace {
 
-constexpr std::size_t kHeadRead = 4096;     // bytes
-constexpr std::size_t kMaxText = 16 << 20;  // bytes, of a head or a document
+constexpr std::size_t kHeadRead = 4096;       // bytes in one read
+constexpr std::size_t kMaxHead = 256 * 1024;  // bytes
 constexpr std::chrono::seconds kStatusTimeout{6};
 constexpr std::chrono::seconds kReadTimeout{2};
 
+// A server that closes inside its head fails as a silent one does, and no sooner.
+// Deliberate: callers count on the time of the time-out, so it is slept out.
+void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_point since) {
+  const auto left = since + kReadTimeout - std::chrono::steady_clock::now();
+  sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
+  connection.fail_receive("recv timeout1");
+}
+
 }  // namespace
 
-void UCurl::fail_receive(const char* text) {
-  close_if_open();
-  throw new UCurlExceptionRecvError(text);
-}
-
-// Empty at the end of the stream.
-std::string UCurl::recv_string(std::size_t length, std::chrono::seconds timeout) {
-  if (wait_readable(sock, timeout) != 1) fail_receive("recv timeout1");
-  // Not cleared: most documents are much shorter.
-  const auto piece = std::make_unique_for_overwrite<char[]>(length);
-  const ssize_t count = read(sock, piece.get(), length);
-  if (count < 0) {
-    log_err("recv error");
-    fail_receive("recv error");
-  }
-  return {piece.get(), static_cast<std::size_t>(count)};
-}
-
-// What read() returns: 0 at the end of the stream, -1 on an error. At full speed
-// bytes are there already more often than not, and there is nothing to wait for.
-std::int64_t UCurl::recv_into(void* destination, std::size_t length) {
-  const ssize_t at_once = recv(sock, destination, length, MSG_DONTWAIT);
-  if (at_once >= 0 || errno != EAGAIN) return at_once;
-  if (wait_readable(sock, kReadTimeout) != 1) fail_receive("recv timeout2");
-  return read(sock, destination, length);
-}
-
-// No playlist, key or head is that long; one without an end must not take all
-// memory, and with it all other streams.
-void UCurl::append_bounded(std::string& text, const std::string& piece) {
-  if (text.size() + piece.size() > kMaxText) fail_receive("recv error");
-  text += piece;
-}
-
-UCurl::Status UCurl::read_status(std::string& response) {
-  response += recv_string(kHeadRead, kStatusTimeout);
-  if (response.empty()) {
+Response::Status Response::read_status(Connection& connection) {
+  const std::optional<std::string> piece = connection.recv_string(kHeadRead, kStatusTimeout);
+  if (!piece) return Status::kBroken;
+  rest += *piece;
+  if (rest.empty()) {
     log_out("socket is closed! no response!");
     return Status::kNoStatusLine;
   }
-  const size_t end = response.find("\r\n");
+  const size_t end = rest.find("\r\n");
   if (end == std::string::npos) {
     log_err("Where is http state?");
-    log_out(response, " len:", response.size());
+    log_out(rest, " len:", rest.size());
     return Status::kNoStatusLine;
   }
-  const std::string line = response.substr(0, end);
-  response.erase(0, end + 2);
+  const std::string line = rest.substr(0, end);
+  rest.erase(0, end + 2);
   if (line.empty()) {
     log_err("Empty http state?");
     return Status::kNoStatusLine;
   }
-  const std::vector<std::string> pieces = split(line, ' ');
-  if (pieces[0] != "HTTP/1.1" && pieces[0] != "HTTP/1.0") {
+  const std::vector<std::string_view> words = split(line, ' ');
+  if (words[0] != "HTTP/1.1" && words[0] != "HTTP/1.0") {
     log_err("Not HTTP/1.x?");
     return Status::kNoStatusLine;
   }
-  http11 = pieces[0] == "HTTP/1.1" ? 1 : 0;
-  if (pieces.size() > 1 && pieces[1].starts_with('2')) return Status::kOk;
+  http11_ = words[0] == "HTTP/1.1";
+  if (words.size() > 1 && words[1].starts_with('2')) return Status::kOk;
   log_err("HTTP response first_line: ", line);
   return Status::kNotSuccessful;
 }
 
-// What follows the head stays in `response`.
-void UCurl::read_headers(std::string& response) {
+bool Response::read_headers(Connection& connection) {
   constexpr std::string_view kHeadEnd = "\r\n\r\n";
   size_t searched = 0;
   size_t end;
-  while ((end = response.find(kHeadEnd, searched)) == std::string::npos) {
+  while ((end = rest.find(kHeadEnd, searched)) == std::string::npos) {
     // The end may straddle two reads.
-    searched = response.size() - std::min(response.size(), kHeadEnd.size() - 1);
+    searched = rest.size() - std::min(rest.size(), kHeadEnd.size() - 1);
     const auto since = std::chrono::steady_clock::now();
-    const std::string piece = recv_string(kHeadRead, kReadTimeout);
-    if (piece.empty()) fail_inside_head(since);
-    append_bounded(response, piece);
+    const std::optional<std::string> piece = connection.recv_string(kHeadRead, kReadTimeout);
+    if (!piece) return false;
+    if (piece->empty()) {
+      fail_inside_head(connection, since);
+      return false;
+    }
+    if (rest.size() + piece->size() > kMaxHead) {
+      connection.fail_receive("recv error");
+      return false;
+    }
+    rest += *piece;
   }
-  const std::string head = response.substr(0, end);
-  response.erase(0, end + kHeadEnd.size());
-  headers.clear();
-  for (const std::string& line : split(head, '\n')) {
-    const size_t colon = line.find(':');
-    if (colon == std::string::npos) continue;
-    std::string value = line.substr(colon + 1);
-    headers.emplace_back(line.substr(0, colon), trim(value));
-  }
-}
-
-// A server that closes inside its head fails as a silent one does, and no
-// sooner: nothing more can come, so the time of the read is slept out.
-void UCurl::fail_inside_head(std::chrono::steady_clock::time_point since) {
-  const auto left = since + kReadTimeout - std::chrono::steady_clock::now();
-  sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
-  fail_receive("recv timeout1");
+  headers_ = rest.substr(0, end);
+  rest.erase(0, end + kHeadEnd.size());
+  return true;
 }
 
 // Names match in exact case; the first one counts.
-const std::string* UCurl::find_header(const std::string& name) const {
-  for (const auto& [header, value] : headers) {
-    if (header == name) return &value;
+std::optional<std::string_view> Response::find_header(std::string_view name) const {
+  Pieces lines(headers_, '\n');
+  for (std::string_view line; lines.next(line);) {
+    const size_t colon = line.find(':');
+    if (colon != std::string_view::npos && line.substr(0, colon) == name) {
+      return trim(line.substr(colon + 1));
+    }
   }
-  return nullptr;
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> Response::content_length() const {
+  const std::optional<std::string_view> value = find_header("Content-Length");
+  if (!value) return std::nullopt;
+  return static_cast<std::uint64_t>(leading_number(*value));
+}
+
+std::uint64_t Response::range_start() const {
+  constexpr std::string_view kUnit = "bytes ";
+  const std::string_view value = find_header("Content-Range").value_or("");
+  const size_t unit = value.find(kUnit);
+  if (unit == std::string_view::npos) return 0;
+  // Without a "-" behind it the number may go on to the end.
+  const size_t start = unit + kUnit.size();
+  return static_cast<std::uint64_t>(leading_number(value.substr(start, value.find('-') - start)));
 }
 
 }  // namespace weir

@@ -3,17 +3,13 @@
 #include <sys/reboot.h>
 #include <sys/stat.h>
 
+#include "base/clock.h"
+
 namespace weir {
 
 namespace {
 
 constexpr const char* kMarkerFile = "/var/shutdown_in_progress";
-
-timespec monotonic_now() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
 
 bool marker_exists() {
   struct stat status {};

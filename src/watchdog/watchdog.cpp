@@ -12,8 +12,8 @@ constexpr double kPingTimeout = 300.0;  // seconds
 Watchdog::Watchdog(Device device) : device_(device) {}
 
 void Watchdog::ping() {
-  lastPing.store(device_.now().tv_sec, std::memory_order_relaxed);
-  armed.store(true, std::memory_order_release);
+  last_ping_.store(device_.now().tv_sec, std::memory_order_relaxed);
+  armed_.store(true, std::memory_order_release);
   log_out("WD: ping");
 }
 
@@ -25,20 +25,20 @@ void Watchdog::check() {
 void Watchdog::check_marker() {
   if (!device_.marker_exists()) return;
   const time_t now = device_.now().tv_sec;
-  if (!markerSeen) {
-    markerSeen = true;
-    markerSeenAt = now;
-  } else if (static_cast<double>(now - markerSeenAt) >= kMarkerGrace) {
+  if (!marker_seen_) {
+    marker_seen_ = true;
+    marker_seen_at_ = now;
+  } else if (static_cast<double>(now - marker_seen_at_) >= kMarkerGrace) {
     log_err_at_once("WD: REBOOTING (file)");
     device_.reboot();
   }
 }
 
 void Watchdog::check_timeout() {
-  if (!armed.load(std::memory_order_acquire)) return;
+  if (!armed_.load(std::memory_order_acquire)) return;
   const time_t now = device_.now().tv_sec;
-  if (static_cast<double>(now - lastPing.load(std::memory_order_relaxed)) < kPingTimeout) return;
-  armed.store(false, std::memory_order_relaxed);
+  if (static_cast<double>(now - last_ping_.load(std::memory_order_relaxed)) < kPingTimeout) return;
+  armed_.store(false, std::memory_order_relaxed);
   log_err_at_once("WD: REBOOTING (timeout)");
   device_.reboot();
 }

@@ -35,12 +35,13 @@ class Watchdog {
 
   // Shared with the threads that ping. lastPing is stored before armed (release)
   // and loaded after it (acquire), so a check never compares with no ping at all.
-  std::atomic<bool> armed{false};
-  std::atomic<time_t> lastPing{0};
+  std::atomic<bool> armed_{false};
+  std::atomic<time_t> last_ping_{0};
 
-  // The server loop's own. Once seen the marker stays seen; that is meant.
-  bool markerSeen = false;
-  time_t markerSeenAt = 0;
+  // The server loop's own. Deliberate: once seen, the marker stays seen, so that
+  // a device which renews it instead of shutting down is restarted.
+  bool marker_seen_ = false;
+  time_t marker_seen_at_ = 0;
 };
 
 }  // namespace weir

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 #include <string>
 
 #include "buffer/cbuff.h"
+#include "support/client.h"
 
 namespace {
 
@@ -17,16 +19,17 @@ void demand(bool condition) {
 
 // Stores bytes that nothing before them looks like, and remembers them.
 void put(weir::CBuff& buffer, std::string& model, unsigned kind, std::uint64_t count) {
-  unsigned char* out = nullptr;
-  if (kind == 1) count = std::min(count, buffer.reserve(&out));
-  if (kind == 2) count = std::min(count, buffer.sealAndReserve(&out));
+  std::span<unsigned char> room;
+  if (kind == 1) room = buffer.reserve();
+  if (kind == 2) room = buffer.sealAndReserve();
+  if (kind != 0) count = std::min<std::uint64_t>(count, room.size());
   std::string bytes(count, '\0');
   for (char& byte : bytes) byte = static_cast<char>(++counter * 0x9E3779B9 >> 24);
   model += bytes;
   if (kind == 0) {
-    demand(buffer.write(bytes.data(), count) == count);
+    demand(buffer.write(weir::test::bytes_of(bytes)));
   } else {
-    std::copy(bytes.begin(), bytes.end(), out);
+    std::copy(bytes.begin(), bytes.end(), room.begin());
     buffer.commit(count);
   }
 }
@@ -36,12 +39,12 @@ void take(weir::CBuff& buffer, std::string& model, unsigned kind, std::uint64_t 
   if (model.empty()) return;  // it would wait
   std::string bytes(count, '\0');
   if (kind == 3) {
-    unsigned char* from = nullptr;
-    bytes.resize(std::min(buffer.peek(&from), count));
-    std::copy_n(from, bytes.size(), bytes.begin());
+    const auto there = buffer.peek();
+    bytes.resize(std::min<std::uint64_t>(there.size(), count));
+    std::copy_n(there.begin(), bytes.size(), bytes.begin());
     buffer.consume(bytes.size());
   } else {
-    bytes.resize(buffer.read(bytes.data(), count));
+    bytes.resize(buffer.read(weir::test::bytes_of(bytes)));
   }
   demand(model.starts_with(bytes));
   model.erase(0, bytes.size());

@@ -1,4 +1,4 @@
-// An upstream's whole response: status, head and body, clear or enciphered, into
+// An upstream's whole response: status, head and body, clear or encrypted, into
 // a string or the buffer. The first byte says which; the head always ends, since
 // a head that doesn't costs two seconds.
 #include <sys/socket.h>
@@ -9,28 +9,35 @@
 #include <string>
 
 #include "buffer/cbuff.h"
-#include "upstream/ucurl.h"
+#include "upstream/body.h"
+#include "upstream/connection.h"
+#include "upstream/decryptor.h"
+#include "upstream/response.h"
+#include "upstream/segment_sink.h"
 
 namespace weir {
 
-class UCurlPeer {
- public:
-  static void run(unsigned kind, const std::string& text, int sock) {
-    UCurl curl;
-    curl.sock = sock;
-    std::string response;
-    if (curl.read_status(response) != UCurl::Status::kOk) return;
-    curl.read_headers(response);
-    CBuff buffer;
-    std::string document;
-    const bool whole = (kind & 1) != 0;
-    UCurl::Body body{whole ? &document : nullptr, whole ? nullptr : &buffer, nullptr};
+static void run(unsigned kind, const std::string& text, int sock) {
+  Connection connection{Fd(sock)};
+  Response response;
+  if (response.read_status(connection) != Response::Status::kOk) return;
+  if (!response.read_headers(connection)) return;
+  CBuff buffer;
+  std::string document;
+  Progress progress;
+  if ((kind & 1) != 0) {
+    (void)download_document(connection, response, document, progress.received);
+  } else {
+    const std::atomic<bool> stop{false};
+    Decryptor decryptor;
     const std::string key((kind >> 1) % 20, 'k');
-    (void)curl.download_body(response, body, key, (kind & 0x80) != 0);
-    if (body.received > text.size()) std::abort();
-    if (buffer.fill() > body.received + 16 || document.size() > text.size()) std::abort();
+    if (!key.empty() && !decryptor.start(key)) std::abort();
+    SegmentSink sink(buffer, decryptor);
+    (void)download_segment(connection, response, sink, stop, progress);
   }
-};
+  if (progress.received > text.size()) std::abort();
+  if (buffer.fill() > progress.received + 16 || document.size() > text.size()) std::abort();
+}
 
 }  // namespace weir
 
@@ -42,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) std::abort();
   if (write(ends[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
   shutdown(ends[1], SHUT_WR);
-  weir::UCurlPeer::run(data[0], text, ends[0]);
+  weir::run(data[0], text, ends[0]);
   close(ends[1]);
   return 0;
 }

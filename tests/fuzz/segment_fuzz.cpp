@@ -1,5 +1,5 @@
-// An enciphered segment that arrives in pieces of any size and is resumed between
-// some of them, beside the same bytes deciphered at one go. The first byte is the
+// An encrypted segment that arrives in pieces of any size and is resumed between
+// some of them, beside the same bytes decrypted at one go. The first byte is the
 // length of the key and whether the segment is garbage, the second goes into the
 // size of a block; then two bytes a piece: its size, and whether it is what came
 // with the head of a resumed answer.
@@ -12,10 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "buffer/aligned.h"
 #include "buffer/cbuff.h"
 #include "support/client.h"
-#include "upstream/ucurl.h"
+#include "upstream/connection.h"
+#include "upstream/decryptor.h"
+#include "upstream/segment_sink.h"
 
 namespace {
 
@@ -30,30 +31,26 @@ struct Piece {
 
 namespace weir {
 
-class UCurlPeer {
- public:
-  static void run(const std::vector<Piece>& pieces, const std::string& key, CBuff& buffer) {
-    UCurl curl;
-    int ends[2];
-    // One packet is one read.
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0) std::abort();
-    curl.sock = ends[0];
-    const AlignedBytes input = aligned_bytes(kMaxRead);
-    UCurl::Body body{nullptr, &buffer, nullptr};
-    if (!curl.prepare_cipher(key, false)) std::abort();
-    for (const auto& [bytes, resumed] : pieces) {
-      if (resumed) {
-        if (!curl.prepare_cipher(key, true)) std::abort();
-        if (!curl.deliver_first(bytes, buffer)) std::abort();
-      } else if (!bytes.empty()) {
-        if (send(ends[1], bytes.data(), bytes.size(), 0) < 0) std::abort();
-        if (!curl.receive_encrypted(body, input.get())) std::abort();
-      }
+static void run(const std::vector<Piece>& pieces, const std::string& key, CBuff& buffer) {
+  int ends[2];
+  // One packet is one read.
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) != 0) std::abort();
+  Connection connection{Fd(ends[0])};
+  Decryptor decryptor;
+  if (!decryptor.start(key)) std::abort();
+  SegmentSink sink(buffer, decryptor);
+  std::uint64_t received = 0;
+  for (const auto& [bytes, resumed] : pieces) {
+    if (resumed) {
+      if (!sink.write(bytes)) std::abort();
+    } else if (!bytes.empty()) {
+      if (send(ends[1], bytes.data(), bytes.size(), 0) < 0) std::abort();
+      if (sink.receive(connection, received) != SegmentSink::Step::kTaken) std::abort();
     }
-    curl.finish_cipher(buffer);
-    close(ends[1]);
   }
-};
+  if (!sink.finish()) std::abort();
+  close(ends[1]);
+}
 
 }  // namespace weir
 
@@ -77,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     at += piece.bytes.size();
   }
   weir::CBuff buffer(kMaxRead + 32 + data[1] * 64);
-  weir::UCurlPeer::run(pieces, key, buffer);
+  weir::run(pieces, key, buffer);
   if (weir::test::drain(buffer) != weir::test::decipher(text, key) || buffer.fill() != 0)
     std::abort();
   return 0;

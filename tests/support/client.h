@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <cstddef>
+#include <span>
 #include <string>
 
 namespace weir::test {
@@ -19,11 +20,19 @@ bool send_all(int fd, const std::string& text);
 // Up to the end of the connection, or so many bytes if they come before.
 std::string read_and_close(int fd, size_t most = static_cast<size_t>(-1));
 
+// A text as a buffer takes it, and fills it.
+inline std::span<unsigned char> bytes_of(std::string& text) {
+  return {reinterpret_cast<unsigned char*>(text.data()), text.size()};
+}
+inline std::span<const unsigned char> bytes_of(const std::string& text) {
+  return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
 // All that a buffer holds.
 template <class Buffer>
 std::string drain(Buffer& buffer) {
   std::string text(buffer.fill(), '\0');
-  text.resize(text.empty() ? 0 : buffer.read(text.data(), text.size()));
+  if (!text.empty()) text.resize(buffer.read(bytes_of(text)));
   return text;
 }
 

@@ -1,4 +1,4 @@
-#include "base/worker_thread.h"
+#include "base/thread.h"
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -10,7 +10,14 @@ void lower_priority() {
   (void)setpriority(PRIO_PROCESS, static_cast<id_t>(getpid()), kNice);
 }
 
-bool WorkerThread::start(Entry entry, void* argument) {
+bool start_detached(ThreadEntry entry, void* argument) {
+  pthread_t handle;
+  if (pthread_create(&handle, nullptr, entry, argument) != 0) return false;
+  (void)pthread_detach(handle);
+  return true;
+}
+
+bool WorkerThread::start(ThreadEntry entry, void* argument) {
   started_ = pthread_create(&thread_, nullptr, entry, argument) == 0;
   return started_;
 }

@@ -1,4 +1,4 @@
-#include "cachemap/update_handler.h"
+#include "cachemap/answer_update.h"
 
 #include <unistd.h>
 
@@ -10,10 +10,7 @@
 
 namespace weir {
 
-UpdateHandler::UpdateHandler(int fd_, const std::string* chunk_, const std::string* playlist_)
-    : fd(fd_), chunk(chunk_), playlist(playlist_) {}
-
-void UpdateHandler::run() const {
+void answer_update(int fd, const std::string* chunk, const std::string* playlist) {
   ignore_sigpipe();
   if (chunk != nullptr) chunkCacheMap->setMap(*chunk);
   if (playlist != nullptr) playlistCacheMap->setMap(*playlist);

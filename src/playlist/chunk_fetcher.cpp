@@ -1,0 +1,179 @@
+#include "playlist/chunk_fetcher.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "base/log.h"
+#include "base/wait.h"
+#include "buffer/cbuff.h"
+#include "playlist/stream_control.h"
+#include "playlist/stream_stats.h"
+
+namespace weir {
+
+namespace {
+
+constexpr int kAttempts = 4;                    // to download one segment
+constexpr std::chrono::seconds kRetryPause{1};  // between them
+constexpr std::uint32_t kMaxFailedChunks = 3;   // in a row; one more ends the stream
+constexpr std::uint32_t kMaxEmptyReloads = 6;   // in a row
+constexpr double kRefreshAfter = 0.65;          // of the target duration
+
+// A speed as the statistics hold it, kbps. The measured one may be infinite or
+// no number at all; the cap keeps the weighted sum from overflowing.
+std::uint64_t whole_kbps(double speed) {
+  constexpr double kMaxSpeed = 0x1p53;
+  return speed > 0 ? static_cast<std::uint64_t>(std::min(speed, kMaxSpeed)) : 0;
+}
+
+}  // namespace
+
+struct ChunkFetcher::Pass {
+  Chunklist& chunklist;
+  const Selection& playing;
+  std::int64_t skip = 0;  // segments at the front that startFrom leaves out
+  std::int64_t index = 0;
+  bool attempted = false;  // a segment was new, whether it could be downloaded or not
+};
+
+ChunkFetcher::ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats,
+                           StreamControl& control, std::int32_t start_from)
+    : buffer_(buffer),
+      max_buffer_(max_buffer),
+      stats_(stats),
+      control_(control),
+      start_from_(start_from) {}
+
+void ChunkFetcher::fill_pass(Chunklist& chunklist, const Selection& playing) {
+  Pass pass{chunklist, playing};
+  pass.skip = begin_pass(pass);
+  while (!chunklist.chunks.empty() && !control_.is_over()) {
+    if (!take_chunk(pass)) return;
+  }
+  conclude_pass(pass);
+}
+
+// Returns how many segments to skip.
+std::int64_t ChunkFetcher::begin_pass(const Pass& pass) {
+  log_out("fill buffer for", pass.playing.variant->bandwidth);
+  const auto queued = static_cast<std::int64_t>(pass.chunklist.chunks.size());
+  if (queued == 0) log_out("playlist chunks empty");
+  if (control_.is_over()) log_out("playlist chunks - should_finish");
+  refresh_in(static_cast<std::int64_t>(pass.chunklist.target_duration * kRefreshAfter));
+  log_out("start from: ", start_from_);
+  const std::int64_t skip = start_from_ < 0 ? start_from_ + queued : start_from_;
+  start_from_ = 0;
+  log_out("searching for new chunks (last seq got ", last_seq_, ")");
+  return skip;
+}
+
+// Deals with the segment at the front. False when the pass is to end.
+bool ChunkFetcher::take_chunk(Pass& pass) {
+  std::deque<Chunk>& chunks = pass.chunklist.chunks;
+  if (pass.index < pass.skip) {
+    log_out("skipping chunk from ", chunks.front().url, " as required by startFrom");
+    chunks.pop_front();
+    ++pass.index;
+    return true;
+  }
+  if (buffer_.fill() >= max_buffer_) {
+    log_out("buffer is full - not downloading more chunks ...");
+    empty_reloads_ = 0;
+    return false;
+  }
+  const Chunk chunk = std::move(chunks.front());
+  chunks.pop_front();
+  if (chunk.sequence > last_seq_) {
+    const std::optional<UCurl::Download> download = fetch_chunk(chunk);
+    if (!download) {
+      note_failure();
+    } else if (!note_success(chunk, *download, pass.playing.variant->bandwidth)) {
+      return false;
+    }
+    if (!stays_in(pass.playing.band)) return false;
+    pass.attempted = true;
+  }
+  ++pass.index;
+  return true;
+}
+
+void ChunkFetcher::conclude_pass(const Pass& pass) {
+  if (pass.attempted) {
+    empty_reloads_ = 0;
+    return;
+  }
+  ++empty_reloads_;
+  refresh_in(pass.chunklist.target_duration / 4);
+  if (empty_reloads_ < kMaxEmptyReloads) return;
+  log_err("no new chunks in many playlist reloads");
+  control_.end_stream();
+}
+
+// What the attempt that succeeded brought; nothing after the last one.
+std::optional<UCurl::Download> ChunkFetcher::fetch_chunk(const Chunk& chunk) {
+  std::uint64_t offset = 0;
+  for (int left = kAttempts;;) {
+    log_out("getting chunk from ", chunk.url);
+    const std::optional<UCurl::Download> download = client_.get_stream(
+        chunk.url, buffer_, keys_.key_for(chunk), control_.should_finish, offset);
+    if (download) return download;
+    log_err("chunk get from ", chunk.url, " FAILED");
+    if (--left == 0 || control_.is_over()) return std::nullopt;
+    sleep_for(kRetryPause);
+    offset = client_.position;
+    log_err("retry chunk get from ", chunk.url, " starting from byte ", offset);
+  }
+}
+
+void ChunkFetcher::note_failure() {
+  if (++failed_chunks_ <= kMaxFailedChunks) return;
+  log_err("too many failed subsequent chunks. Finishing stream.");
+  control_.end_stream();
+}
+
+// False when the speed dropped so far that the pass is to end.
+bool ChunkFetcher::note_success(const Chunk& chunk, const UCurl::Download& download,
+                                std::uint64_t bandwidth) {
+  failed_chunks_ = 0;
+  log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", download.bytes,
+          ", speed ", download.speed_kbps, " kbps");
+  last_seq_ = chunk.sequence;
+  if (chunk.last) {
+    log_out("last chunk - setting should_finish");
+    control_.end_stream();
+  }
+  const std::uint64_t speed = whole_kbps(download.speed_kbps);
+  stats_.last_chunk_speed.set(speed);
+  stats_.cbuff_size.set(buffer_.fill() >> 10);
+  stats_.selected_profile.set(bandwidth >> 10);
+  if (speed < bandwidth >> 11) {
+    log_err("sudden speed drop! falling down immediately!");
+    stats_.fall_to_speed(speed);
+    refresh_at_once();
+    return false;
+  }
+  stats_.add_speed(speed);
+  return true;
+}
+
+bool ChunkFetcher::stays_in(const Band& band) {
+  const std::uint64_t average = stats_.avg_speed.get();
+  if (band.contains(average)) return true;
+  log_out("avg_speed out of boundaries! (", average, " ", band.low >> 10, " ", band.high >> 10,
+          ")");
+  refresh_at_once();
+  return false;
+}
+
+// A time beyond 32 bits of signed seconds wraps to the past: refresh at once.
+void ChunkFetcher::refresh_in(std::int64_t seconds) {
+  control_.refresh_countdown.store(static_cast<std::int32_t>(seconds), std::memory_order_relaxed);
+}
+
+void ChunkFetcher::refresh_at_once() {
+  refresh_in(0);
+  empty_reloads_ = 0;
+}
+
+}  // namespace weir

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "playlist/chunklist.h"
+#include "playlist/key_cache.h"
+#include "playlist/selection.h"
+#include "upstream/ucurl.h"
+
+namespace weir {
+
+class CBuff;
+struct StreamControl;
+struct StreamStats;
+
+// Downloads the segments of a stream into its buffer, one after another, and decides
+// when the stream is over.
+//
+// Threads:   one fill pass at a time, each on a thread of its own that has been joined
+//            before the next one starts. A pass blocks as UCurl::get_stream() does.
+// Ownership: buffer, statistics and control are the caller's and live longer.
+// Failure:   a segment that can't be downloaded is left out; the fourth in a row ends
+//            the stream. The reason is on the error stream.
+class ChunkFetcher {
+ public:
+  // `max_buffer` in bytes: a pass that finds so much buffered ends. `start_from`:
+  // segments that the first pass skips; negative counts from the end of the playlist.
+  ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats, StreamControl& control,
+               std::int32_t start_from);
+
+  // One pass over the segments of the variant's playlist that are new. It ends early
+  // when the buffer is full and when the average speed has left the variant's band.
+  void fill_pass(Chunklist& chunklist, const Selection& playing);
+
+ private:
+  struct Pass;
+
+  [[nodiscard]] std::int64_t begin_pass(const Pass& pass);
+  [[nodiscard]] bool take_chunk(Pass& pass);
+  void conclude_pass(const Pass& pass);
+  [[nodiscard]] std::optional<UCurl::Download> fetch_chunk(const Chunk& chunk);
+  void note_failure();
+  [[nodiscard]] bool note_success(const Chunk& chunk, const UCurl::Download& download,
+                                  std::uint64_t bandwidth);
+  [[nodiscard]] bool stays_in(const Band& band);
+  void refresh_in(std::int64_t seconds);
+  void refresh_at_once();
+
+  // Set once.
+  CBuff& buffer_;
+  const std::uint64_t max_buffer_;
+  StreamStats& stats_;
+  StreamControl& control_;
+
+  // The pass's own, from one pass to the next.
+  UCurl client_;
+  KeyCache keys_;
+  std::uint64_t last_seq_ = 0;       // sequence number of the last segment delivered
+  std::uint32_t failed_chunks_ = 0;  // segments given up, in a row
+  std::uint32_t empty_reloads_ = 0;  // passes without a new segment, in a row
+  std::int32_t start_from_;
+};
+
+}  // namespace weir

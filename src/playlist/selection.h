@@ -1,0 +1,45 @@
+// The adaptive choice of a variant: functions of what they are given, and of nothing
+// else. They log what they find.
+//
+// Bandwidths are in bit/s and speeds in kbps, units of 1024 bit/s, so that a bandwidth
+// shifted right by 10 compares with a speed.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "playlist/variant.h"
+
+namespace weir {
+
+// The average speeds at which the current variant stays.
+struct Band {
+  std::uint64_t low = 0;   // bit/s; 0 is no lower limit
+  std::uint64_t high = 0;  // bit/s; all ones is no upper limit
+
+  [[nodiscard]] bool begins_above(std::uint64_t kbps) const { return kbps < low >> 10; }
+  [[nodiscard]] bool contains(std::uint64_t kbps) const {
+    return !begins_above(kbps) && kbps < high >> 10;
+  }
+};
+
+// What is being played.
+struct Selection {
+  Variant* variant = nullptr;  // null before the first choice
+  Band band;
+};
+
+enum class Decision { kKeep, kChange, kFail };
+
+// Whether the current variant stays at that average speed. A slow one does while the
+// buffer is well filled; `held` and `max_buffer` are bytes.
+[[nodiscard]] Decision keep_or_change(const Selection& current, std::uint64_t average,
+                                      std::uint64_t held, std::uint64_t max_buffer);
+
+// The best variant that the average speed can sustain, or the lowest where it sustains
+// none, and its band. Nothing when all are invalid. It points into `variants`.
+[[nodiscard]] std::optional<Selection> choose_variant(std::vector<Variant>& variants,
+                                                      std::uint64_t average);
+
+}  // namespace weir

@@ -1,0 +1,49 @@
+#include "playlist/variant.h"
+
+#include <optional>
+
+#include "base/log.h"
+#include "base/text.h"
+#include "playlist/playlist_reader.h"
+
+namespace weir {
+
+namespace {
+
+constexpr size_t kMaxVariants = 4096;
+
+// The value of the first "BANDWIDTH=" in the line, even inside a longer name.
+std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
+  constexpr std::string_view kAttribute = "BANDWIDTH=";
+  const size_t found = line.find(kAttribute);
+  if (found == std::string_view::npos) return std::nullopt;
+  const std::string_view value = line.substr(found + kAttribute.size());
+  return static_cast<std::uint64_t>(leading_number(value.substr(0, value.find(','))));
+}
+
+}  // namespace
+
+std::vector<Variant> parse_master(std::string_view text) {
+  PlaylistReader reader(text);
+  if (!reader.read_header()) return {};
+  std::vector<Variant> variants;
+  std::uint64_t bandwidth = 0;
+  for (std::string_view line; reader.next(line);) {
+    if (!line.starts_with("#EXT-X-STREAM-INF:")) {
+      if (variants.size() == kMaxVariants) {
+        log_err("playlist refused: more than ", kMaxVariants, " variants");
+        return {};
+      }
+      variants.push_back({bandwidth, std::string(trim(line)), false});
+    } else if (const auto value = bandwidth_of(line)) {
+      bandwidth = *value;
+    } else {
+      log_err("Variant does not specify bandwidth!");
+      return variants;
+    }
+  }
+  if (reader.met_long_line()) return {};
+  return variants;
+}
+
+}  // namespace weir

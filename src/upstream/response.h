@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace weir {
+
+class Connection;
+
+// A response as it is read: status line, header fields, and then what follows them
+// (RFC 9112). The bytes received and not yet dealt with stay in `rest`.
+//
+// Threads: one at a time.
+// Failure: a head longer than 256 KiB fails like a receive that failed.
+class Response {
+ public:
+  // 2xx; no line that could be used; any other status; a receive that failed.
+  enum class Status { kOk, kNoStatusLine, kNotSuccessful, kBroken };
+
+  // Makes one read. A status line that isn't complete then is none.
+  [[nodiscard]] Status read_status(Connection& connection);
+
+  // Reads to the blank line behind the header fields. False when a receive failed.
+  [[nodiscard]] bool read_headers(Connection& connection);
+
+  // Of the status line: HTTP/1.1, or else HTTP/1.0.
+  [[nodiscard]] bool http11() const { return http11_; }
+
+  // The value of Content-Length; nothing when there is no such field.
+  [[nodiscard]] std::optional<std::uint64_t> content_length() const;
+
+  // The first position of Content-Range (RFC 9110, section 14.4), 0 without one.
+  [[nodiscard]] std::uint64_t range_start() const;
+
+  std::string rest;
+
+ private:
+  [[nodiscard]] std::optional<std::string_view> find_header(std::string_view name) const;
+
+  bool http11_ = false;
+  std::string headers_;  // the lines between status line and blank line
+};
+
+}  // namespace weir

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "upstream/url.h"
+
+namespace weir {
+
+class CacheMap;
+
+// The server that one attempt at a URL goes to.
+//
+// Threads: one at a time.
+class ServerChoice {
+ public:
+  // Takes a URL apart and puts a server from chunkCacheMap or playlistCacheMap in the
+  // place of the hosts "@" and "~". A host with a port is a name, even "@". False, with
+  // the reason on the error stream, for a scheme that weir doesn't speak and where the
+  // map has no server.
+  [[nodiscard]] bool choose(std::string_view url);
+
+  // Marks the chosen server dead in the map that it came from, if it came from one.
+  void invalidate_cache_server();
+
+  [[nodiscard]] bool from_cache_map() const { return map_ != nullptr; }
+
+  // Of the URL looked at last, as far as it could be taken apart: the host and the port
+  // to connect to, the path to ask for.
+  [[nodiscard]] const std::string& host() const { return url_.host; }
+  [[nodiscard]] int port() const { return url_.port; }
+  [[nodiscard]] const std::string& path() const { return url_.path; }
+
+ private:
+  [[nodiscard]] bool substitute(CacheMap& map, const char* failure);
+
+  Url url_;
+  CacheMap* map_ = nullptr;   // where cache_server_ came from; null for a real host
+  std::string cache_server_;  // as the map has it
+};
+
+}  // namespace weir
