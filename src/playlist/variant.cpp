@@ -21,6 +21,16 @@ std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
   return static_cast<std::uint64_t>(leading_number(value.substr(0, value.find(','))));
 }
 
+// False when that would be one too many.
+bool add(std::vector<Variant>& variants, std::uint64_t bandwidth, std::string_view line) {
+  if (variants.size() == kMaxVariants) {
+    log_err("playlist refused: more than ", kMaxVariants, " variants");
+    return false;
+  }
+  variants.push_back({bandwidth, std::string(trim(line)), false});
+  return true;
+}
+
 }  // namespace
 
 std::vector<Variant> parse_master(std::string_view text) {
@@ -30,11 +40,7 @@ std::vector<Variant> parse_master(std::string_view text) {
   std::uint64_t bandwidth = 0;
   for (std::string_view line; reader.next(line);) {
     if (!line.starts_with("#EXT-X-STREAM-INF:")) {
-      if (variants.size() == kMaxVariants) {
-        log_err("playlist refused: more than ", kMaxVariants, " variants");
-        return {};
-      }
-      variants.push_back({bandwidth, std::string(trim(line)), false});
+      if (!add(variants, bandwidth, line)) return {};
     } else if (const auto value = bandwidth_of(line)) {
       bandwidth = *value;
     } else {

@@ -10,11 +10,11 @@ namespace weir {
 // answer. Thrown as a pointer: the Request that throws it owns it.
 class Http406 : public std::exception {
  public:
-  explicit Http406(std::string text) : message(std::move(text)) {}
-  const char* what() const noexcept override { return message.c_str(); }
+  explicit Http406(std::string text) : message_(std::move(text)) {}
+  [[nodiscard]] const char* what() const noexcept override { return message_.c_str(); }
 
  private:
-  std::string message;
+  std::string message_;
 };
 
 }  // namespace weir

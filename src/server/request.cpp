@@ -20,7 +20,7 @@
 namespace weir {
 
 namespace {
-constexpr size_t kMaxDiscarded = 64 * 1024;  // bytes of a request's body
+constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body
 constexpr const char* kStreamType = "application/octet-stream";
 constexpr const char* kJsonType = "application/json";
 constexpr const char* kTextType = "plain/text";  // deliberate: clients know it so

@@ -13,8 +13,8 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kHeadRead = 4096;       // bytes in one read
-constexpr std::size_t kMaxHead = 256 * 1024;  // bytes
+constexpr std::size_t kHeadRead = 4096;   // bytes in one read
+constexpr std::size_t kMaxHead = 262144;  // bytes
 constexpr std::chrono::seconds kStatusTimeout{6};
 constexpr std::chrono::seconds kReadTimeout{2};
 
