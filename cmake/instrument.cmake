@@ -1,7 +1,7 @@
 # How everything is compiled: warnings, hardening and instrumentation.
 add_library(weir_build INTERFACE)
 
-option(WEIR_TESTS "Build the tests" ON)
+option(WEIR_TESTS "Build the tests, with GoogleTest" OFF)
 option(WEIR_BENCH "Build the benchmarks" OFF)
 option(WEIR_DEBIAN "Prepare the Debian package" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
