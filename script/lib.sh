@@ -2,27 +2,31 @@
 # Sourced by the scripts in this folder: they all run from the top of the tree.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+PATH+=:/usr/sbin:/sbin # nginx and others are there, where an ordinary user does not look
 
 die() {
   echo "$*" >&2
   exit 1
 }
 
+# as_root COMMAND...: by sudo where that is not who runs this.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
 # need PACKAGE...: installs with apt the Debian packages that are missing.
 # As root, or where sudo needs no password; otherwise it says what to install.
 need() {
-  local missing=() package as_root=()
+  local missing=() package
   for package in "$@"; do
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
   done
   [ ${#missing[@]} -gt 0 ] || return 0
-  if [ "$(id -u)" -ne 0 ]; then
-    sudo -n true 2>/dev/null || die "Please install first: sudo apt-get install ${missing[*]}"
-    as_root=(sudo)
-  fi
+  [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || die "Please install first: sudo apt-get install ${missing[*]}"
   echo "installing ${missing[*]} ..."
   # A policy that denies starting keeps a package such as nginx from opening its ports.
-  "${as_root[@]}" sh -c '
+  # shellcheck disable=SC2016 # for the inner shell
+  as_root sh -c '
     set -e
     export DEBIAN_FRONTEND=noninteractive RUNLEVEL=1
     apt-get update -qq
