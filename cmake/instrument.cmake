@@ -3,7 +3,6 @@ add_library(weir_build INTERFACE)
 
 option(WEIR_TESTS "Build the tests, with GoogleTest" OFF)
 option(WEIR_BENCH "Build the benchmarks" OFF)
-option(WEIR_DEBIAN "Prepare the Debian package" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
 option(WEIR_WERROR "Warnings are errors" OFF)
 option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)

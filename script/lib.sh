@@ -23,14 +23,19 @@ need() {
   done
   [ ${#missing[@]} -gt 0 ] || return 0
   [ "$(id -u)" -eq 0 ] || sudo -n true 2>/dev/null || die "Please install first: sudo apt-get install ${missing[*]}"
-  echo "installing ${missing[*]} ..."
+  apt_get install "${missing[@]}"
+}
+
+# apt_get COMMAND [PACKAGE...]
+apt_get() {
+  echo "installing ${*:2} ..." >&2
   # A policy that denies starting keeps a package such as nginx from opening its ports.
   # shellcheck disable=SC2016 # for the inner shell
   as_root sh -c '
     set -e
     export DEBIAN_FRONTEND=noninteractive RUNLEVEL=1
     apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "$@" >/dev/null' sh "${missing[@]}"
+    apt-get "$@" -y -qq --no-install-recommends >/dev/null' sh "$@"
 }
 
 # configure_and_build PRESET [TARGET...]
