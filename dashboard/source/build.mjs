@@ -1,4 +1,4 @@
-// build.mjs PACKAGES OUTPUT: puts the page and all it needs into one file.
+// build.mjs PACKAGES OUTPUT: inlines everything the page needs into one file.
 import { readFileSync, writeFileSync } from 'node:fs';
 
 const [packages, output] = process.argv.slice(2);

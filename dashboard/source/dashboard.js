@@ -1,10 +1,10 @@
 'use strict';
 
-// Asks one weir for its figures every second and draws them. It asks nobody else.
+// Polls one weir every second and draws its figures. It contacts nobody else.
 
 const kPort = 7744;
 const kPeriodMs = 1000;
-const kPatienceMs = 1500; // per request; the next one waits for it, so none pile up
+const kPatienceMs = 1500; // per request; the next one waits for it, so that none pile up
 const kWindowS = 15 * 60; // what the charts keep
 const kShortestWindowS = 60;
 const kStillS = 15; // weir itself ends a stream that has had no data for longer
@@ -46,7 +46,7 @@ function hostOfPage() {
 
 // ---- asking
 
-const kNotWeir = 'what answers is not weir';
+const kNotWeir = 'something other than weir answers';
 
 async function ask(host) {
   try {
@@ -63,11 +63,11 @@ async function ask(host) {
 function explain(error) {
   if (error.name === 'TimeoutError') return `no answer within ${kPatienceMs / 1000} s`;
   if (error.name === 'SyntaxError') return kNotWeir;
-  if (location.protocol === 'https:') return 'pages from https may not ask over http';
+  if (location.protocol === 'https:') return 'a page loaded over https cannot poll over http';
   return 'the connection failed';
 }
 
-// ---- what the charts keep: times and a column a figure, null where nothing is known
+// ---- what the charts keep: the times, and a column per figure, null where unknown
 
 const emptyHistory = () => [[], ...kNames.map(() => [])];
 let history = emptyHistory();
@@ -91,10 +91,10 @@ function startOver() {
 function judge(time, { figures, problem }) {
   if (problem) {
     watched.lostAt ||= time;
-    return ['lost', 'Not reachable', `Since ${clock(watched.lostAt)}: ${problem}. Trying again every second.`];
+    return ['lost', 'Not reachable', `Since ${clock(watched.lostAt)}: ${problem}. Retrying every second.`];
   }
   if (watched.lostAt) {
-    watched.back = `Back since ${clock(time)}, after ${Math.round(time - watched.lostAt)} s away.`;
+    watched.back = `Back since ${clock(time)}, after ${Math.round(time - watched.lostAt)} s.`;
     watched.lostAt = 0;
   }
   const before = watched.figures;
@@ -107,17 +107,17 @@ function judge(time, { figures, problem }) {
 function describe(time) {
   const { firstAt, changedAt, figures, back } = watched;
   if (kNames.every((name) => figures[name] === 0)) {
-    return ['still', 'No stream yet', `Nothing was streamed since weir started. ${back}`];
+    return ['still', 'No stream yet', `Nothing has been streamed since weir started. ${back}`];
   }
   if (time - (changedAt || firstAt) > kStillS) {
     const since = changedAt ? clock(changedAt) : `${clock(firstAt)} or earlier`;
-    return ['still', 'Unchanged', `Since ${since}. ${back || 'A stream that ended leaves its last figures.'}`];
+    return ['still', 'Unchanged', `Since ${since}. ${back || 'When a stream ends, its last figures remain.'}`];
   }
   if (!changedAt) return ['live', 'Reachable', 'Waiting for a figure to change.'];
   return ['live', 'Streaming', back || 'The figures are changing.'];
 }
 
-// Texts are only touched when they differ: each change is read out by screen readers.
+// Texts are only written when they differ, because screen readers read out each change.
 function write(id, text) {
   if (element(id).textContent !== text) element(id).textContent = text;
 }
@@ -152,7 +152,7 @@ function timeLabels(plot, times, index, space, step) {
   return times.map((time) => new Date(time * 1000).toTimeString().slice(0, step < 60 ? 8 : 5));
 }
 
-// One way of writing for all labels of an axis, so short that they fit beside it.
+// One format for all labels of an axis, short enough to fit beside it.
 function amountLabels(plot, values) {
   const format = values.at(-1) < 1e5 ? number : compact;
   return values.map((value) => format.format(value));
@@ -203,7 +203,7 @@ function makeChart(root, unit, height, lines) {
   return plot;
 }
 
-// The legend shows and hides lines; here it learns to do so from the keyboard.
+// The legend shows and hides lines; this makes it do so from the keyboard too.
 function makeLegendButtons(root) {
   for (const label of root.querySelectorAll('.u-series:not(:first-child) th')) {
     label.tabIndex = 0;
@@ -233,7 +233,7 @@ function draw(figures) {
   bufferChart.setData([times, buffer]);
 }
 
-// ---- the loop: one at a time, ended by the next call
+// ---- the loop: one at a time; the next call ends it
 
 let calls = 0;
 
@@ -261,7 +261,7 @@ element('address').addEventListener('submit', (event) => {
   event.preventDefault();
   const field = element('host');
   const host = parseHost(field.value);
-  field.setCustomValidity(host ? '' : 'A host, or host:port');
+  field.setCustomValidity(host ? '' : 'Enter a host, or host:port');
   if (!field.reportValidity()) return;
   if (location.hash === `#${host}`) watch();
   else location.hash = host;
