@@ -16,8 +16,8 @@ namespace {
 constexpr std::chrono::milliseconds kAtOnce{100};
 constexpr std::chrono::milliseconds kAtOnceStep{10};
 
-// A stream has a lock of its own, so that a reader who has stopped reading one of
-// them holds up only those who write to that one.
+// Each stream has a lock of its own, so that a reader that stops reading one of them
+// holds up only those who write to that one.
 struct Stream {
   const int fd;
   Mutex mutex;
@@ -44,7 +44,7 @@ void write_all(int fd, std::string_view text) {
   }
 }
 
-// Whether that much can be written without waiting: a pipe that is ready takes
+// Whether that much can be written without waiting: a pipe that is ready accepts
 // PIPE_BUF bytes, provided that nobody else writes to it meanwhile.
 bool takes_at_once(int fd, std::string_view text) {
   pollfd entry{fd, POLLOUT, 0};
@@ -65,8 +65,8 @@ void flush_out_at_once() {
   stream.mutex.unlock();
 }
 
-// Both streams may lead to the same pipe, so that it takes both locks to know that
-// what it takes now it still takes in a moment.
+// Both streams may lead to the same pipe. Only with both locks is it certain that what the
+// pipe would accept now it still accepts a moment later.
 bool try_write_err(std::string_view line) {
   if (!out().mutex.try_lock()) return false;
   bool written = false;

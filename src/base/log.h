@@ -6,8 +6,8 @@
 // at once, except for text given to log_out_unflushed(), which waits for the
 // next line. A stream that can't be written to loses its lines and nothing else.
 //
-// Threads: any. Whoever logs waits as long as the reader of that stream does not
-//          read, except in log_err_at_once(); the other stream goes on.
+// Threads: any. A caller waits until the reader of that stream reads, except in
+//          log_err_at_once(). The other stream is not affected.
 #pragma once
 
 #include <charconv>
@@ -62,8 +62,8 @@ void log_err(const Pieces&... pieces) {
   log_detail::write_err(log_detail::compose(pieces...));
 }
 
-// One line about a problem, of which nothing else may depend: it is dropped when the
-// stream doesn't take it within 100 ms.
+// One line about a problem that must not hold up what follows: it is dropped when the
+// stream doesn't accept it within 100 ms.
 template <class... Pieces>
 void log_err_at_once(const Pieces&... pieces) {
   log_detail::write_err_at_once(log_detail::compose(pieces...));

@@ -41,8 +41,8 @@ void keep_freed_memory() {
   (void)mallopt(M_TRIM_THRESHOLD, kNever);
 }
 
-// Most threads only sleep and look again. What falls due within four milliseconds, a
-// tick of most kernels, is done at one wake-up of the processor.
+// Most threads only sleep and look again. All that falls due within four milliseconds, a
+// tick of most kernels, shares one wake-up of the processor.
 void let_wake_ups_coincide() {
   constexpr unsigned long kSlack = 4'000'000;  // nanoseconds
   (void)prctl(PR_SET_TIMERSLACK, kSlack);

@@ -1,6 +1,6 @@
 // Waiting for a socket and sleeping.
 //
-// poll() stands behind these, so that descriptors above 1023 are as good as any.
+// These use poll(), so that descriptors above 1023 work too.
 #pragma once
 
 #include <chrono>

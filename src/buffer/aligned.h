@@ -6,7 +6,7 @@
 namespace weir {
 
 // Memory from malloc, aligned to 16 bytes. Null when malloc has none.
-// The address that malloc gave stands right below the one returned.
+// The address that malloc returned is stored directly below this one.
 [[nodiscard]] void* aligned_allocate(std::size_t bytes);
 
 // Takes back what aligned_allocate gave; null is ignored.

@@ -11,9 +11,9 @@ namespace weir {
 struct CBlock;
 
 // The byte queue between the download of a stream and its player: a chain of
-// blocks of fixed size, filled at the tail and freed at the head. Either side
-// works right on the storage, so no byte is copied but by the kernel and the
-// cipher. There is no capacity: the producer looks at fill() and holds back.
+// blocks of fixed size, filled at the tail and freed at the head. Both sides work
+// directly on the storage, so only the kernel and the cipher copy bytes. There is no
+// capacity limit: the producer looks at fill() and holds back.
 //
 // Threads:   one producer (write, reserve, sealAndReserve, commit) and one
 //            consumer (peek, consume, read), lock-free except when a block is
@@ -55,8 +55,8 @@ class CBuff {
 
   // Consumer -----------------------------------------------------------------
 
-  // The oldest bytes, as many as stand in one run, which never crosses a block. An
-  // empty buffer is waited for, once, 100 ms; nothing is returned if it stays empty.
+  // The oldest bytes that are contiguous, at most to the end of a block. An empty buffer
+  // is waited for once, 100 ms; nothing is returned if it stays empty.
   [[nodiscard]] std::span<const unsigned char> peek();
 
   // Drops bytes at the front: at most as many as peek() returned.

@@ -12,7 +12,7 @@ struct Chunk {
   std::string url;             // absolute, as written
   bool last = false;           // the end of the stream
 
-  // Of its AES-128 key, shared by all segments behind one key line; null for clear media.
+  // Of its AES-128 key, shared by all segments after one key line; null for clear media.
   std::shared_ptr<const std::string> key_url;
 };
 

@@ -34,7 +34,7 @@ struct ChunkFetcher::Pass {
   const Selection& playing;
   std::int64_t skip = 0;  // segments at the front that startFrom leaves out
   std::int64_t index = 0;
-  bool attempted = false;  // a segment was new, whether it could be downloaded or not
+  bool attempted = false;  // a segment was new, whether or not it could be downloaded
 };
 
 ChunkFetcher::ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats,
@@ -68,7 +68,7 @@ std::int64_t ChunkFetcher::begin_pass(const Pass& pass) {
   return skip;
 }
 
-// Deals with the segment at the front. False when the pass is to end.
+// Skips or downloads the segment at the front. False when the pass must end.
 bool ChunkFetcher::take_chunk(Pass& pass) {
   std::deque<Chunk>& chunks = pass.chunklist.chunks;
   if (pass.index < pass.skip) {
@@ -110,7 +110,7 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
   control_.end_stream();
 }
 
-// What the attempt that succeeded brought; nothing after the last one.
+// The successful attempt; nothing when all have failed.
 std::optional<UCurl::Download> ChunkFetcher::fetch_chunk(const Chunk& chunk) {
   std::uint64_t offset = 0;
   for (int left = kAttempts;;) {
@@ -132,7 +132,8 @@ void ChunkFetcher::note_failure() {
   control_.end_stream();
 }
 
-// False when the speed dropped so far that the pass is to end.
+// False after a sudden drop of the speed, which ends the pass. The selection that follows
+// takes a lower variant, unless the buffer is well filled or there is none lower.
 bool ChunkFetcher::note_success(const Chunk& chunk, const UCurl::Download& download,
                                 std::uint64_t bandwidth) {
   failed_chunks_ = 0;
@@ -166,7 +167,7 @@ bool ChunkFetcher::stays_in(const Band& band) {
   return false;
 }
 
-// A time beyond 32 bits of signed seconds wraps to the past: refresh at once.
+// A time beyond 32 bits of signed seconds wraps around to the past: refresh at once.
 void ChunkFetcher::refresh_in(std::int64_t seconds) {
   control_.refresh_countdown.store(static_cast<std::int32_t>(seconds), std::memory_order_relaxed);
 }

@@ -24,8 +24,8 @@ struct StreamStats;
 //            the stream. The reason is on the error stream.
 class ChunkFetcher {
  public:
-  // `max_buffer` in bytes: a pass that finds so much buffered ends. `start_from`:
-  // segments that the first pass skips; negative counts from the end of the playlist.
+  // `max_buffer` in bytes: a pass ends when that much is buffered. `start_from`: how many
+  // segments the first pass skips; negative counts from the end of the playlist.
   ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats, StreamControl& control,
                std::int32_t start_from);
 

@@ -10,19 +10,19 @@
 
 namespace weir {
 
-// The playlist of the variant being played: the segments still to be looked at.
+// The media playlist of the variant being played: the segments not yet looked at.
 //
-// Threads: the refresh timer while no fill pass runs, the fill pass else.
+// Threads: the refresh timer until it has started a fill pass, the fill pass until its end.
 class Chunklist {
  public:
   explicit Chunklist(std::string from) : url(std::move(from)) {}
 
-  // Replaces the segments by those of a variant playlist, a media playlist as RFC 8216,
-  // section 4.3.3, has it. There are none where the text isn't a playlist or goes beyond
-  // 50,000 segments or 64 KiB a line; the reason is on the error stream.
+  // Replaces the segments by those of a media playlist (RFC 8216, section 4.3.3). There
+  // are none where the text isn't a playlist or exceeds 50,000 segments or 64 KiB per
+  // line; the reason is on the error stream.
   //
   // Deliberate: a key line switches decryption on for what follows, whatever its METHOD,
-  // and its URI reaches to the end of the line. Playlists are made for weir.
+  // and its URI extends to the end of the line, because playlists are made for weir.
   void parse(std::string_view text);
 
   std::string url;

@@ -7,7 +7,7 @@
 namespace weir {
 
 namespace {
-constexpr size_t kKeySize = 16;  // bytes; what follows them means nothing
+constexpr size_t kKeySize = 16;  // bytes; any further ones are ignored
 }
 
 const std::string& KeyCache::key_for(const Chunk& chunk) {
@@ -16,7 +16,7 @@ const std::string& KeyCache::key_for(const Chunk& chunk) {
   } else if (*chunk.key_url != key_url_) {
     log_out("getting new decryption key from: ", *chunk.key_url);
     key_url_ = *chunk.key_url;
-    (void)UCurl().get(key_url_, key_);  // without a key the segment goes on as it is
+    (void)UCurl().get(key_url_, key_);  // if that fails, the key before it stays
     if (key_.size() > kKeySize) {
       key_.resize(kKeySize);
       key_.shrink_to_fit();

@@ -17,7 +17,7 @@ namespace weir {
 namespace {
 
 constexpr std::chrono::seconds kTimerTurn{1};
-constexpr size_t kEnoughChunks = 4;  // more than these are worked off before a refresh
+constexpr size_t kEnoughChunks = 4;  // more than these are downloaded before a refresh
 
 }  // namespace
 
@@ -34,7 +34,7 @@ MasterPlaylist::~MasterPlaylist() = default;
 bool MasterPlaylist::start_refreshing() {
   log_out("start_refreshing");
   if (!refresh_master()) return false;
-  // A stream without its timer delivers nothing and is closed for want of data.
+  // A stream without its timer delivers nothing, and is closed after 15 s without data.
   (void)timer_thread_.start(timer_thread_entry, this);
   return true;
 }
@@ -95,7 +95,7 @@ bool MasterPlaylist::refresh_variant_and_start_fill() {
   return true;
 }
 
-// Without a thread there is no pass, and the timer tries again with its next turn.
+// Without a thread there is no pass, and the timer's next turn tries again.
 void MasterPlaylist::start_fill() {
   if (fill_thread_.start(fill_thread_entry, this)) return;
   control_.fill_running.store(false, std::memory_order_relaxed);
@@ -130,8 +130,8 @@ void MasterPlaylist::refresh_timer() {
   }
 }
 
-// Selects variants until the playlist of one can be loaded. False when the
-// stream was told to end meanwhile and nothing is to be waited for.
+// Selects variants until the playlist of one can be loaded. False when the stream was
+// told to end meanwhile, so that the timer must not sleep again.
 bool MasterPlaylist::refresh_now() {
   for (;;) {
     if (control_.fill_running.load(std::memory_order_acquire)) {

@@ -39,14 +39,14 @@ class MasterPlaylist {
   // Loads the master playlist and starts the timer. Blocks for the download.
   [[nodiscard]] bool start_refreshing();
 
-  // Tells the threads to stop and waits for them: for the sleep of the timer and
-  // for the waits of a download that is under way. Must come before destruction where
-  // start_refreshing() was called.
+  // Tells the threads to stop and waits for them: for the timer's sleep and for the
+  // downloads under way, at worst a key and then its segment, 60 s each where nothing
+  // comes back. A document that trickles, and an HTTP/1.0 segment, take as long as the
+  // server likes. Must come before destruction where start_refreshing() was called.
   void finish();
 
-  // The stream is over: after all that was downloaded has been consumed nothing
-  // more will come. A reader that sees it also sees the last bytes in the buffer's
-  // fill count.
+  // The stream is over: once everything downloaded has been consumed, nothing more will
+  // come. A reader that sees it also sees the last bytes in the buffer's fill count.
   [[nodiscard]] bool should_finish() const { return control_.is_over(); }
 
  private:
@@ -69,16 +69,17 @@ class MasterPlaylist {
 
   StreamControl control_;
 
-  // The timer's while no fill pass runs, the fill pass's else: whoever sets
-  // fill_running hands them over, and joins before the next hand-over.
+  // The owner's until start_refreshing() has started the timer. Then the timer's from
+  // when it sees fill_running clear until it has started the fill thread, and the fill
+  // thread's until that clears fill_running.
   std::vector<Variant> variants_;
   Selection current_;
   std::unique_ptr<Chunklist> chunklist_;
 
   const std::unique_ptr<ChunkFetcher> fetcher_;
 
-  // The timer thread is the owner's; the fill thread is the timer's, and after
-  // the timer was joined the owner's.
+  // The timer thread is the owner's. The fill thread is the timer's, and the owner's
+  // once the timer has been joined.
   WorkerThread timer_thread_;
   WorkerThread fill_thread_;
 };

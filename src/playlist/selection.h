@@ -1,5 +1,5 @@
-// The adaptive choice of a variant: functions of what they are given, and of nothing
-// else. They log what they find.
+// The adaptive choice of a variant: functions of their arguments alone, except that they
+// log what they find.
 //
 // Bandwidths are in bit/s and speeds in kbps, units of 1024 bit/s, so that a bandwidth
 // shifted right by 10 compares with a speed.
@@ -32,8 +32,8 @@ struct Selection {
 
 enum class Decision { kKeep, kChange, kFail };
 
-// Whether the current variant stays at that average speed. A slow one does while the
-// buffer is well filled; `held` and `max_buffer` are bytes.
+// Whether the current variant stays at that average speed. One that is too high does
+// while the buffer is 60 % full; `held` and `max_buffer` are bytes.
 [[nodiscard]] Decision keep_or_change(const Selection& current, std::uint64_t average,
                                       std::uint64_t held, std::uint64_t max_buffer);
 

@@ -7,7 +7,7 @@ namespace weir {
 
 // What the threads of one stream tell each other.
 //
-// Threads: the request thread, the refresh timer and the fill pass, as said at each.
+// Threads: the request thread, the refresh timer and the fill pass, as stated below.
 struct StreamControl {
   // The stream is over: once all that was downloaded has been consumed, nothing more
   // comes. Release after the last commit to the buffer, acquire in who drains it.
@@ -17,8 +17,9 @@ struct StreamControl {
   // that a 0 from the pass isn't lost. Relaxed, since it only says when.
   std::atomic<std::int32_t> refresh_countdown{0};
 
-  // Set by the timer, cleared by the last act of a pass with release; the timer loads it
-  // with acquire and may then replace what the pass worked on.
+  // Set by the timer before it refreshes the playlist. Cleared by the last act of a pass,
+  // with release, or by the timer where no pass was started. The timer loads it with
+  // acquire and may then replace what the pass worked on.
   std::atomic<bool> fill_running{false};
 
   void end_stream() { should_finish.store(true, std::memory_order_release); }

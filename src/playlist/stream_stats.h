@@ -7,13 +7,15 @@
 namespace weir {
 
 // The figures that "/stats.json" reports, and the speeds of the last downloads, by which
-// variants are selected. Deliberate: there is one record for the whole process. With
-// several streams running the last writer wins, so each stream's choice of a variant
-// follows the speeds of all; they share one network.
+// variants are selected.
 //
-// Threads: any may read and write. Each value is read and written whole, and no two are
-//          read as belonging together, except that an average may mix the speeds of
-//          streams that add theirs at the same time. Relaxed order suffices for that.
+// Deliberate: one record for the whole process, because the streams share one network.
+// With several of them the last writer wins, the speeds of all steer the choice in each,
+// and a new stream starts with the average that the others left.
+//
+// Threads: any may read and write. Each value is read and written whole, and nothing
+//          relies on two of them belonging together: an average may mix the speeds of
+//          streams that add theirs at the same time. So relaxed order suffices.
 struct StreamStats {
   class Value {
    public:
@@ -27,7 +29,8 @@ struct StreamStats {
   // Puts the speed of a download, in kbps, in front of the history and computes the average.
   void add_speed(std::uint64_t kbps);
 
-  // Makes the history look as if downloads had been that slow for long.
+  // Rewrites the history after a sudden drop: the average is that speed, and all older
+  // entries are half of it.
   void fall_to_speed(std::uint64_t kbps);
 
   Value last_chunk_speed;  // kbps, units of 1024 bit/s

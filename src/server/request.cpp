@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body
 constexpr const char* kStreamType = "application/octet-stream";
 constexpr const char* kJsonType = "application/json";
-constexpr const char* kTextType = "plain/text";  // deliberate: clients know it so
+constexpr const char* kTextType = "plain/text";  // deliberate: clients expect this
 }  // namespace
 
 Request::Request(Fd fd, std::uint64_t max_buffer, StreamStats& stats, Watchdog& watchdog)
@@ -125,8 +125,8 @@ void Request::reject(const char* message) {
   throw rejection_.get();
 }
 
-// Where bytes are left unread the kernel resets the connection and drops what it
-// hasn't sent yet. A body is thrown away as far as it has arrived, without a look at it.
+// Closing with bytes left unread makes the kernel reset the connection and drop what it
+// hasn't sent yet. So what has already arrived of a body is discarded, without waiting.
 void Request::close_connection() {
   std::array<char, 4096> discarded;
   for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {

@@ -22,15 +22,16 @@ namespace weir {
 
 namespace {
 
-constexpr timeval kClientTimeout{10, 0};  // of one read from or write to a client
+constexpr timeval kClientTimeout{10, 0};  // of a read from or a write to a client, in all
 constexpr timeval kTurn{1, 0};
 
-// Bytes that the kernel takes before the network does. Without a limit it takes
-// megabytes and wakes the writer when a third of them have gone, which a player
-// that reads at the pace of its video may not manage within kClientTimeout.
+// Bytes that the kernel accepts ahead of the network. Without a limit it accepts 4 MB and
+// wakes the writer when a third of them have gone, which a player that reads at the pace
+// of its video may not manage within kClientTimeout. The cost: a paused player loses its
+// stream that much sooner, 8 s at 4 Mbit/s.
 constexpr int kMaxUnsent = 256 * 1024;
 
-// What requests share. Reachable for ever, never destroyed.
+// What requests share. Never destroyed, because detached threads use it to the end.
 struct Shared {
   explicit Shared(Device device) : watchdog(device) {
     chunkCacheMap = new CacheMap;
@@ -42,9 +43,9 @@ struct Shared {
 };
 Shared* shared = nullptr;
 
-// The crypto library and the resolver set themselves up at their first use. Where
-// memory runs out in the middle of that they crash, hang, or fail for ever after:
-// so they do it here, before there is a stream to lose. No name is looked up.
+// The crypto library and the resolver initialise themselves at their first use. If memory
+// runs out in the middle of that they crash, hang, or fail from then on. So it happens
+// here, before there is a stream to lose. No name is looked up.
 void set_up_libraries() {
   // The library's own exit handler would take the ciphers from running threads.
   (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);

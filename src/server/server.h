@@ -17,8 +17,8 @@ struct StreamStats;
 // Ownership: the listening socket. The watchdog, the cache maps and the statistics
 //            are created once and never destroyed, since detached threads use
 //            them as long as the process lives.
-// Failure:   a plain text (const char*) is thrown: the socket can't be opened,
-//            or a connection can't be accepted.
+// Failure:   throws a plain text (const char*): the socket can't be opened, a connection
+//            can't be accepted, or its time-outs can't be set.
 class Server {
  public:
   // `address` and `port` in host order, 0 being all interfaces; `max_buffer` in bytes, of

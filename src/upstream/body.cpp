@@ -18,7 +18,7 @@ constexpr std::size_t kMaxRead = 131071;  // bytes in one read
 constexpr std::chrono::seconds kReadTimeout{2};
 constexpr auto kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 
-// Of the body; nothing, which is logged, where an HTTP/1.1 response doesn't tell.
+// Nothing, which is logged, where an HTTP/1.1 response doesn't state the length.
 std::optional<std::uint64_t> body_length(const Response& response) {
   if (!response.http11()) return kToTheEnd;
   const std::optional<std::uint64_t> length = response.content_length();
@@ -27,7 +27,7 @@ std::optional<std::uint64_t> body_length(const Response& response) {
 }
 
 bool stopped(Connection& connection, const std::atomic<bool>& stop_flag) {
-  // Relaxed: nothing is read because of it, and late by one read is soon enough.
+  // Relaxed: it publishes nothing else, and one read later is soon enough.
   if (!stop_flag.load(std::memory_order_relaxed)) return false;
   log_out("forced stream break. should finish");
   connection.close_if_open();
@@ -90,7 +90,7 @@ BodyResult download_segment(Connection& connection, Response& response, SegmentS
     progress.position = start + progress.received;
   }
   if (step == SegmentSink::Step::kBroken) return BodyResult::kBroken;
-  // In the middle of a body a connection is of no more use.
+  // In the middle of a body the connection can't be reused.
   if (step == SegmentSink::Step::kNoMemory) connection.close_if_open();
   if (!sink.finish()) connection.close_if_open();
   return BodyResult::kDelivered;

@@ -166,8 +166,7 @@ std::optional<std::string> Connection::recv_string(std::size_t most, std::chrono
   return std::string(piece.get(), static_cast<std::size_t>(count));
 }
 
-// At full speed bytes are there already more often than not, and there is nothing to
-// wait for.
+// At full speed the bytes are usually there already, and there is nothing to wait for.
 std::optional<std::size_t> Connection::recv_into(std::span<unsigned char> destination) {
   ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) {

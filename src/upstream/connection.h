@@ -14,11 +14,11 @@
 
 namespace weir {
 
-// One TCP connection to an upstream server, kept open between requests and used again
-// while host and port stay the same.
+// One TCP connection to an upstream server, kept open between requests and reused while
+// host and port stay the same.
 //
-// Threads:   one at a time. Connecting takes 2 s at most, and as long as the resolver
-//            takes; a receive takes its time-out at most.
+// Threads:   one at a time. Connecting takes at most 2 s, plus however long the resolver
+//            takes; a receive takes at most its time-out.
 // Ownership: closes its descriptor when destroyed.
 // Failure:   the connection is closed and the reason is on the error stream.
 class Connection {
@@ -33,26 +33,26 @@ class Connection {
   // the one that is connected, because readers of the log know it so.
   void set_url_host(const std::string& host) { url_host_ = host; }
 
-  // True also where the server refuses: if that isn't known at once, the first send or
-  // receive meets it. A server that has closed a kept connection is found out likewise.
+  // True also where the server refuses: unless that is known at once, the first send or
+  // receive fails. The same goes for a kept connection that the server has closed.
   [[nodiscard]] bool connect_to(const std::string& host, int port);
 
   // False, and the connection stays open, when the server takes no bytes within 2 s.
   [[nodiscard]] bool wait_for_sending() const;
 
-  // What the system doesn't take at once isn't sent. False on an error.
+  // What the system doesn't accept at once isn't sent. False on an error.
   [[nodiscard]] bool send(std::string_view bytes) const;
 
-  // At most so many bytes as a text; empty at the end of the stream. Nothing when the
+  // At most that many bytes as a text; empty at the end of the stream. Nothing when the
   // receive failed.
   [[nodiscard]] std::optional<std::string> recv_string(std::size_t most,
                                                        std::chrono::seconds timeout);
 
-  // Returns how many bytes came; 0 at the end of the stream, and an error counts as
-  // such. Nothing when none came in 2 s.
+  // Returns how many bytes arrived; 0 at the end of the stream, and errors count as
+  // such. Nothing when none arrived within 2 s.
   [[nodiscard]] std::optional<std::size_t> recv_into(std::span<unsigned char> destination);
 
-  // Closes the connection for a reason that concerns what was received.
+  // Closes the connection because of what was received, or was not.
   void fail_receive(const char* reason);
 
   void close_if_open();
@@ -66,7 +66,7 @@ class Connection {
   sockaddr_in addr_{};
   std::string url_host_;
 
-  // Of the last connection made; they survive its end.
+  // Of the last connection made; kept after its end.
   std::string connected_host_;
   int connected_port_ = -1;
 };

@@ -3,7 +3,7 @@
 namespace weir {
 
 bool Document::append(std::string_view piece) {
-  // Up to here the string doubles its room each time; beyond, that would take too much.
+  // Up to here the string doubles its capacity each time; beyond, that would take too much.
   constexpr std::size_t kMaxDoubled = kMaxSize / 4;
   const std::size_t size = text_.size() + piece.size();
   if (size > kMaxSize) return false;

@@ -6,7 +6,7 @@
 
 namespace weir {
 
-// Takes the body of a playlist or a key. It holds 16 MiB at most, and takes no more than
+// Takes the body of a playlist or a key. It holds at most 16 MiB, and uses at most
 // 24 MiB of memory while it grows.
 //
 // Threads:   one at a time.

@@ -18,8 +18,8 @@ constexpr std::size_t kMaxHead = 262144;  // bytes
 constexpr std::chrono::seconds kStatusTimeout{6};
 constexpr std::chrono::seconds kReadTimeout{2};
 
-// A server that closes inside its head fails as a silent one does, and no sooner.
-// Deliberate: callers count on the time of the time-out, so it is slept out.
+// A server that closes inside its head fails as a silent one does. Deliberate: the
+// time-out is slept out, because callers count on that time between attempts.
 void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_point since) {
   const auto left = since + kReadTimeout - std::chrono::steady_clock::now();
   sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
@@ -107,7 +107,7 @@ std::uint64_t Response::range_start() const {
   const std::string_view value = find_header("Content-Range").value_or("");
   const size_t unit = value.find(kUnit);
   if (unit == std::string_view::npos) return 0;
-  // Without a "-" behind it the number may go on to the end.
+  // Without a "-" after it the number may run to the end.
   const size_t start = unit + kUnit.size();
   return static_cast<std::uint64_t>(leading_number(value.substr(start, value.find('-') - start)));
 }

