@@ -3,7 +3,8 @@
 // A page of memory that is shared with the driver (the file $WEIR_TORTURE) says
 // which call of which function that is, counted from the arming, and takes down
 // how many calls there were, where the failing one came from, and how many
-// allocations are alive. Sleeps last a tenth, so that thousands of streams pass.
+// allocations are alive. Sleeps last a tenth, those from a second on a
+// hundredth, so that thousands of streams pass.
 //
 // Threads: any; all of the page is atomic, and nothing here allocates or logs.
 #include <dlfcn.h>
@@ -192,8 +193,8 @@ int poll(pollfd* entries, nfds_t count, int timeout) {
 int nanosleep(const timespec* time, timespec* left) {
   NEXT(nanosleep);
   if (fails(kSleep)) return -1;
-  constexpr long kShare = 10, kSecond = 1'000'000'000;
-  const long total = (time->tv_sec * kSecond + time->tv_nsec) / kShare;
+  constexpr long kSecond = 1'000'000'000;
+  const long total = (time->tv_sec * kSecond + time->tv_nsec) / (time->tv_sec > 0 ? 100 : 10);
   const timespec shorter{total / kSecond, total % kSecond};
   return real(&shorter, left);
 }

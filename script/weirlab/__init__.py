@@ -1,0 +1,1 @@
+"""What the demo, the benchmarks and the tests of the real program are made of."""

@@ -1,0 +1,137 @@
+"""Starts weir, nginx and whatever else a run needs, and leaves nothing of it behind."""
+
+import os
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from collections.abc import Callable, Sequence
+from pathlib import Path
+from typing import Any
+
+from weirlab import procfs
+from weirlab.client import WEIR, answers
+
+TOP = Path(__file__).resolve().parents[2]
+Process = subprocess.Popen[bytes]
+
+# Nothing of nginx's needs root, so root gives it away.
+AS_NOBODY: dict[str, Any] = (
+    {"user": "nobody", "group": "nogroup", "extra_groups": []} if os.geteuid() == 0 else {})
+NGINX = """daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
+events {{ worker_connections 8192; }}
+http {{
+access_log off; sendfile on; tcp_nodelay on; keepalive_requests 10000000; keepalive_timeout 300s;
+client_body_temp_path t/b; proxy_temp_path t/p; fastcgi_temp_path t/f; uwsgi_temp_path t/u;
+scgi_temp_path t/s; proxy_cache_path t/c keys_zone=z:1m max_size=64m inactive=1m use_temp_path=off;
+server {{ listen 127.0.0.1:{port} backlog=4096; {server} }}
+}}
+"""
+# Small pieces make nginx keep a rate evenly. A live playlist must not be kept.
+CACHE = """limit_rate {rate}; sendfile_max_chunk 16k;
+location / {{ proxy_pass http://127.0.0.1:{upstream}; proxy_cache z; proxy_cache_valid 200 1m; }}
+location ~ [.]m3u8$ {{ proxy_pass http://127.0.0.1:{upstream}; }}"""
+
+
+def wait_until(what: str, condition: Callable[[], object], seconds: float = 20) -> None:
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise SystemExit(f"gave up waiting for {what}")
+        time.sleep(0.01)
+
+
+class Lab:
+    """A folder and the processes that work in it; both go with it, also on Ctrl-C.
+
+    To be made in the main thread. `www` is what the origin serves, `log` what weir says.
+    """
+
+    def __init__(self, parent: str | None = None) -> None:
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, self._interrupted)
+        most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+        self.running: list[Process] = []
+        self.work = Path(tempfile.mkdtemp(prefix="weir-", dir=parent))
+        self.work.chmod(0o755)
+        self.www, self.log = self.work / "www", self.work / "weir.log"
+        self.www.mkdir()
+        self.log.touch()
+
+    @staticmethod
+    def _ignore_signals() -> None:
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, signal.SIG_IGN)
+
+    @staticmethod
+    def _interrupted(number: int, _: object) -> None:
+        Lab._ignore_signals()
+        sys.exit(128 + number)  # through __exit__
+
+    def __enter__(self) -> "Lab":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._ignore_signals()
+        for process in self.running[::-1]:
+            self.end(process)
+        for child in procfs.children(os.getpid()):  # one that was just being started
+            os.kill(child, signal.SIGKILL)
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    def start(self, command: Sequence[object], **options: Any) -> Process:
+        """`options` are Popen's."""
+        process = subprocess.Popen([str(word) for word in command], **options)
+        self.running.append(process)
+        return process
+
+    def end(self, process: Process, how: int = signal.SIGTERM) -> None:
+        process.send_signal(how)
+        try:
+            process.wait(10)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+        if process in self.running:
+            self.running.remove(process)
+
+    def configure(self, name: str, port: int, server: str) -> Path:
+        """Writes the configuration of an nginx; returns its folder."""
+        folder = self.work / name
+        (folder / "t").mkdir(parents=True, exist_ok=True)
+        (folder / "nginx.conf").write_text(NGINX.format(port=port, server=server), encoding="ascii")
+        if AS_NOBODY:
+            for path in (folder, folder / "t"):
+                shutil.chown(path, AS_NOBODY["user"])
+        return folder
+
+    def nginx(self, name: str, port: int, server: str) -> Process:
+        folder = self.configure(name, port, server)
+        process = self.start(["nginx", "-p", folder, "-e", folder / "error.log",
+                              "-c", folder / "nginx.conf"], **AS_NOBODY)
+        wait_until(f"{name} to answer", lambda: process.poll() is not None or answers(port))
+        if process.poll() is not None:
+            raise SystemExit(f"{name} did not start")
+        return process
+
+    def origin(self, port: int) -> Process:
+        return self.nginx("origin", port, f"root {self.www};")
+
+    def cache(self, name: str, port: int, upstream: int, rate: str = "0") -> Process:
+        """`rate` is in bytes a second for each answer, 0 for no limit."""
+        return self.nginx(name, port, CACHE.format(upstream=upstream, rate=rate))
+
+    def weir(self, binary: Path, buffer: int, prefix: Sequence[object] = (),
+             progress: bool = False) -> Process:
+        """Never able to restart the machine. `progress` goes into the log, too, if wanted."""
+        with open(self.log, "ab") as log:
+            process = self.start([TOP / "script/without-reboot", *prefix, binary, buffer], stderr=log,
+                                 stdout=log if progress else subprocess.DEVNULL)
+        wait_until("weir to answer", lambda: process.poll() is not None or answers(WEIR))
+        if process.poll() is not None or procfs.can_reboot(process.pid):
+            raise SystemExit("weir did not start, or could restart this machine")
+        return process

@@ -1,0 +1,90 @@
+"""Makes video: MPEG-TS in segments, clear and encrypted, and the playlists."""
+
+import shutil
+import subprocess
+from collections.abc import Sequence
+from pathlib import Path
+
+from weirlab.lab import Lab
+
+KEY = bytes(range(1, 17))
+FIRST = 1  # weir never fetches segment number 0
+
+
+def encrypt(clear: bytes) -> bytes:
+    """AES-128 as weir has it: CBC, the initialisation vector zero, PKCS#7."""
+    return subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", "0" * 32],
+                          input=clear, capture_output=True, check=True).stdout
+
+
+def replace(path: Path, data: bytes | str) -> None:
+    """By renaming, so that a server never sees half of it."""
+    fresh = path.with_suffix(".new")
+    fresh.write_bytes(data if isinstance(data, bytes) else data.encode())
+    fresh.rename(path)
+
+
+def media_playlist(urls: Sequence[str], seconds: float, first: int = FIRST, key: str = "",
+                   over: bool = True) -> str:
+    """`key` is the URL of a key, which weir wants last in its tag; `over` if nothing will follow."""
+    lines = ["#EXTM3U", f"#EXT-X-TARGETDURATION:{-int(-seconds // 1)}",
+             f"#EXT-X-MEDIA-SEQUENCE:{first}"]
+    if key:
+        lines.append(f'#EXT-X-KEY:METHOD=AES-128,IV=0x{"0" * 32},URI="{key}"')
+    for url in urls:
+        lines += [f"#EXTINF:{seconds:g},", url]
+    return "\n".join([*lines, *(["#EXT-X-ENDLIST"] if over else []), ""])
+
+
+def master_playlist(variants: dict[str, int]) -> str:
+    """`variants` has the bandwidth for each URL."""
+    return "#EXTM3U\n" + "".join(f"#EXT-X-STREAM-INF:BANDWIDTH={bandwidth}\n{url}\n"
+                                 for url, bandwidth in variants.items())
+
+
+def ffmpeg(lab: Lab, *options: object) -> None:
+    if lab.start(["ffmpeg", "-nostdin", "-v", "error", "-y", *options]).wait() != 0:
+        raise SystemExit("ffmpeg could not make the video")
+
+
+def segments_in(folder: Path) -> list[Path]:
+    return sorted(folder.glob("*.ts"), key=lambda path: int(path.stem))
+
+
+def in_segments(folder: Path, seconds: int, name: str = "%d.ts") -> list[object]:
+    """ffmpeg's options for an output in clear segments."""
+    folder.mkdir(parents=True)
+    return ["-f", "hls", "-hls_time", seconds, "-hls_list_size", 0, "-start_number", FIRST,
+            "-hls_segment_filename", folder / name, folder / "list.m3u8"]
+
+
+def publish(folder: Path, url: str, seconds: int, key: str = "") -> int:
+    """Encrypts the segments of a folder if there is a key, and lists them; returns the bandwidth."""
+    segments = segments_in(folder)
+    largest = max(path.stat().st_size for path in segments)
+    if key:
+        for path in segments:
+            path.write_bytes(encrypt(path.read_bytes()))
+    replace(folder / "list.m3u8", media_playlist([f"{url}/{path.name}" for path in segments],
+                                                 seconds, key=key))
+    return largest * 8 // seconds
+
+
+def make_noise(lab: Lab, base: str, segments: int, seconds: int = 5,
+               bitrate: int = 8_000_000) -> list[int]:
+    """The same noise over and over, clear and encrypted; returns the sizes of its segments.
+
+    `base` is the URL of the web root; there are clear/master.m3u8, aes/master.m3u8 and the key.
+    """
+    clear, noise = lab.www / "clear", lab.work / "noise.ts"
+    ffmpeg(lab, "-f", "lavfi", "-i", f"nullsrc=s=480x272:r=25:d={seconds},geq=random(1)*255",
+           "-c:v", "mpeg2video", "-g", 25, "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", "2M",
+           "-muxrate", bitrate * 21 // 20, noise)
+    ffmpeg(lab, "-stream_loop", segments - 1, "-i", noise, "-c", "copy", *in_segments(clear, seconds))
+    shutil.copytree(clear, lab.www / "aes")
+    (lab.www / "key").write_bytes(KEY)
+    for kind, key in (("clear", ""), ("aes", f"{base}/key")):
+        publish(lab.www / kind, f"{base}/{kind}", seconds, key)
+        replace(lab.www / kind / "master.m3u8",
+                master_playlist({f"{base}/{kind}/list.m3u8": bitrate}))
+    return [path.stat().st_size for path in segments_in(clear)]
