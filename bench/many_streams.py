@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Many live streams: one weir beside as many relays, and as many of each peer.
 
 A channel of MPEG-TS in segments of two seconds is served from nginx on loopback.
@@ -9,46 +8,53 @@ nothing else than pass on a segment every two seconds, as a Markdown table.
 """
 
 import argparse
+import functools
 import os
 import selectors
 import socket
-import statistics
+import subprocess
 import threading
 import time
-import urllib.parse
+from collections.abc import Callable
 from pathlib import Path
+from typing import NamedTuple
 
-from film import make_film
-from live import procfs
-from live.channel import replace
-from live.rig import ORIGIN, TOP, WEIR, Rig
-from peers import PEERS
-from run import spread
+from programs import PEERS
+from weirlab import client, procfs, tables
+from weirlab.lab import TOP, Lab, Process
+from weirlab.network import own_network
+from weirlab.video import make_noise, media_playlist, replace
 
 SECONDS = 2  # a segment
 WINDOW = 10  # segments
-RELAYS = 9100  # the first port, below those of connections
+ORIGIN, RELAYS = 9000, 9100  # the relays' first port; all below those of connections
 BASE = f"http://127.0.0.1:{ORIGIN}"
+
+
+class Run(NamedTuple):
+    cpu: float  # % of a core
+    memory: float  # MiB of PSS
 
 
 class Channel(threading.Thread):
     """Moves the window of the live playlist on."""
 
-    def __init__(self, root, kind):
+    def __init__(self, lab: Lab, kind: str, segments: int) -> None:
         super().__init__(daemon=True)
-        self.path = root / f"{kind}.m3u8"
-        self.head, *entries = self.path.read_text().split("#EXTINF")
-        self.entries = [f"#EXTINF{entry}".replace("#EXT-X-ENDLIST\n", "") for entry in entries]
+        self.path = lab.www / kind / "list.m3u8"
+        self.urls = [f"{BASE}/{kind}/{number}.ts" for number in range(1, segments + 1)]
+        self.key = f"{BASE}/key" if kind == "aes" else ""
         self.done = threading.Event()
         self.publish(0)
+        self.start()
 
-    def publish(self, first):
-        head = self.head.replace("SEQUENCE:1\n", f"SEQUENCE:{first + 1}\n")
-        replace(self.path, (head + "".join(self.entries[first:first + WINDOW])).encode())
+    def publish(self, first: int) -> None:
+        replace(self.path, media_playlist(self.urls[first:first + WINDOW], SECONDS, first + 1,
+                                          self.key, over=False))
 
-    def run(self):
+    def run(self) -> None:
         began, first = time.monotonic(), 0
-        while (first + WINDOW < len(self.entries)
+        while (first + WINDOW < len(self.urls)
                and not self.done.wait(began + (first + 1) * SECONDS - time.monotonic())):
             first += 1
             self.publish(first)
@@ -57,116 +63,119 @@ class Channel(threading.Thread):
 class Players(threading.Thread):
     """Connections whose bytes are thrown away unread."""
 
-    def __init__(self):
+    def __init__(self) -> None:
         super().__init__(daemon=True)
         self.selector, self.received, self.left = selectors.DefaultSelector(), 0, False
+        self.began = time.monotonic()
+        self.start()
 
-    def join_in(self, port, path):
-        player = socket.create_connection(("127.0.0.1", port))
-        player.sendall(f"GET {path} HTTP/1.1\r\n\r\n".encode())
+    def add(self, player: socket.socket) -> None:
         self.selector.register(player, selectors.EVENT_READ)
 
-    def run(self):
+    def run(self) -> None:
         scratch = bytearray(1 << 18)
         while not self.left:
             for key, _ in self.selector.select(0.5):
+                assert isinstance(key.fileobj, socket.socket)
                 count = key.fileobj.recv_into(scratch, len(scratch), socket.MSG_TRUNC)
                 if count == 0:
                     self.selector.unregister(key.fileobj)
                 self.received += count
 
-    def leave(self):
+    def leave(self) -> tuple[int, float]:
+        """How many still played, and the bits a second of all."""
+        rate = 8 * self.received / (time.monotonic() - self.began)
         self.left = True
         self.join()
-        for key in list(self.selector.get_map().values()):
-            key.fileobj.close()
+        players = [key.fileobj for key in self.selector.get_map().values()]
+        for player in players:
+            assert isinstance(player, socket.socket)
+            player.close()
+        return len(players), rate
 
 
 class Bench:
-    def __init__(self, rig, options):
-        self.rig, self.options = rig, options
+    def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
+        self.lab, self.options = lab, options
+        self.segments = len(make_noise(lab, BASE, WINDOW + 8 + options.seconds // SECONDS + 10,
+                                       SECONDS, int(options.mbit * 1e6)))
+        lab.origin(ORIGIN)
 
-    def measure(self, kind, join, processes):
-        """CPU, % of a core, and PSS, MiB. `join` adds the stream of that number."""
-        channel = Channel(self.rig.root, kind)
-        channel.start()
+    def measure(self, kind: str, add: Callable[[int], object], processes: list[Process]) -> Run:
+        """`add` adds the stream of that number."""
+        channel = Channel(self.lab, kind, self.segments)
         for number in range(self.options.streams):
-            join(number)
+            add(number)
             time.sleep(2 * SECONDS / self.options.streams)
         time.sleep(2 * SECONDS)
         began, before = time.monotonic(), cpu(processes)
         time.sleep(self.options.seconds)
         used = 100 * (cpu(processes) - before) / (time.monotonic() - began)
         memory = sum(procfs.sample(process.pid)["pss"] for process in processes)
-        assert channel.is_alive(), "the film is too short"
+        assert channel.is_alive(), "the video is too short"
         channel.done.set()
         channel.join()
-        return used, memory
+        return Run(used, memory)
 
-    def measure_played(self, kind, join, processes):
-        """The same with players; `join` gets them, too."""
+    def measure_played(self, kind: str, connect: Callable[[int], socket.socket],
+                       processes: list[Process]) -> Run:
         players = Players()
-        players.start()
-        began = time.monotonic()
-        result = self.measure(kind, lambda number: join(players, number), processes)
-        rate = 8 * players.received / (time.monotonic() - began) / self.options.streams
-        playing = len(players.selector.get_map())
-        players.leave()
+        result = self.measure(kind, lambda number: players.add(connect(number)), processes)
+        playing, rate = players.leave()
         self.end(processes, playing)
-        assert rate > 0.8 * self.options.mbit * 1e6, f"only {rate:.0f} bit/s a stream"
+        assert rate > 0.8e6 * self.options.mbit * playing, f"only {rate:.0f} bit/s"
         return result
 
-    def end(self, processes, playing):
+    def end(self, processes: list[Process], playing: int) -> None:
         for process in processes:
             process.terminate()
         for process in processes:
-            self.rig.end(process)
+            self.lab.end(process)
         assert playing == self.options.streams, f"{playing} streams are left"
 
-    def weir(self, kind):
-        url = urllib.parse.quote(f"{BASE}/{kind}-master.m3u8", safe="")
-        return self.measure_played(
-            kind, lambda players, _: players.join_in(WEIR, f"/stream?url={url}&startFrom=-3"),
-            [self.rig.weir(32 << 20)])
+    def weir(self, kind: str) -> Run:
+        path = client.stream_path(f"{BASE}/{kind}/master.m3u8", -3)
+        return self.measure_played(kind, lambda _: client.connect(path),
+                                   [self.lab.weir(self.options.build / "weir", 32 << 20)])
 
-    def relay(self, kind):
-        processes = []
-        key = self.rig.root / "key" if kind == "aes" else ""
+    def relay(self, kind: str) -> Run:
+        processes: list[Process] = []
+        key = self.lab.www / "key" if kind == "aes" else ""
 
-        def join(players, number):
-            port = RELAYS + number
-            processes.append(self.rig.start([self.options.binary.parent / "bench/relay", port,
+        def connect(number: int) -> socket.socket:
+            processes.append(self.lab.start([self.options.build / "bench/relay", RELAYS + number,
                                              ORIGIN, f"/{kind}/", 1000, key, SECONDS]))
-            # It accepts one player only, so the port can't be tried before.
-            for _ in range(100):
-                try:
-                    return players.join_in(port, "/")
-                except ConnectionRefusedError:
-                    time.sleep(0.002)
-            raise SystemExit("a relay does not listen")
+            return client.connect_soon("/", RELAYS + number)
 
-        return self.measure_played(kind, join, processes)
+        return self.measure_played(kind, connect, processes)
 
-    def peer(self, command):
-        def run(kind):
-            processes = []
-            with open("/dev/null", "r+b") as nothing:
-                result = self.measure(
-                    kind, lambda _: processes.append(
-                        self.rig.start(command(f"{BASE}/{kind}-master.m3u8"), stdin=nothing,
-                                       stdout=nothing, stderr=nothing)), processes)
-            self.end(processes, sum(process.poll() is None for process in processes))
-            return result
-        return run
+    def peer(self, command: str, kind: str) -> Run:
+        words, processes = command.format(f"{BASE}/{kind}/master.m3u8").split(), list[Process]()
+        result = self.measure(kind, lambda _: processes.append(self.lab.start(
+            words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)), processes)
+        self.end(processes, sum(process.poll() is None for process in processes))
+        return result
 
-
-def cpu(processes):
-    return sum(sum(procfs.cpu(process.pid)) for process in processes)
+    def report(self, kind: str) -> None:
+        every = {"relay": self.relay, "weir": self.weir}
+        every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
+        results = tables.in_turn({name: functools.partial(every[name], kind) for name in
+                                  self.options.programs.split(",") if name in every},
+                                 self.options.rounds)
+        floor = [run.cpu for run in next(iter(results.values()))]
+        for name, rows in results.items():
+            cpus = [run.cpu for run in rows]
+            tables.print_row(kind, f"{self.options.streams} x {name}", tables.spread(cpus, 1),
+                             tables.ratio(cpus, floor), f"{max(run.memory for run in rows):.0f}")
 
 
-def main():
+def cpu(processes: list[Process]) -> float:
+    return sum(procfs.cpu(process.pid) for process in processes)
+
+
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--binary", type=Path, default=TOP / "build/bench/weir")
+    parser.add_argument("--build", type=Path, default=TOP / "build/bench")
     parser.add_argument("--streams", type=int, default=200)
     parser.add_argument("--mbit", type=float, default=4, help="of each stream")
     parser.add_argument("--seconds", type=int, default=20, help="of measuring")
@@ -175,38 +184,13 @@ def main():
     parser.add_argument("--programs", default="relay,weir,ffmpeg",
                         help="streamlink takes 50 MiB a stream")
     options = parser.parse_args()
+    own_network()
     os.nice(19 - os.nice(0))  # as weir's threads, so that no side pushes the other away
-    with Rig(options.binary) as rig:
-        segments = WINDOW + 8 + options.seconds // SECONDS + 10
-        make_film(rig.root, segments, BASE, SECONDS, int(options.mbit * 1e6))
-        rig.origin()
-        bench = Bench(rig, options)
-        every = {"relay": bench.relay, "weir": bench.weir}
-        every |= {name: bench.peer(command) for name, command in PEERS.items()}
-        programs = {name: every[name] for name in options.programs.split(",") if name in every}
-        print("| media | program | CPU, % of a core | ratio | PSS, MiB |")
-        print("| --- | --- | --- | --- | --- |")
+    with Lab("/dev/shm") as lab:
+        bench = Bench(lab, options)
+        tables.print_head("media", "program", "CPU, % of a core", "ratio", "PSS, MiB")
         for kind in options.kinds.split(","):
-            results = play_in_turns(rig.root / f"{kind}.m3u8", kind, programs, options.rounds)
-            report(kind, results, options.streams)
-
-
-def play_in_turns(playlist, kind, programs, rounds):
-    whole = playlist.read_bytes()
-    results = {name: [] for name in programs}
-    for _ in range(rounds):
-        for name, run in programs.items():
-            playlist.write_bytes(whole)
-            results[name].append(run(kind))
-    return results
-
-
-def report(kind, results, streams):
-    floor = next(iter(results.values()))
-    for name, rows in results.items():
-        ratio = statistics.median(row[0] / first[0] for row, first in zip(rows, floor))
-        print(f"| {kind} | {streams} x {name} | {spread([row[0] for row in rows], 1)} "
-              f"| {ratio:.2f} | {max(row[1] for row in rows):.0f} |", flush=True)
+            bench.report(kind)
 
 
 if __name__ == "__main__":

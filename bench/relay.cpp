@@ -1,5 +1,5 @@
 // The floor that weir is measured against: one thread that reads segments over
-// one keep-alive connection, deciphers them where a key is given, and writes
+// one keep-alive connection, decrypts them where a key is given, and writes
 // them to the one player that connects. It buffers, adapts and retries nothing.
 //
 // relay LISTEN_PORT ORIGIN_PORT PATH_PREFIX SEGMENTS [KEY_FILE [SECONDS]]
@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -121,7 +122,10 @@ class Relay {
 int main(int argc, char** argv) {
   if (argc < 5) return 2;
   std::string key;
-  if (argc > 5) std::getline(std::ifstream(argv[5], std::ios::binary), key, '\0');
+  if (argc > 5) {
+    std::ifstream file(argv[5], std::ios::binary);
+    key.assign(std::istreambuf_iterator<char>(file), {});
+  }
   const std::chrono::seconds pace{argc > 6 ? std::atoi(argv[6]) : 0};
   Relay relay(origin(argv[2]), player(argv[1]), key);
   auto due = std::chrono::steady_clock::now();

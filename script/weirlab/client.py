@@ -1,6 +1,7 @@
 """Asks weir, or another server on the loopback interface, for something over HTTP."""
 
 import socket
+import time
 import urllib.parse
 
 WEIR = 7744  # weir's port is fixed
@@ -35,6 +36,16 @@ def connect(path: str, port: int = WEIR, timeout: float | None = None) -> socket
     connection = socket.create_connection(("127.0.0.1", port), timeout)
     connection.sendall(request(path))
     return connection
+
+
+def connect_soon(path: str, port: int) -> socket.socket:
+    """The same to one that just starts and takes a single connection, so that none must be tried."""
+    for _ in range(1000):
+        try:
+            return connect(path, port)
+        except ConnectionRefusedError:
+            time.sleep(0.002)
+    raise SystemExit(f"nothing listens on port {port}")
 
 
 def ask(path: str, port: int = WEIR, timeout: float = 60) -> bytes:

@@ -85,6 +85,7 @@ class Lab:
 
     def start(self, command: Sequence[object], **options: Any) -> Process:
         """`options` are Popen's."""
+        options.setdefault("stdin", subprocess.DEVNULL)
         process = subprocess.Popen([str(word) for word in command], **options)
         self.running.append(process)
         return process
@@ -98,6 +99,13 @@ class Lab:
             process.wait()
         if process in self.running:
             self.running.remove(process)
+
+    def kill_with_children(self, process: Process) -> None:
+        """An nginx with SIGKILL: the master first, which would replace its workers."""
+        workers = procfs.children(process.pid)
+        self.end(process, signal.SIGKILL)
+        for worker in workers:
+            os.kill(worker, signal.SIGKILL)
 
     def configure(self, name: str, port: int, server: str) -> Path:
         """Writes the configuration of an nginx; returns its folder."""
@@ -132,6 +140,7 @@ class Lab:
             process = self.start([TOP / "script/without-reboot", *prefix, binary, buffer], stderr=log,
                                  stdout=log if progress else subprocess.DEVNULL)
         wait_until("weir to answer", lambda: process.poll() is not None or answers(WEIR))
+        wait_until("weir to be idle", lambda: process.poll() is not None or procfs.threads(process.pid) == 1)
         if process.poll() is not None or procfs.can_reboot(process.pid):
             raise SystemExit("weir did not start, or could restart this machine")
         return process

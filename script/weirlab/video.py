@@ -9,12 +9,20 @@ from weirlab.lab import Lab
 
 KEY = bytes(range(1, 17))
 FIRST = 1  # weir never fetches segment number 0
+# AES-128 as weir has it: CBC, the initialisation vector zero, PKCS#7.
+ENCRYPT = ["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", "0" * 32]
 
 
 def encrypt(clear: bytes) -> bytes:
-    """AES-128 as weir has it: CBC, the initialisation vector zero, PKCS#7."""
-    return subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", "0" * 32],
-                          input=clear, capture_output=True, check=True).stdout
+    return subprocess.run(ENCRYPT, input=clear, capture_output=True, check=True).stdout
+
+
+def encrypt_file(path: Path) -> None:
+    """Without reading it here: what starts programs stays small, since their peak RSS is at least its own."""
+    secret = path.with_suffix(".new")
+    with path.open("rb") as source, secret.open("wb") as target:
+        subprocess.run(ENCRYPT, stdin=source, stdout=target, check=True)
+    secret.rename(path)
 
 
 def replace(path: Path, data: bytes | str) -> None:
@@ -64,7 +72,7 @@ def publish(folder: Path, url: str, seconds: int, key: str = "") -> int:
     largest = max(path.stat().st_size for path in segments)
     if key:
         for path in segments:
-            path.write_bytes(encrypt(path.read_bytes()))
+            encrypt_file(path)
     replace(folder / "list.m3u8", media_playlist([f"{url}/{path.name}" for path in segments],
                                                  seconds, key=key))
     return largest * 8 // seconds
@@ -77,7 +85,7 @@ def make_noise(lab: Lab, base: str, segments: int, seconds: int = 5,
     `base` is the URL of the web root; there are clear/master.m3u8, aes/master.m3u8 and the key.
     """
     clear, noise = lab.www / "clear", lab.work / "noise.ts"
-    ffmpeg(lab, "-f", "lavfi", "-i", f"nullsrc=s=480x272:r=25:d={seconds},geq=random(1)*255",
+    ffmpeg(lab, "-v", "fatal", "-f", "lavfi", "-i", f"nullsrc=s=480x272:r=25:d={seconds},geq=random(1)*255",
            "-c:v", "mpeg2video", "-g", 25, "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", "2M",
            "-muxrate", bitrate * 21 // 20, noise)
     ffmpeg(lab, "-stream_loop", segments - 1, "-i", noise, "-c", "copy", *in_segments(clear, seconds))

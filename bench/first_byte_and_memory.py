@@ -1,0 +1,97 @@
+"""One stream of weir: when its first byte comes, and what memory a slow player costs.
+
+Two Markdown tables: the time to the first byte of media over the delay of an origin
+that answers each request late, beside the time that the fixed waits give; and the
+highest RSS while a player takes far less than the origin offers, beside what the
+buffer, one segment and two blocks come to, and the RSS after it has left.
+"""
+
+import argparse
+import statistics
+import time
+from pathlib import Path
+
+from weirlab import client, procfs, tables
+from weirlab.lab import TOP, Lab, wait_until
+from weirlab.network import own_network
+from weirlab.origin import Origin
+from weirlab.video import make_noise
+
+ORIGIN, LATE = 9000, 9001
+MIB = 1 << 20
+BLOCK = 512 << 10
+
+
+def first_byte(kind: str) -> float:
+    """Milliseconds."""
+    start = time.monotonic()
+    with client.connect(client.stream_path(f"http://127.0.0.1:{LATE}/{kind}/master.m3u8")) as player:
+        got = b""
+        while not got.partition(b"\r\n\r\n")[2]:
+            got += player.recv(65536)
+        return 1000 * (time.monotonic() - start)
+
+
+def fixed_waits(delay: float, answers: int) -> float:
+    """The master playlist; then the buffer is looked at after 100, 150, 250, 300 ms and so on."""
+    due, look, wait = answers * delay, 100, 50
+    while look < due:
+        look, wait = look + wait, 150 - wait
+    return delay + look
+
+
+def first_bytes(lab: Lab, options: argparse.Namespace) -> None:
+    def read(path: str) -> bytes:
+        return (lab.www / path[1:]).read_bytes().replace(b":%d/" % ORIGIN, b":%d/" % LATE)
+
+    origin, weir = Origin(LATE, read), lab.weir(options.binary, options.buffer)
+    tables.print_head("media", "answers after, ms", "first byte, ms", "fixed waits, ms", "ratio")
+    for kind, answers in (("clear", 2), ("aes", 3)):  # playlist, key, segment
+        for delay in map(int, options.delays.split(",")):
+            origin.delay = delay / 1000
+            times = [first_byte(kind) for _ in range(options.rounds)]
+            fixed = fixed_waits(delay, answers)
+            tables.print_row(kind, delay, tables.spread(times, 1), fixed,
+                             f"{statistics.median(times) / fixed:.2f}")
+    lab.end(weir)
+
+
+def slow_player(lab: Lab, options: argparse.Namespace, kind: str, segment: int) -> None:
+    bound = (options.buffer + segment + 2 * BLOCK) / MIB
+    weir = lab.weir(options.binary, options.buffer)
+    idle = procfs.sample(weir.pid)["rss"]
+    with client.connect(client.stream_path(f"http://127.0.0.1:{ORIGIN}/{kind}/master.m3u8")) as player:
+        end = time.monotonic() + options.seconds
+        while time.monotonic() < end:
+            player.recv(options.pace // 20)
+            time.sleep(0.05)
+    peak = procfs.peak(weir.pid)
+    wait_until("the stream to end", lambda: procfs.threads(weir.pid) == 1, 90)
+    sizes = (idle, peak, peak - idle, bound, procfs.sample(weir.pid)["rss"])
+    tables.print_row(kind, *(f"{size:.1f}" for size in sizes))
+    lab.end(weir)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--binary", type=Path, default=TOP / "build/bench/weir")
+    parser.add_argument("--rounds", type=int, default=15, help="of each first byte")
+    parser.add_argument("--delays", default="0,20,60,120", help="ms")
+    parser.add_argument("--buffer", type=int, default=32 * MIB, help="bytes, weir's argument")
+    parser.add_argument("--pace", type=int, default=1_000_000, help="bytes/s of the slow player")
+    parser.add_argument("--seconds", type=float, default=20, help="with the slow player")
+    options = parser.parse_args()
+    own_network()
+    with Lab("/dev/shm") as lab:
+        sizes = make_noise(lab, f"http://127.0.0.1:{ORIGIN}", segments=30)
+        first_bytes(lab, options)
+        lab.origin(ORIGIN)
+        print()
+        tables.print_head("media", "idle RSS, MiB", "highest RSS", "above idle",
+                          "buffer, segment, two blocks", "after the stream")
+        for kind in ("clear", "aes"):
+            slow_player(lab, options, kind, max(sizes))
+
+
+if __name__ == "__main__":
+    main()

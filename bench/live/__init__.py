@@ -1,1 +1,0 @@
-"""A live channel, players that verify it, and the load and soak runs of weir."""

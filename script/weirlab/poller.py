@@ -1,0 +1,54 @@
+"""Asks weir for its statistics all the time, and pings the watchdog."""
+
+import json
+import multiprocessing
+import time
+from multiprocessing.connection import Connection
+from statistics import median
+from typing import Any
+
+from weirlab import client
+
+PING_EVERY = 10  # seconds
+
+
+class Poller:
+    """Runs in a process of its own, so that nothing but weir and the machine delays it.
+
+    To be made before there are connections, which that process would keep open.
+    """
+
+    def __init__(self, interval: float) -> None:
+        self.pipe, other = multiprocessing.Pipe()
+        multiprocessing.Process(target=poll, args=(other, interval), daemon=True).start()
+
+    def start(self) -> None:
+        self.pipe.send(None)
+
+    def stop(self) -> dict[str, Any]:
+        """How often it asked, how often that failed, and how many seconds the answers took."""
+        self.pipe.send(None)
+        result: dict[str, Any] = self.pipe.recv()
+        return result
+
+
+def poll(pipe: Connection, interval: float) -> None:
+    times, failures, pings = [], [], 0
+    next_ping = wait = 0.0
+    pipe.recv()  # start
+    while not pipe.poll(wait):
+        began = time.monotonic()
+        try:
+            json.loads(client.get("/stats.json"))
+            times.append(time.monotonic() - began)
+            if began >= next_ping:
+                client.get("/watchdog")
+                pings, next_ping = pings + 1, began + PING_EVERY
+        except (OSError, ValueError) as error:
+            failures.append(str(error))
+        wait = max(0, began + interval - time.monotonic())
+    times.sort()
+    pipe.send({"polls": len(times), "pings": pings, "failures": len(failures),
+               "first failure": failures[0] if failures else "none",
+               "median": median(times or [0]), "99 %": [0, *times][len(times) * 99 // 100],
+               "longest": max(times, default=0)})
