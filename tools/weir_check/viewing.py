@@ -1,0 +1,162 @@
+"""One variant, segment after segment, as weir's passes go through it."""
+
+from dataclasses import dataclass
+from urllib.parse import urljoin
+
+from .findings import Finding, Grade, capped, raised
+from .media import content, decrypt, table_is_intact
+from .net import Answer, Net
+from .pages import Page, address_findings, page_of
+from .texts import attributes, key_cause, media_findings
+from .weir import DELAY, FAILED_IN_A_ROW, NO_DATA, Media, Segment, number, take_apart
+
+SAMPLES = 4  # kinds of segments of a variant that are fetched, unless all are
+PLAYS = ("ts", "audio")
+# What never keeps all segments of several from the player.
+PARTIAL = ("number-zero", "numbers-jump", "byte-range", "gap", "separate-audio", "window",
+           "target-duration", "long-segments", "no-number")
+
+
+@dataclass
+class Fate:
+    """What becomes of a segment."""
+    data: bytes = b""
+    lost: bool = False
+    junk: bool = False  # arrives, but nothing plays it
+    delay: int = 0  # s, lost with it
+
+
+def lost_by(code: str) -> Fate:
+    """Four attempts of a download, a second apart."""
+    return Fate(lost=True, delay=4 * DELAY.get(code, 0) + 3)
+
+
+class Viewing:
+    def __init__(self, net: Net, media: Media, silence: int) -> None:
+        self.net, self.media = net, media
+        self.silence = silence  # s, since the player got anything
+        self.found = list(media_findings(media))
+        self.key, self.key_page = b"", Page("", b"", [])
+        self.head = b""  # of what arrives
+        self.arrived = 0
+
+    def go(self, every: bool) -> list[Finding]:
+        fates: dict[tuple[str, bool, bool], Fate] = {}
+        fate, last, failed = Fate(), 0, 0
+        for segment in self.media.segments:
+            if segment.number <= last:
+                continue
+            kind = segment.key_url, take_apart(segment.url) is None, segment.missing()
+            if every or (kind not in fates and len(fates) < SAMPLES):
+                self.silence += self.load_key(segment)
+                fates[kind] = self.examine(segment)
+            fate = fates.get(kind, fate)
+            failed, self.silence = failed + fate.lost, self.silence + fate.delay
+            if failed == FAILED_IN_A_ROW or self.silence > NO_DATA:
+                break
+            if not fate.lost:
+                last, failed, self.silence = segment.number, 0, 0
+                self.head = self.head or fate.data
+                self.arrived += not fate.junk
+        if self.silence > NO_DATA and not fate.lost:
+            self.note("too-late", self.media.url, f"media would come after {self.silence} s")
+        return self.found if self.arrived else self.nothing_arrives()
+
+    def nothing_arrives(self) -> list[Finding]:
+        causes = [one for one in self.found if one.grade and one.code not in PARTIAL] or self.found
+        return raised(causes) + [one for one in self.found if one not in causes]
+
+    def note(self, code: str, where: str, what: str, grade: Grade = Grade.LOSS) -> None:
+        self.found.append(Finding(code, where, what, grade))
+
+    def load_key(self, segment: Segment) -> int:
+        """The seconds that it takes in vain. A key that can't be had is not asked for again."""
+        if not segment.key_url:
+            self.key = b""
+        elif segment.key_url != self.key_page.url:
+            where = f"{self.media.url}:{segment.line}"
+            self.key_page = page_of(self.net, segment.key_url, where, "key")
+            self.found += [one for one in self.key_page.findings if not one.grade]
+            if self.key_page.loads:
+                self.key = self.key_page.body
+            elif set(self.key_page.codes) & {"no-length", "header-case"}:
+                self.key = b""
+            return self.key_page.delay
+        return 0
+
+    def examine(self, segment: Segment) -> Fate:
+        where = f"{self.media.url}:{segment.line}"
+        if segment.missing():
+            return lost_by("status")
+        if not segment.url:
+            self.note("blank-line", where, "an empty line")
+            return lost_by("relative-url")
+        self.found += address_findings(segment.url, where)
+        address = urljoin(self.media.url, segment.url)
+        answer = self.net.get(address)
+        self.found += self.net.compare(address, answer)
+        if answer.code not in ("", "short", "stall"):
+            self.found.append(answer.finding(address, where, "segment"))
+            fate = lost_by(answer.code)
+        else:
+            self.look_at_delivery(address, where, answer)
+            fate = self.look_at_content(segment, where, answer)
+        return fate if take_apart(segment.url) else lost_by("relative-url")
+
+    def look_at_delivery(self, address: str, where: str, answer: Answer) -> None:
+        """Whether a download that breaks off can be resumed."""
+        half = max(len(answer.body) // 2, 1)
+        rest = self.net.get(address, half)
+        said = rest.value("Content-Range") or "none"
+        resumes = said.startswith(f"bytes {half}-")
+        if answer.code:
+            grade = Grade.NOTE if resumes and answer.code == "stall" else Grade.LOSS
+            self.found.append(answer.finding(address, where, "segment", grade))
+        if answer.http11 and not resumes:
+            self.note("no-range", where, f"{answer.server} answers Range with {rest.status}, "
+                      f"Content-Range: {said}", Grade.NOTE)
+
+    def look_at_content(self, segment: Segment, where: str, answer: Answer) -> Fate:
+        data: bytes | None = answer.body
+        if self.key and answer.http11:
+            data = decrypt(answer.body, self.key)
+        if data is None:
+            self.note("no-cipher", where, "the segment is enciphered", Grade.NOTE)
+            return Fate()
+        kind = content(data)
+        junk = kind not in (*PLAYS, "damaged")
+        if segment.key_url:
+            self.explain_key(segment, where, answer, data)
+        elif kind == "mp4" or ("#EXT-X-MAP" in self.media.tags and junk):
+            self.note("fragmented-mp4", where, "the segment is a part of an MP4 file")
+        elif junk:
+            junk = kind == "text" or not data  # nobody knows otherwise
+            self.note("not-media", where, f"the segment begins with {data[:16]!r}", Grade(junk))
+        return Fate(data, junk=junk)
+
+    def explain_key(self, segment: Segment, where: str, answer: Answer, data: bytes) -> None:
+        """Why a segment comes out wrong; a note where it doesn't all the same."""
+        kind, cause = content(data), key_cause(segment)
+        grade = Grade.NOTE if kind in PLAYS else Grade.LOSS
+        vector = attributes(segment.key_line).get("IV", "")
+        if cause:
+            self.note(cause[0], where, cause[1], grade)
+        elif not self.key_page.loads:
+            self.found += capped([one for one in self.key_page.findings if one.grade], grade)
+        elif not answer.http11:
+            self.note("http-1.0", where, f"{answer.server} speaks HTTP/1.0", grade)
+        elif len(self.key) < 16:
+            self.note("key-size", where, f"the key has {len(self.key)} bytes", grade)
+        elif kind == "damaged" or (grade == Grade.NOTE and table_is_intact(data) is None
+                                   and is_set(vector, segment.number)):
+            self.note("vector", where, "the vector is " + (vector or "the segment's number"))
+        elif grade:
+            self.note("wrong-key", where, "what is decrypted is no media")
+
+
+def is_set(vector: str, segment_number: int) -> bool:
+    """Whether it is not zero; without one it is the number (RFC 8216, 5.2)."""
+    try:
+        return int(vector, 16) != 0 if vector else segment_number != 0
+    except ValueError:
+        return number(vector) != 0
