@@ -5,9 +5,10 @@ from dataclasses import dataclass, field, replace
 from .findings import Finding, Grade, capped, raised
 from .net import Net
 from .pages import Page, page_of
-from .texts import master_findings, media_findings, numbering_findings
+from .texts import master_findings, numbering_findings
 from .viewing import Viewing
-from .weir import (DELAY, NO_DATA, Variant, is_hls, order_of_trial, parse_master, parse_media)
+from .weir import (DELAY, NO_DATA, Media, Variant, is_hls, order_of_trial, parse_master,
+                   parse_media)
 
 
 @dataclass
@@ -26,20 +27,25 @@ def look(net: Net, url: str, average: int, every: bool) -> Report:
         if master.body and is_hls(master.text) and not report.findings:
             report.findings.append(Finding("no-variants", url, "lists no variant", Grade.FATAL))
         return report
-    found = {variant: load_variant(net, variant, url) for variant in variants}
-    report.start, delay = select(variants, average)
-    for variant, findings in found.items():
-        if variant.media is None:
-            report.findings += capped(findings, Grade.NOTE) if report.start else raised(findings)
-            continue
-        viewing = Viewing(net, variant.media, delay if variant is report.start else 0)
-        findings += viewing.go(every)
-        if variant is report.start:
-            report.findings += findings
-            report.head = viewing.head
+    looks = [(variant, *load_variant(net, variant, url)) for variant in variants]
+    report.start, failed = select(variants, average)
+    delay = sum(variant.delay for variant in failed)
+    for variant, found, media in looks:
+        starts = variant is report.start
+        viewed: list[Finding] = []
+        if media:
+            viewing = Viewing(net, media, delay if starts else 0)
+            viewed = viewing.go(every)
+            report.head = viewing.head if starts else report.head
+        if report.start is None:
+            report.findings += (found if variant.is_tag() else raised(found)) + viewed
         else:
-            report.findings += capped(findings, Grade.LOSS)
-    report.findings += across_variants(variants, report.start, url)
+            most = Grade.FATAL if starts else Grade.LOSS if variant.media else Grade.NOTE
+            report.findings += capped(found + viewed, most)
+    left = [variant for variant in variants if variant not in failed]
+    report.findings += across_variants(left, report.start, url)
+    if report.start is None and all(variant.is_tag() for variant in variants):
+        report.findings.append(Finding("no-variants", url, "lists only tags", Grade.FATAL))
     return report
 
 
@@ -53,33 +59,34 @@ def of_master(master: Page) -> list[Finding]:
     return [replace(one, grade=Grade.UNREACHABLE) if one.grade else one for one in master.findings]
 
 
-def load_variant(net: Net, variant: Variant, master: str) -> list[Finding]:
+def load_variant(net: Net, variant: Variant,
+                 master: str) -> tuple[list[Finding], Media | None]:
+    """Its playlist is looked at even where weir doesn't get it."""
     where = f"{master}:{variant.line}"
-    if not variant.url or variant.url.startswith("#"):
+    if variant.is_tag():
         variant.delay = DELAY["relative-url"]
-        return [Finding("tag-as-variant", where, variant.url[:40] or "an empty line")]
+        text = variant.url[:40] or "an empty line"
+        return [Finding("tag-as-variant", where, text, Grade.NOTE)], None
     page = page_of(net, variant.url, where, "variant", master)
     media = parse_media(page.text, page.url)
-    variant.delay = page.delay
     if page.body and not is_hls(page.text):
-        return [*page.findings, Finding("not-hls", page.url, f"begins with {page.text[:20]!r}")]
-    if page.loads and not media.segments:
-        return [*page.findings, Finding("no-segments", page.url, "lists no segment")]
+        page.findings.append(Finding("not-hls", page.url, f"begins with {page.text[:20]!r}"))
+    elif page.loads and not media.segments:
+        page.findings.append(Finding("no-segments", page.url, "lists no segment"))
     if page.loads:
         variant.media = media
-        return page.findings
-    return page.findings + (list(media_findings(media)) if media.segments else [])
+    variant.delay = page.delay
+    return page.findings, media if media.segments else None
 
 
-def select(variants: list[Variant], average: int) -> tuple[Variant | None, int]:
-    """What weir plays at that speed, and after how many seconds; drops what failed on the way."""
-    delay = 0
+def select(variants: list[Variant], average: int) -> tuple[Variant | None, list[Variant]]:
+    """What weir plays at that speed, and what it tries in vain before."""
+    failed: list[Variant] = []
     for variant in order_of_trial(variants, average):
-        if variant.media is not None:
-            return variant, delay
-        delay += variant.delay
-        variants.remove(variant)
-    return None, delay
+        if variant.media:
+            return variant, failed
+        failed.append(variant)
+    return None, failed
 
 
 def across_variants(variants: list[Variant], start: Variant | None, url: str) -> list[Finding]:
@@ -89,7 +96,7 @@ def across_variants(variants: list[Variant], start: Variant | None, url: str) ->
         if start and start.media and variant.media and variant is not start:
             found += numbering_findings(start.media, variant.media)
     for speed in sorted({variant.bandwidth >> 10 for variant in variants}):
-        _, delay = select(list(variants), speed)
-        if delay > NO_DATA:
+        _, failed = select(variants, speed)
+        if (delay := sum(variant.delay for variant in failed)) > NO_DATA:
             found.append(Finding("too-late", url, f"to change to {speed} kbps takes {delay} s"))
     return found

@@ -13,7 +13,7 @@ from .weir import DELAY, FAILED_IN_A_ROW, NO_DATA, Media, Segment, number, take_
 SAMPLES = 4  # kinds of segments of a variant that are fetched, unless all are
 PLAYS = ("ts", "audio")
 # What never keeps all segments of several from the player.
-PARTIAL = ("number-zero", "numbers-jump", "byte-range", "gap", "separate-audio", "window",
+PARTIAL = ("number-zero", "numbers-jump", "byte-range", "gap", "vector", "window",
            "target-duration", "long-segments", "no-number")
 
 
@@ -138,7 +138,6 @@ class Viewing:
         """Why a segment comes out wrong; a note where it doesn't all the same."""
         kind, cause = content(data), key_cause(segment)
         grade = Grade.NOTE if kind in PLAYS else Grade.LOSS
-        vector = attributes(segment.key_line).get("IV", "")
         if cause:
             self.note(cause[0], where, cause[1], grade)
         elif not self.key_page.loads:
@@ -147,11 +146,12 @@ class Viewing:
             self.note("http-1.0", where, f"{answer.server} speaks HTTP/1.0", grade)
         elif len(self.key) < 16:
             self.note("key-size", where, f"the key has {len(self.key)} bytes", grade)
-        elif kind == "damaged" or (grade == Grade.NOTE and table_is_intact(data) is None
-                                   and is_set(vector, segment.number)):
-            self.note("vector", where, "the vector is " + (vector or "the segment's number"))
-        elif grade:
+        elif kind not in (*PLAYS, "damaged"):
             self.note("wrong-key", where, "what is decrypted is no media")
+        vector = attributes(segment.key_line).get("IV", "")
+        if kind == "damaged" or (is_set(vector, segment.number) and (
+                vector if grade else table_is_intact(data) is None)):
+            self.note("vector", where, "the vector is " + (vector or "the segment's number"))
 
 
 def is_set(vector: str, segment_number: int) -> bool:

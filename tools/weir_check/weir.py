@@ -90,6 +90,9 @@ class Variant:
     media: Media | None = None  # what weir loads from it
     delay: int = 0  # s, where there is nothing to load
 
+    def is_tag(self) -> bool:
+        return not self.url or self.url.startswith("#")
+
 
 def is_hls(text: str) -> bool:
     return not text or text.partition("\n")[0].strip(WHITE) == "#EXTM3U"
@@ -135,7 +138,7 @@ def beyond_bounds(document: bytes, kind: str) -> str:
     if len(document) > DOCUMENT_MAX:
         return f"more than {DOCUMENT_MAX >> 20} MiB"
     text = document.decode("utf-8", "replace") if kind != "key" else ""
-    if max(map(len, text.split("\n"))) > LINE_MAX:
+    if kind != "key" and max(map(len, document.split(b"\n"))) > LINE_MAX:
         return f"a line of more than {LINE_MAX >> 10} KiB"
     if kind == "master":
         over, count = VARIANTS_MAX, sum(1 for _ in parse_master(text))
