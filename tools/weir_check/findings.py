@@ -39,7 +39,7 @@ ADVICE = {
     "header-case": ("", "spell it so (proxies for HTTP/2 often lower the case), or " + ADAPTER),
     "http-1.0": ("does not decrypt what comes over HTTP/1.0", f"serve with HTTP/1.1, or {ADAPTER}"),
     "https": ("speaks plain HTTP all the same, to port 80 where no other is given", ADAPTER),
-    "key-none": ("takes it for a key, tries that for 12 s and decrypts with the one before",
+    "key-none": ("takes it for a key, tries that for 12 s and goes on with the one before",
                  ADAPTER),
     "key-size": ("pads the key with zeros", "serve a key of 16 bytes"),
     "long-segments": ("closes a stream that had nothing to send for 15 s",
@@ -64,7 +64,7 @@ ADVICE = {
     "numbers-differ": ("repeats or skips media, or ends, where it changes the variant",
                        f"give a segment the same number in all variants, or {ADAPTER}"),
     "numbers-jump": ("skips segments numbered below what it has played", "number them upwards"),
-    "relative-url": ("takes absolute http URLs only and tries this one for 12 s",
+    "relative-url": ("takes absolute http URLs only, and loses its time with this one",
                      f"write the whole URL, or {ADAPTER}"),
     "sample-aes": ("decrypts it as AES-128", "encipher with AES-128, or not at all"),
     "separate-audio": ("plays the pictures alone", "put the sound into the segments"),
@@ -76,6 +76,7 @@ ADVICE = {
                        f"leave only stream tags and URLs, or {ADAPTER}"),
     "target-duration": ("reloads too often, and ends a live stream after six reloads without news",
                         "name the duration of the longest segment"),
+    "timeout": ("", "let weir through to it, or take a name that leads to a live server"),
     "too-large": ("", "stay within weir's bounds"),
     "too-late": ("closes a stream that had nothing to send for 15 s", "mend what costs the time"),
     "unreachable": ("", "start the server, correct its address, or let weir through to it"),
@@ -83,8 +84,8 @@ ADVICE = {
                      f"let URI be the last attribute, or {ADAPTER}"),
     "vector": ("starts from zeros, so that 16 bytes of each segment come out wrong",
                f"encipher with a vector of zero, or {ADAPTER}"),
-    "weir-differs": ("there is not in the state that was looked at here",
-                     "compare maps and routes, and look at its journal"),
+    "weir-differs": ("does not have the maps or the network that were looked at",
+                     "send it the maps, and look at its journal"),
     "window": ("misses what comes and goes between two reloads",
                "list at least three target durations"),
     "wrong-bandwidth": ("goes by what stands behind the first BANDWIDTH=", "put BANDWIDTH first"),
@@ -124,7 +125,8 @@ def merged(findings: list[Finding]) -> list[Finding]:
     """One of each code a document, the worst first."""
     groups: dict[tuple[str, str], list[Finding]] = {}
     for one in findings:
-        groups.setdefault((one.code, re.sub(r":\d+$", "", one.where)), []).append(one)
+        document = re.sub(r"(/[^/]*):\d+$", r"\1", one.where)
+        groups.setdefault((one.code, document), []).append(one)
     result = []
     for group in groups.values():
         more = f" (and {len(group) - 1} more such)" if len(group) > 1 else ""

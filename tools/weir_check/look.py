@@ -11,6 +11,9 @@ from .weir import (DELAY, NO_DATA, Media, Variant, is_hls, order_of_trial, parse
                    parse_media)
 
 
+NO_MASTER = ("not-hls", "media-playlist")
+
+
 @dataclass
 class Report:
     findings: list[Finding] = field(default_factory=list)
@@ -23,10 +26,10 @@ def look(net: Net, url: str, average: int, every: bool) -> Report:
     master = page_of(net, url, url, "master")
     report = Report(of_master(master))
     variants = list(parse_master(master.text))
-    if not variants or any(one.code == "media-playlist" for one in report.findings):
-        if master.body and is_hls(master.text) and not report.findings:
-            report.findings.append(Finding("no-variants", url, "lists no variant", Grade.FATAL))
+    if any(one.grade and one.code in NO_MASTER for one in report.findings):
         return report
+    if all(variant.is_tag() for variant in variants) and (master.loads or master.body):
+        report.findings.append(Finding("no-variants", url, "names no variant", Grade.FATAL))
     looks = [(variant, *load_variant(net, variant, url)) for variant in variants]
     report.start, failed = select(variants, average)
     delay = sum(variant.delay for variant in failed)
@@ -44,15 +47,13 @@ def look(net: Net, url: str, average: int, every: bool) -> Report:
             report.findings += capped(found + viewed, most)
     left = [variant for variant in variants if variant not in failed]
     report.findings += across_variants(left, report.start, url)
-    if report.start is None and all(variant.is_tag() for variant in variants):
-        report.findings.append(Finding("no-variants", url, "lists only tags", Grade.FATAL))
     return report
 
 
 def of_master(master: Page) -> list[Finding]:
     """Without it there is nothing."""
     texts = list(master_findings(master.text, master.url)) if master.body else []
-    if any(one.code in ("not-hls", "media-playlist") for one in texts):
+    if any(one.code in NO_MASTER for one in texts):
         return raised(master.findings + texts)
     if master.reachable:
         return raised(master.findings) + texts

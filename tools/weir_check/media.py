@@ -5,6 +5,7 @@ import ctypes.util
 import zlib
 
 PACKET = 188  # bytes of a transport stream
+AUDIO = b"\xff\xf1", b"\xff\xf9", b"\xff\xfa", b"\xff\xfb", b"\x0b\x77"  # how frames begin
 
 
 def decrypt(data: bytes, key: bytes) -> bytes | None:
@@ -33,7 +34,7 @@ def content(data: bytes) -> str:
         return "damaged"
     if data[4:8] in (b"ftyp", b"styp", b"moof", b"moov", b"sidx", b"emsg"):
         return "mp4"
-    if data[:3] == b"ID3" or (data[:1] == b"\xff" and data[1:2] >= b"\xe0"):
+    if data[:3] == b"ID3" or data[:2] in AUDIO:
         return "audio"
     return "text" if data[:1] in (b"<", b"{", b"#") or data[:6] == b"WEBVTT" else "unknown"
 

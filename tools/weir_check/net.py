@@ -1,6 +1,7 @@
 """Fetches as weir does: HTTP/1.x, IPv4, its time-outs, its rings. One attempt, without retries."""
 
 import socket
+import time
 from collections.abc import Iterator
 from dataclasses import dataclass, field, replace
 
@@ -8,8 +9,9 @@ from .findings import Finding, Grade
 from .weir import HEAD_MAX, Media, Rings, parse_media, take_apart
 
 CONNECT, STATUS, READ = 2, 6, 2  # s
+ENDLESS, BODY_MAX = 60, 256 << 20  # s and bytes; what sends longer is no segment
 MAPS = {"@": "chunk", "~": "playlist"}
-FAILS_OVER = ("unreachable", "not-http")  # what makes weir try another cache
+FAILS_OVER = ("unreachable", "timeout", "not-http")  # what makes weir try another cache
 
 
 @dataclass(frozen=True)
@@ -39,6 +41,7 @@ class Net:
 
     def __init__(self, maps: dict[str, str]) -> None:
         self.rings = {kind: Rings(text) for kind, text in maps.items()}
+        self.told: set[str] = set()  # caches of which it is known that they don't answer
 
     def get(self, url: str, start: int = 0) -> Answer:
         parts = take_apart(url)
@@ -60,9 +63,11 @@ class Net:
         """The other servers of the map with the one that answered."""
         host, port, path = take_apart(url) or ("", 0, "")
         rings = self.rings.get(MAPS.get(host, "")) if port is None else None
-        for server in sorted({one for ring in rings.rings for one in ring} if rings else ()):
+        servers = {one for ring in rings.rings for one in ring} if rings else set()
+        for server in sorted(servers - self.told):
             other = exchange(server, path) if server != answer.server else answer
             if other.code and not other.status:
+                self.told.add(server)
                 yield Finding("dead-cache", server, other.what, Grade.NOTE)
             elif other.code != answer.code or not alike(other.body, answer.body):
                 yield Finding("caches-differ", url, f"{server} has not what {answer.server} has",
@@ -98,7 +103,7 @@ def exchange(server: str, path: str, start: int = 0) -> Answer:
             connection.sendall(request.encode("utf-8", "surrogateescape"))
             return receive(connection, answer)
     except TimeoutError:
-        return replace(answer, code="unreachable", what=f"can't be reached within {CONNECT} s")
+        return replace(answer, code="timeout", what=f"can't be reached within {CONNECT} s")
     except (OSError, UnicodeError) as error:
         reason = getattr(error, "strerror", None) or error
         return replace(answer, code="unreachable", what=f"can't be reached ({reason})")
@@ -110,9 +115,9 @@ def receive(connection: socket.socket, answer: Answer) -> Answer:
     data = b""
     try:
         data = connection.recv(4096)
-        line, _, data = data.partition(b"\r\n")
+        line, ended, data = data.partition(b"\r\n")
         words = line.decode("latin-1").split(" ")
-        if words[0] not in ("HTTP/1.0", "HTTP/1.1"):
+        if not ended or words[0] not in ("HTTP/1.0", "HTTP/1.1"):
             return replace(answer, code="not-http", what=f"answers {line[:20]!r}")
         connection.settimeout(READ)
         while b"\r\n\r\n" not in data:
@@ -144,8 +149,11 @@ def receive_body(connection: socket.socket, answer: Answer) -> Answer:
             return replace(answer, code="header-case", what=f"says {other}, not Content-Length")
         return replace(answer, code="no-length", what="sends no Content-Length")
     end = int(length) if answer.http11 and length and length.isdigit() else None
+    began = time.monotonic()
     try:
         while end is None or len(body) < end:
+            if len(body) > BODY_MAX or time.monotonic() - began > ENDLESS:
+                return replace(answer, code="stall", what=f"does not end after {len(body)} bytes")
             if not (more := connection.recv(131071)):
                 break
             body += more

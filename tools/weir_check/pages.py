@@ -9,7 +9,7 @@ from .findings import Finding, Grade
 from .net import MAPS, STATUS, Answer, Net
 from .weir import DELAY, DOCUMENT_MAX, beyond_bounds, take_apart
 
-UNREACHABLE = ("unreachable", "silent", "no-map")
+UNREACHABLE = ("unreachable", "timeout", "silent", "no-map")
 
 
 @dataclass
@@ -38,14 +38,14 @@ class Page:
 
     @property
     def reachable(self) -> bool:
-        return not any(code in UNREACHABLE for code in self.codes)
+        return bool(self.body) or not any(code in UNREACHABLE for code in self.codes)
 
 
 def address_findings(url: str, where: str) -> list[Finding]:
     if take_apart(url) is None:
         return [Finding("relative-url", where, f"{url!r} is not an absolute http URL")]
     if url.startswith("https:"):
-        return [Finding("https", where, f"{url} wants TLS", Grade.NOTE)]
+        return [Finding("https", where, "an address with TLS", Grade.NOTE)]
     return []
 
 

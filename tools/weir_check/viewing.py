@@ -10,7 +10,7 @@ from .pages import Page, address_findings, page_of
 from .texts import attributes, key_cause, media_findings
 from .weir import DELAY, FAILED_IN_A_ROW, NO_DATA, Media, Segment, number, take_apart
 
-SAMPLES = 4  # kinds of segments of a variant that are fetched, unless all are
+SAMPLES = 4  # segments of a variant that are fetched, unless all are
 PLAYS = ("ts", "audio")
 # What never keeps all segments of several from the player.
 PARTIAL = ("number-zero", "numbers-jump", "byte-range", "gap", "vector", "window",
@@ -42,12 +42,14 @@ class Viewing:
 
     def go(self, every: bool) -> list[Finding]:
         fates: dict[tuple[str, bool, bool], Fate] = {}
-        fate, last, failed = Fate(), 0, 0
+        fate, last, failed, looks = Fate(), 0, 0, 0
         for segment in self.media.segments:
             if segment.number <= last:
                 continue
             kind = segment.key_url, take_apart(segment.url) is None, segment.missing()
-            if every or (kind not in fates and len(fates) < SAMPLES):
+            known = kind in fates and not fates[kind].lost
+            if every or (not known and looks < SAMPLES):
+                looks += 1
                 self.silence += self.load_key(segment)
                 fates[kind] = self.examine(segment)
             fate = fates.get(kind, fate)

@@ -11,7 +11,8 @@ FAILED_IN_A_ROW = 4  # segments; they end the stream
 DOCUMENT_MAX, HEAD_MAX, LINE_MAX = 16 << 20, 256 << 10, 64 << 10  # bytes
 SEGMENTS_MAX, VARIANTS_MAX = 50_000, 4_096
 # s spent on a document in vain, by what is wrong with it; no time where it isn't here
-DELAY = {"relative-url": 12, "unreachable": 12, "not-http": 12, "no-map": 12, "silent": 6}
+DELAY = {"relative-url": 12, "unreachable": 12, "not-http": 12, "no-map": 12, "timeout": 60,
+         "silent": 6}
 
 
 def number(text: str) -> int:
@@ -46,7 +47,8 @@ class Rings:
         self.dead: set[str] = set()
 
     def select(self, path: str) -> str:
-        key = "/".join(path.removeprefix("/_live").split("/")[1:3]).split("?")[0]
+        path = path.removeprefix("/_live") if path.startswith("/_live/") else path
+        key = "/".join(path.split("/")[1:3]).split("?")[0]
         for ring in self.rings:
             if alive := [server for server in ring if server not in self.dead]:
                 hashed = zlib.crc32(key.encode("utf-8", "surrogateescape"))
@@ -115,7 +117,7 @@ def parse_media(text: str, url: str) -> Media:
     for line, content in lines_of(text)[1:] if is_hls(text) else ():
         tag, _, value = content.partition(":")
         if content.startswith("#EXT-X-MEDIA-SEQUENCE:"):
-            running = number(value)
+            running = number(value) % 2**64
         elif content.startswith("#EXT-X-TARGETDURATION:"):
             media.target = number(value) % 2**32
         elif content.startswith("#EXT-X-KEY:"):
