@@ -1,0 +1,444 @@
+#include "support/fibers.h"
+
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <queue>
+#include <string>
+#include <tuple>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define WEIR_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define WEIR_ASAN 1
+#elif __has_feature(thread_sanitizer)
+#define WEIR_TSAN 1
+#endif
+#endif
+#if WEIR_ASAN
+#include <sanitizer/asan_interface.h>
+#include <sanitizer/common_interface_defs.h>
+#include <sanitizer/lsan_interface.h>
+#elif WEIR_TSAN
+#include <sanitizer/tsan_interface.h>
+extern "C" void AnnotateIgnoreReadsBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreReadsEnd(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
+extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
+#endif
+#if !defined(__x86_64__)
+#include <ucontext.h>
+#endif
+
+namespace __cxxabiv1 {
+extern "C" void* __cxa_get_globals() noexcept;
+}
+
+namespace weir::sim {
+
+constexpr size_t kStack = 512 << 10;
+
+struct Fiber {
+  std::function<void()> run;
+  Of whose = Of::kTest;
+  char* stack = nullptr;
+  size_t size = kStack;
+  bool done = false, detached = false, woken = false;
+  std::uint64_t turn = 0;  // of waiting; a deadline of an earlier one is void
+  Waiters joiners;
+  std::vector<Waiters*> waiting;
+  void* exceptions[2] = {};  // what the C++ library keeps of a thread
+#if defined(__x86_64__)
+  void* context = nullptr;
+#else
+  ucontext_t context{};
+#endif
+  void* shadow = nullptr;  // the sanitizer's
+
+  void leave_lists() {
+    for (Waiters* list : waiting) std::erase(list->fibers_, this);
+    waiting.clear();
+  }
+};
+
+namespace {
+
+struct Due {
+  Time time;
+  std::uint64_t number, turn;
+  Fiber* fiber;
+  bool operator<(const Due& other) const {
+    return std::tie(time, number) > std::tie(other.time, other.number);
+  }
+};
+
+Fiber main_fiber;
+Fiber* current = &main_fiber;
+Fiber* ended = nullptr;  // and to be freed by who runs next
+std::deque<Fiber*> ready;
+std::priority_queue<Due> due;
+std::vector<char*> free_stacks;
+std::map<std::string, int> refusals;
+std::map<pthread_mutex_t*, Waiters> contended;
+Time time_now{0};
+Time clock_start = std::chrono::seconds(1000);
+std::uint64_t numbers = 0;
+std::uint64_t steps = 0;  // since the time went on
+int program_threads = 0;
+bool at_random = false;
+std::minstd_rand random_order;
+
+[[noreturn]] void die(const char* why) {
+  std::fprintf(stderr, "simulation: %s at %.3f s, %d threads\n", why,
+               static_cast<double>(time_now.count()) / 1e9, program_threads);
+  std::abort();
+}
+
+#if defined(__x86_64__)
+extern "C" void weir_sim_switch(void** from, void* to);
+asm(R"(
+.text
+.globl weir_sim_switch
+weir_sim_switch:
+  push %rbp
+  push %rbx
+  push %r12
+  push %r13
+  push %r14
+  push %r15
+  mov %rsp, (%rdi)
+  mov %rsi, %rsp
+  pop %r15
+  pop %r14
+  pop %r13
+  pop %r12
+  pop %rbx
+  pop %rbp
+  ret
+)");
+#endif
+
+void free_ended() {
+  if (ended == nullptr) return;
+#if WEIR_TSAN
+  __tsan_destroy_fiber(ended->shadow);
+#endif
+  free_stacks.push_back(ended->stack);
+  ended->stack = nullptr;
+  if (ended->detached) delete ended;
+  ended = nullptr;
+}
+
+// Behind a switch: on the stack of the fiber that now runs.
+void arrived() {
+#if WEIR_ASAN
+  const void* bottom;
+  size_t size;
+  __sanitizer_finish_switch_fiber(current->shadow, &bottom, &size);
+  if (main_fiber.stack == nullptr) {
+    main_fiber.stack = static_cast<char*>(const_cast<void*>(bottom));
+    main_fiber.size = size;
+  }
+#endif
+  free_ended();
+}
+
+#if WEIR_TSAN
+__attribute__((no_sanitize("thread")))
+#endif
+void switch_to(Fiber* next, bool for_good = false) {
+  if (next == current) return;
+  Fiber* const from = current;
+  const int error = errno;
+  void* const globals = __cxxabiv1::__cxa_get_globals();
+  std::memcpy(from->exceptions, globals, sizeof from->exceptions);
+#if WEIR_TSAN
+  static char test;  // what fibers of the test do is in order; the program's have to see to it
+  if (from->shadow == nullptr) from->shadow = __tsan_get_current_fiber();
+  if (from->whose == Of::kTest) __tsan_release(&test);
+  __tsan_switch_to_fiber(next->shadow, __tsan_switch_to_fiber_no_sync);
+  if (next->whose == Of::kTest) __tsan_acquire(&test);
+#endif
+  current = next;
+#if WEIR_ASAN
+  __sanitizer_start_switch_fiber(for_good ? nullptr : &from->shadow, next->stack, next->size);
+#endif
+  if (for_good) ended = from;
+#if defined(__x86_64__)
+  weir_sim_switch(&from->context, next->context);
+#else
+  swapcontext(&from->context, &next->context);
+#endif
+  arrived();
+  std::memcpy(__cxxabiv1::__cxa_get_globals(), from->exceptions, sizeof from->exceptions);
+  errno = error;
+}
+
+// The clock goes on to what is due next.
+void pass_time() {
+  while (ready.empty()) {
+    if (due.empty()) die("every thread waits for ever");
+    const Due next = due.top();
+    due.pop();
+    if (next.turn != next.fiber->turn) continue;
+    if (next.time > time_now) steps = 0;
+    time_now = std::max(time_now, next.time);
+    ++next.fiber->turn;
+    ready.push_back(next.fiber);
+  }
+  // All that is due now takes part in the lottery.
+  while (!due.empty() && due.top().time <= time_now) {
+    const Due next = due.top();
+    due.pop();
+    if (next.turn != next.fiber->turn) continue;
+    ++next.fiber->turn;
+    ready.push_back(next.fiber);
+  }
+}
+
+Fiber* next_fiber() {
+  if (++steps > 30'000'000) die("time doesn't go on");
+  if (ready.empty()) pass_time();
+  if (at_random) std::swap(ready.front(), ready[random_order() % ready.size()]);
+  Fiber* const next = ready.front();
+  ready.pop_front();
+  return next;
+}
+
+// Who runs next.
+Fiber* end_current() {
+  const Inside inside;
+  current->run = nullptr;
+  current->done = true;
+  current->joiners.wake();
+#if WEIR_TSAN
+  __tsan_release(current);
+#endif
+  if (current->whose == Of::kProgram) --program_threads;
+  return next_fiber();
+}
+
+void fiber_main() {
+  {
+    const Inside inside;
+    arrived();
+  }
+  current->run();
+  switch_to(end_current(), true);
+  std::abort();
+}
+
+char* new_stack() {
+  if (!free_stacks.empty()) {
+    char* const stack = free_stacks.back();
+    free_stacks.pop_back();
+#if WEIR_ASAN
+    __asan_unpoison_memory_region(stack, kStack);
+#endif
+    return stack;
+  }
+  constexpr size_t kGuard = 4096;
+  void* const memory = mmap(nullptr, kStack + kGuard, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) die("no stack");
+  mprotect(memory, kGuard, PROT_NONE);
+  char* const stack = static_cast<char*>(memory) + kGuard;
+#if WEIR_ASAN
+  __lsan_register_root_region(stack, kStack);
+#endif
+  return stack;
+}
+
+Fiber* new_fiber(std::function<void()> run, Of whose) {
+  auto* const fiber = new Fiber;
+  fiber->run = std::move(run);
+  fiber->whose = whose;
+  fiber->stack = new_stack();
+  if (whose == Of::kProgram) ++program_threads;
+#if WEIR_TSAN
+  fiber->shadow = __tsan_create_fiber(0);
+#endif
+#if defined(__x86_64__)
+  auto* const top = reinterpret_cast<void**>(fiber->stack + kStack) - 1;
+  top[0] = nullptr;  // where fiber_main() would return to
+  top[-1] = reinterpret_cast<void*>(fiber_main);
+  std::fill_n(top - 7, 6, nullptr);
+  fiber->context = top - 7;
+#else
+  getcontext(&fiber->context);
+  fiber->context.uc_stack.ss_sp = fiber->stack;
+  fiber->context.uc_stack.ss_size = kStack;
+  makecontext(&fiber->context, fiber_main, 0);
+#endif
+  ready.push_back(fiber);
+  return fiber;
+}
+
+}  // namespace
+
+Inside::Inside() {
+#if WEIR_TSAN
+  AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
+  AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+#endif
+}
+
+Inside::~Inside() {
+#if WEIR_TSAN
+  AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+  AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
+#endif
+}
+
+void set_seed(unsigned seed) {
+  at_random = seed != 0;
+  random_order.seed(seed);
+}
+
+Time now() { return time_now; }
+void set_clock(Time at_start) { clock_start = at_start - time_now; }
+int threads() { return program_threads; }
+
+void spawn(std::function<void()> run, Of whose) {
+  const Inside inside;
+  new_fiber(std::move(run), whose)->detached = true;
+}
+
+bool wait(const std::vector<Waiters*>& lists, Time deadline) {
+  if (deadline <= time_now) return false;
+  for (Waiters* list : lists) list->fibers_.push_back(current);
+  current->waiting.assign(lists.begin(), lists.end());
+  current->woken = false;
+  if (deadline != kNever) due.push({deadline, ++numbers, current->turn, current});
+  switch_to(next_fiber());
+  current->leave_lists();
+  return current->woken;
+}
+
+void Waiters::wake() {
+  while (!fibers_.empty()) {
+    Fiber* const fiber = fibers_.front();
+    fiber->leave_lists();
+    fiber->woken = true;
+    ++fiber->turn;
+    ready.push_back(fiber);
+  }
+}
+
+void sleep_until(Time time) {
+  const Inside inside;
+  (void)wait({}, time);
+}
+
+void may_switch() {
+  if (!at_random || random_order() % 4 != 0) return;
+  ready.push_back(current);
+  ++current->turn;
+  switch_to(next_fiber());
+}
+
+void refuse(const char* call, int error) {
+  const Inside inside;
+  refusals[call] = error;
+}
+
+int refused(const char* call) {
+  if (refusals.empty()) return 0;
+  const auto found = refusals.find(call);
+  return found == refusals.end() ? 0 : found->second;
+}
+
+}  // namespace weir::sim
+
+// What the program calls ---------------------------------------------------------------
+
+using namespace weir::sim;
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t*, void* (*entry)(void*),
+                          void* argument) {
+  const Inside inside;
+  may_switch();
+  if (const int error = refused("pthread_create")) return error;
+  *thread = reinterpret_cast<pthread_t>(new_fiber([=] { entry(argument); }, Of::kProgram));
+  may_switch();
+  return 0;
+}
+
+int __wrap_pthread_join(pthread_t thread, void**) {
+  const Inside inside;
+  auto* const fiber = reinterpret_cast<Fiber*>(thread);
+  while (!fiber->done) wait({&fiber->joiners});
+#if WEIR_TSAN
+  __tsan_acquire(fiber);
+#endif
+  delete fiber;
+  return 0;
+}
+
+int __wrap_pthread_detach(pthread_t thread) {
+  const Inside inside;
+  reinterpret_cast<Fiber*>(thread)->detached = true;
+  return 0;
+}
+
+pthread_t __wrap_pthread_self() { return reinterpret_cast<pthread_t>(current); }
+
+// The real mutex, so that who holds it is known to ThreadSanitizer as ever.
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+  const Inside inside;
+  may_switch();
+  while (pthread_mutex_trylock(mutex) == EBUSY) (void)wait({&contended[mutex]});
+  return 0;
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+  const Inside inside;
+  const int result = __real_pthread_mutex_unlock(mutex);
+  if (!contended.empty()) {
+    auto waiting = contended.extract(mutex);
+    if (!waiting.empty()) waiting.mapped().wake();
+  }
+  may_switch();
+  return result;
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  if (clock != CLOCK_MONOTONIC && clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
+  const Inside inside;
+  const std::int64_t shown = (clock_start + time_now).count();
+  *time = {shown / 1'000'000'000, static_cast<long>(shown % 1'000'000'000)};
+  return 0;
+}
+
+int __wrap_gettimeofday(timeval* time, void*) {
+  timespec shown;
+  __wrap_clock_gettime(CLOCK_REALTIME, &shown);
+  *time = {shown.tv_sec, shown.tv_nsec / 1000};
+  return 0;
+}
+
+// std::chrono::steady_clock::now(), which is one 64-bit number.
+std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+  return (clock_start + time_now).count();
+}
+
+int __wrap_nanosleep(const timespec* time, timespec*) {
+  sleep(std::chrono::seconds(time->tv_sec) + Time(time->tv_nsec));
+  return 0;
+}
+}

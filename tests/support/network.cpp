@@ -1,0 +1,503 @@
+#include "support/network.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+namespace weir::sim {
+
+std::map<std::string, Host> hosts;
+std::map<std::string, std::string> names;
+std::function<void(int fd, const std::string&)> log_line;
+std::function<void(const std::string&)> noticed;
+
+namespace {
+
+constexpr int kFirst = 200;
+constexpr size_t kWindow = 64 << 10;  // what the peer's kernel has taken for certain
+
+struct Socket {
+  std::shared_ptr<Pipe> in, out;
+  Host* host = nullptr;  // at the other end
+  std::string received;  // by it
+  bool blocking = true, listening = false;
+  Time connected = kNever;  // or refused, which `error` says then
+  int error = 0;
+  Time receive_timeout = kNever, send_timeout = kNever;
+  std::deque<int> backlog;
+  Waiters changed;
+};
+
+std::map<int, Socket> sockets;
+std::map<int, int> listeners;  // by port
+bool stuck[3];
+bool log_blocking[3] = {true, true, true};
+Waiters unstuck;
+
+Socket* find(int fd) {
+  if (fd < kFirst) return nullptr;
+  const auto found = sockets.find(fd);
+  return found == sockets.end() ? nullptr : &found->second;
+}
+
+int new_socket() {
+  int fd = kFirst;
+  while (sockets.contains(fd)) ++fd;
+  sockets[fd];
+  return fd;
+}
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+bool is_log(int fd) { return (fd == STDOUT_FILENO || fd == STDERR_FILENO) && log_line; }
+
+// Bytes, an end or a reset are there to be read.
+bool readable(const Pipe& pipe) {
+  return std::min({pipe.pieces.empty() ? kNever : pipe.pieces.front().at, pipe.ends,
+                   pipe.resets}) <= now();
+}
+
+short events_of(int fd) {
+  if (is_log(fd)) return stuck[fd] ? 0 : POLLOUT;
+  const Socket* const socket = find(fd);
+  if (socket == nullptr) return POLLNVAL;
+  if (socket->listening) return socket->backlog.empty() ? 0 : POLLIN;
+  if (socket->in == nullptr) return socket->connected <= now() ? POLLIN | POLLOUT | POLLERR : 0;
+  int events = 0;
+  if (readable(*socket->in)) events |= POLLIN;
+  if (socket->in->resets <= now() || socket->out->broken) events |= POLLIN | POLLOUT | POLLERR;
+  if (socket->connected <= now() && socket->out->held < socket->out->capacity) events |= POLLOUT;
+  return static_cast<short>(events);
+}
+
+// When something happens to it by itself.
+Time next_event(int fd) {
+  const Socket* const socket = find(fd);
+  Time next = kNever;
+  const auto add = [&next](Time time) {
+    if (time > now()) next = std::min(next, time);
+  };
+  if (socket == nullptr || socket->listening) return next;
+  add(socket->connected);
+  if (socket->in == nullptr) return next;
+  if (!socket->in->pieces.empty()) add(socket->in->pieces.front().at);
+  add(socket->in->ends);
+  add(socket->in->resets);
+  return next;
+}
+
+// Until one of the events is there, or the deadline. The events of the first that has any.
+int wait_events(pollfd* entries, nfds_t count, Time deadline) {
+  for (;;) {
+    int ready = 0;
+    Time next = deadline;
+    std::vector<Waiters*> lists;
+    for (nfds_t i = 0; i < count; ++i) {
+      pollfd& entry = entries[i];
+      entry.revents = 0;
+      if (entry.fd < 0) continue;
+      const short wanted = static_cast<short>(entry.events | POLLERR | POLLHUP | POLLNVAL);
+      entry.revents = static_cast<short>(events_of(entry.fd) & wanted);
+      if (entry.revents != 0) ++ready;
+      next = std::min(next, next_event(entry.fd));
+      if (is_log(entry.fd)) lists.push_back(&unstuck);
+      if (Socket* const socket = find(entry.fd)) {
+        lists.push_back(&socket->changed);
+        if (socket->in != nullptr) lists.push_back(&socket->in->readers);
+        if (socket->out != nullptr) lists.push_back(&socket->out->writers);
+      }
+    }
+    if (ready > 0 || deadline <= now()) return ready;
+    (void)wait(lists, next);
+  }
+}
+
+bool wait_event(int fd, short event, Time deadline) {
+  pollfd entry{fd, event, 0};
+  return wait_events(&entry, 1, deadline) > 0;
+}
+
+Time after(Time timeout) { return timeout == kNever ? kNever : now() + timeout; }
+
+ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
+  Socket* const socket = find(fd);
+  if (socket == nullptr) return fail(EBADF);
+  if (socket->error != 0) return fail(std::exchange(socket->error, 0));
+  if (socket->in == nullptr) return fail(ENOTCONN);
+  const Time deadline =
+      dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
+  const std::shared_ptr<Pipe> in = socket->in;
+  if (!wait_event(fd, POLLIN, deadline)) return fail(EAGAIN);
+  size_t count = 0;
+  while (count < size && !in->pieces.empty() && in->pieces.front().at <= now()) {
+    const std::string& bytes = in->pieces.front().bytes;
+    const size_t part = std::min(size - count, bytes.size() - in->taken);
+    std::memcpy(static_cast<char*>(to) + count, bytes.data() + in->taken, part);
+    count += part;
+    in->taken += part;
+    if (in->taken < bytes.size()) break;
+    in->pieces.pop_front();
+    in->taken = 0;
+  }
+  in->held -= count;
+  if (count > 0) in->writers.wake();
+  if (count == 0 && in->resets <= now()) return fail(ECONNRESET);
+  return static_cast<ssize_t>(count);
+}
+
+ssize_t transmit(int fd, const void* from, size_t size, int flags) {
+  Socket* const socket = find(fd);
+  if (socket == nullptr) return fail(EBADF);
+  if (socket->error != 0) return fail(std::exchange(socket->error, 0));
+  if (socket->out == nullptr) return fail(ENOTCONN);
+  const bool waits = (flags & MSG_DONTWAIT) == 0 && socket->blocking;
+  const Time deadline = waits ? after(socket->send_timeout) : now();
+  const std::shared_ptr<Pipe> out = socket->out;
+  size_t count = 0;
+  while (count < size) {
+    if (out->broken || socket->in->resets <= now()) {
+      if ((flags & MSG_NOSIGNAL) == 0) raise(SIGPIPE);
+      return fail(EPIPE);
+    }
+    const size_t room = out->capacity - std::min(out->capacity, out->held);
+    const size_t part = std::min(room, size - count);
+    if (part > 0) out->put(now(), {static_cast<const char*>(from) + count, part});
+    count += part;
+    if (count < size && !wait_event(fd, POLLOUT, deadline)) break;
+    if (find(fd) != socket) return fail(EBADF);
+  }
+  if (count == 0 && size > 0) return fail(EAGAIN);
+  if (socket->host != nullptr && socket->host->kind != Host::Kind::kDeaf) {
+    for (const Pipe::Piece& piece : out->pieces) socket->received += piece.bytes;
+    out->pieces.clear();
+    out->held = 0;
+    socket->host->request(socket->received, *socket->in);
+  }
+  return static_cast<ssize_t>(count);
+}
+
+ssize_t write_log(int fd, const void* from, size_t size) {
+  while (stuck[fd]) {
+    if (!log_blocking[fd]) return fail(EAGAIN);
+    (void)wait({&unstuck});
+  }
+  log_line(fd, {static_cast<const char*>(from), size});
+  return static_cast<ssize_t>(size);
+}
+
+void close_socket(int fd) {
+  Socket& socket = sockets.at(fd);
+  for (const int waiting : socket.backlog) close_socket(waiting);
+  if (socket.in != nullptr) {
+    // What was not read makes it a reset, and the rest of what was sent is lost.
+    const bool unread = !socket.in->pieces.empty() && socket.in->pieces.front().at <= now();
+    unread ? socket.out->reset(now()) : socket.out->end(now());
+    socket.in->broken = true;
+    socket.in->writers.wake();
+  }
+  socket.changed.wake();
+  std::erase_if(listeners, [fd](const auto& entry) { return entry.second == fd; });
+  sockets.erase(fd);
+}
+
+std::string text_of(const sockaddr_in& address) {
+  char text[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+// Both ends of a connection to the program.
+int connect_to_listener(Socket& client, int listener) {
+  const int fd = new_socket();
+  Socket& accepted = sockets[fd];
+  accepted.in = client.out = std::make_shared<Pipe>();
+  accepted.out = client.in = std::make_shared<Pipe>();
+  accepted.connected = client.connected = now();
+  sockets.at(listener).backlog.push_back(fd);
+  sockets.at(listener).changed.wake();
+  return 0;
+}
+
+int connect_to_host(Socket& socket, Host& host) {
+  const Time there = now() + host.latency;
+  if (host.kind == Host::Kind::kUnreachable) return fail(ENETUNREACH);
+  if (host.kind == Host::Kind::kRefuses) {
+    socket.connected = there;
+    socket.error = ECONNREFUSED;
+  } else if (host.kind != Host::Kind::kSilent) {
+    ++host.connections;
+    socket.in = std::make_shared<Pipe>();
+    socket.out = std::make_shared<Pipe>();
+    socket.out->capacity = 256 << 10;
+    socket.connected = there;
+    socket.host = &host;
+  }
+  return host.kind == Host::Kind::kServes && host.latency == Time(0) ? 0 : fail(EINPROGRESS);
+}
+
+}  // namespace
+
+void Pipe::put(Time at, std::string bytes) {
+  if (bytes.empty()) return;
+  held += bytes.size();
+  pieces.push_back({at, std::move(bytes)});
+  readers.wake();
+}
+
+void Pipe::end(Time at) {
+  ends = at;
+  readers.wake();
+}
+
+void Pipe::reset(Time at) {
+  while (held > kWindow) {
+    const size_t excess = std::min(held - kWindow, pieces.back().bytes.size());
+    pieces.back().bytes.resize(pieces.back().bytes.size() - excess);
+    held -= excess;
+    if (pieces.back().bytes.empty()) pieces.pop_back();
+  }
+  resets = at;
+  readers.wake();
+}
+
+void set_log_stuck(int fd, bool is_stuck) {
+  const Inside inside;
+  stuck[fd] = is_stuck;
+  unstuck.wake();
+}
+
+int open_sockets() { return static_cast<int>(sockets.size()); }
+
+}  // namespace weir::sim
+
+// What the program calls ---------------------------------------------------------------
+
+using namespace weir::sim;
+
+extern "C" {
+
+int __real_poll(pollfd* entries, nfds_t count, int timeout);
+int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
+ssize_t __real_read(int fd, void* to, size_t size);
+ssize_t __real_recv(int fd, void* to, size_t size, int flags);
+ssize_t __real_write(int fd, const void* from, size_t size);
+ssize_t __real_send(int fd, const void* from, size_t size, int flags);
+int __real_close(int fd);
+int __real_fcntl(int fd, int command, ...);
+
+int __wrap_poll(pollfd* entries, nfds_t count, int timeout) {
+  const Inside inside;
+  may_switch();
+  const bool real = std::none_of(entries, entries + count, [](const pollfd& entry) {
+    return entry.fd >= kFirst || is_log(entry.fd);
+  });
+  if (real && count > 0) return __real_poll(entries, count, timeout);
+  return wait_events(entries, count, timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout));
+}
+
+// The program selects for reading only.
+int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
+  const Inside inside;
+  may_switch();
+  std::vector<pollfd> entries;
+  for (int fd = 0; fd < count; ++fd) {
+    if (in != nullptr && FD_ISSET(fd, in)) entries.push_back({fd, POLLIN, 0});
+  }
+  const Time most = timeout == nullptr ? kNever
+                                       : now() + std::chrono::seconds(timeout->tv_sec) +
+                                             std::chrono::microseconds(timeout->tv_usec);
+  const int ready = wait_events(entries.data(), entries.size(), most);
+  if (const int error = refused("select")) return fail(error);
+  for (const pollfd& entry : entries) {
+    if (entry.revents == 0) FD_CLR(entry.fd, in);
+  }
+  return ready;
+}
+
+int __wrap_socket(int, int, int) {
+  const Inside inside;
+  if (const int error = refused("socket")) return fail(error);
+  return new_socket();
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t) {
+  const Inside inside;
+  Socket* const socket = find(fd);
+  if (socket == nullptr) return fail(EBADF);
+  const auto time = [value] {
+    const auto* const set = static_cast<const timeval*>(value);
+    return std::chrono::seconds(set->tv_sec) + std::chrono::microseconds(set->tv_usec);
+  };
+  if (level == SOL_SOCKET && name == SO_RCVTIMEO) {
+    if (const int error = refused("SO_RCVTIMEO")) return fail(error);
+    socket->receive_timeout = time();
+  } else if (level == SOL_SOCKET && name == SO_SNDTIMEO) {
+    if (const int error = refused("SO_SNDTIMEO")) return fail(error);
+    socket->send_timeout = time();
+  } else if (level == IPPROTO_TCP && name == TCP_NOTSENT_LOWAT) {
+    socket->out->capacity = kWindow + static_cast<size_t>(*static_cast<const int*>(value));
+  }
+  return 0;
+}
+
+int __wrap_bind(int fd, const sockaddr* address, socklen_t) {
+  const Inside inside;
+  if (const int error = refused("bind")) return fail(error);
+  const int port = ntohs(reinterpret_cast<const sockaddr_in*>(address)->sin_port);
+  return listeners.try_emplace(port, fd).second ? 0 : fail(EADDRINUSE);
+}
+
+int __wrap_listen(int fd, int) {
+  const Inside inside;
+  if (const int error = refused("listen")) return fail(error);
+  find(fd)->listening = true;
+  return 0;
+}
+
+int __wrap_accept(int fd, sockaddr*, socklen_t*) {
+  const Inside inside;
+  if (const int error = refused("accept")) return fail(error);
+  Socket* const socket = find(fd);
+  if (!wait_event(fd, POLLIN, kNever)) return fail(EAGAIN);
+  const int accepted = socket->backlog.front();
+  socket->backlog.pop_front();
+  return accepted;
+}
+
+int __wrap_connect(int fd, const sockaddr* address, socklen_t) {
+  const Inside inside;
+  may_switch();
+  const auto& to = *reinterpret_cast<const sockaddr_in*>(address);
+  Socket& socket = *find(fd);
+  const auto listener = listeners.find(ntohs(to.sin_port));
+  if (to.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && listener != listeners.end()) {
+    return connect_to_listener(socket, listener->second);
+  }
+  Host& host = hosts[text_of(to)];
+  if (!host.request) host.kind = Host::Kind::kRefuses;
+  return connect_to_host(socket, host);
+}
+
+ssize_t __wrap_read(int fd, void* to, size_t size) {
+  if (fd < kFirst) return __real_read(fd, to, size);
+  const Inside inside;
+  may_switch();
+  return receive(fd, to, size, false);
+}
+
+ssize_t __wrap_recv(int fd, void* to, size_t size, int flags) {
+  if (fd < kFirst) return __real_recv(fd, to, size, flags);
+  const Inside inside;
+  may_switch();
+  return receive(fd, to, size, (flags & MSG_DONTWAIT) != 0);
+}
+
+ssize_t __wrap_write(int fd, const void* from, size_t size) {
+  const Inside inside;
+  if (fd < kFirst && !is_log(fd)) return __real_write(fd, from, size);
+  may_switch();
+  return is_log(fd) ? write_log(fd, from, size) : transmit(fd, from, size, 0);
+}
+
+ssize_t __wrap_send(int fd, const void* from, size_t size, int flags) {
+  if (fd < kFirst) return __real_send(fd, from, size, flags);
+  const Inside inside;
+  may_switch();
+  return transmit(fd, from, size, flags);
+}
+
+int __wrap_shutdown(int fd, int) {
+  const Inside inside;
+  Socket* const socket = find(fd);
+  if (socket == nullptr || socket->out == nullptr) return fail(ENOTCONN);
+  socket->out->end(now());
+  return 0;
+}
+
+int __wrap_close(int fd) {
+  if (fd < kFirst) return __real_close(fd);
+  const Inside inside;
+  if (find(fd) == nullptr) return fail(EBADF);
+  close_socket(fd);
+  return 0;
+}
+
+int __wrap_fcntl(int fd, int command, ...) {
+  va_list more;
+  va_start(more, command);
+  const long argument = va_arg(more, long);
+  va_end(more);
+  const Inside inside;
+  if (fd < kFirst && !is_log(fd)) return __real_fcntl(fd, command, argument);
+  Socket* const socket = find(fd);
+  if (socket == nullptr && !is_log(fd)) return fail(EBADF);
+  bool& blocking = is_log(fd) ? log_blocking[fd] : socket->blocking;
+  if (command == F_GETFL) return O_RDWR | (blocking ? 0 : O_NONBLOCK);
+  if (command == F_SETFL) blocking = (argument & O_NONBLOCK) == 0;
+  return 0;
+}
+
+int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t size,
+                           hostent** result, int* error) {
+  const Inside inside;
+  may_switch();
+  *result = nullptr;
+  const auto found = names.find(name);
+  if (found == names.end()) {
+    *error = HOST_NOT_FOUND;
+    return 0;
+  }
+  struct Found {
+    char* none[1];
+    char* list[2];
+    in_addr address;
+  };
+  if (size < sizeof(Found) + 8 + found->second.size()) return ERANGE;
+  auto* const kept = new (space + (8 - reinterpret_cast<std::uintptr_t>(space) % 8)) Found{};
+  if (inet_pton(AF_INET, found->second.c_str(), &kept->address) == 1) {
+    kept->list[0] = reinterpret_cast<char*>(&kept->address);
+  }
+  *entry = {const_cast<char*>(name), kept->none, AF_INET, 4, kept->list};
+  *result = entry;
+  return 0;
+}
+
+int __wrap_setpriority(__priority_which_t which, id_t who, int value) {
+  const Inside inside;
+  const bool own = which == PRIO_PROCESS && who == static_cast<id_t>(getpid());
+  if (noticed) noticed((own ? "priority " : "priority of another ") + std::to_string(value));
+  return 0;
+}
+
+int __wrap_malloc_trim(size_t) {
+  const Inside inside;
+  if (noticed) noticed("trim, threads " + std::to_string(threads()));
+  return 0;
+}
+
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+  constexpr size_t kLarge = 100'000;
+  if (size >= kLarge && refused("malloc") != 0) return nullptr;
+  return __real_malloc(size);
+}
+}

@@ -1,0 +1,84 @@
+// A whole server in the simulation, among origins that follow a script and players.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/network.h"
+
+namespace weir::sim {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+// What an origin answers to one request.
+struct Reply {
+  enum End { kKeep, kClose, kStall, kReset };
+  struct Piece {
+    Time pause;  // before it
+    std::string bytes;
+  };
+  std::vector<Piece> pieces;
+  End end = kKeep;  // what becomes of the connection behind the last piece
+};
+
+Reply raw(std::string bytes, Reply::End end = Reply::kKeep);
+// A status, which may have headers behind it, and a body with its length.
+Reply ok(const std::string& body, const std::string& status = "200 OK");
+// The head with the length of the body, and so many bytes of it.
+Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
+// The head, then the body in pieces.
+Reply slow(const std::string& body, size_t piece, Time pause);
+
+// By path: what it answers in turn, the last again and again; 404 elsewhere.
+using Pages = std::map<std::string, std::vector<Reply>>;
+
+// What a client asks, and what has to come of it.
+struct Ask {
+  Time at;
+  std::string resource;  // of a GET, or all that is sent, if there is a space in it
+  std::string got;
+  Time ended;  // the connection
+  size_t leaves = std::string::npos;  // after so many bytes
+  Time pause{};                       // before each read, which takes 64 KiB at most
+};
+
+std::string head(const std::string& status, const std::string& type);
+// The answer to a stream that delivers this.
+std::string stream(const std::string& media);
+std::string stats(int last, int average, int buffered, int profile);
+extern const std::string kOk, kMapSet;
+
+std::string pattern(size_t size, unsigned seed = 1);
+// AES-128-CBC with a zero vector, as segments have it. `end`: with padding.
+std::string encrypt(const std::string& plain, const std::string& key);
+std::string decrypt(const std::string& text, const std::string& key, bool end = true);
+
+class World {
+ public:
+  // Every origin has the name of its host, with addresses from 10.0.0.1 on.
+  explicit World(unsigned seed = 0, std::int64_t max_buffer = 1 << 20);
+  // Ends the server, which has to leave nothing behind.
+  ~World();
+
+  Host& origin(const std::string& name_and_port, Pages pages);
+  // Asks all of them, and returns when all is quiet again. Differences are failures.
+  void play(const std::vector<Ask>& asks);
+  std::string get(const Ask& ask);
+  void at(Time time, std::function<void()> act);
+
+  Time since_start() const { return now() - start_; }
+  // Everything logged, asked of an origin ("> ") or else noticed ("~ "), behind the times
+  // at which it was; problems begin with "! ". Without the lines of the accept loop.
+  std::string transcript;
+  bool marker = false;
+  bool with_loop = false;
+
+ private:
+  void note(const std::string& line);
+  Time start_;
+  Time noted_ = kNever;
+};
+
+}  // namespace weir::sim
