@@ -15,6 +15,7 @@
 #include <queue>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define WEIR_ASAN 1
@@ -47,13 +48,19 @@ extern "C" void* __cxa_get_globals() noexcept;
 namespace weir::sim {
 
 constexpr size_t kStack = 512 << 10;
+constexpr int kStackFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+#if WEIR_ASAN || WEIR_TSAN
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
 
 struct Fiber {
   std::function<void()> run;
   Of whose = Of::kTest;
   char* stack = nullptr;
   size_t size = kStack;
-  bool done = false, detached = false, woken = false;
+  bool mapped = false, done = false, detached = false, woken = false;
   std::uint64_t turn = 0;  // of waiting; a deadline of an earlier one is void
   Waiters joiners;
   std::vector<Waiters*> waiting;
@@ -87,7 +94,7 @@ Fiber* current = &main_fiber;
 Fiber* ended = nullptr;  // and to be freed by who runs next
 std::deque<Fiber*> ready;
 std::priority_queue<Due> due;
-std::vector<char*> free_stacks;
+std::vector<Fiber*> idle;
 std::map<std::string, int> refusals;
 std::map<pthread_mutex_t*, Waiters> contended;
 Time time_now{0};
@@ -97,6 +104,13 @@ std::uint64_t steps = 0;  // since the time went on
 int program_threads = 0;
 bool at_random = false;
 std::minstd_rand random_order;
+
+void make_ready(Fiber* fiber, bool woken) {
+  fiber->leave_lists();
+  fiber->woken = woken;
+  ++fiber->turn;
+  ready.push_back(fiber);
+}
 
 [[noreturn]] void die(const char* why) {
   std::fprintf(stderr, "simulation: %s at %.3f s, %d threads\n", why,
@@ -128,14 +142,18 @@ weir_sim_switch:
 )");
 #endif
 
+// Never deleted, since a deadline in `due` may still name it.
+void give_back(Fiber* fiber) {
+  fiber->done = fiber->detached = false;
+  idle.push_back(fiber);
+}
+
 void free_ended() {
   if (ended == nullptr) return;
 #if WEIR_TSAN
   __tsan_destroy_fiber(ended->shadow);
 #endif
-  free_stacks.push_back(ended->stack);
-  ended->stack = nullptr;
-  if (ended->detached) delete ended;
+  if (ended->detached) give_back(ended);
   ended = nullptr;
 }
 
@@ -184,26 +202,17 @@ void switch_to(Fiber* next, bool for_good = false) {
   errno = error;
 }
 
-// The clock goes on to what is due next.
+// The clock goes on to what is due next, and all that is due then takes part in the lottery.
 void pass_time() {
-  while (ready.empty()) {
-    if (due.empty()) die("every thread waits for ever");
+  while (!due.empty() && (ready.empty() || due.top().time <= time_now)) {
     const Due next = due.top();
     due.pop();
     if (next.turn != next.fiber->turn) continue;
     if (next.time > time_now) steps = 0;
     time_now = std::max(time_now, next.time);
-    ++next.fiber->turn;
-    ready.push_back(next.fiber);
+    make_ready(next.fiber, false);
   }
-  // All that is due now takes part in the lottery.
-  while (!due.empty() && due.top().time <= time_now) {
-    const Due next = due.top();
-    due.pop();
-    if (next.turn != next.fiber->turn) continue;
-    ++next.fiber->turn;
-    ready.push_back(next.fiber);
-  }
+  if (ready.empty()) die("every thread waits for ever");
 }
 
 Fiber* next_fiber() {
@@ -215,6 +224,11 @@ Fiber* next_fiber() {
   return next;
 }
 
+void let_others_run() {
+  make_ready(current, true);
+  switch_to(next_fiber());
+}
+
 // Who runs next.
 Fiber* end_current() {
   const Inside inside;
@@ -223,6 +237,7 @@ Fiber* end_current() {
   current->joiners.wake();
 #if WEIR_TSAN
   __tsan_release(current);
+  __tsan_release(&program_threads);
 #endif
   if (current->whose == Of::kProgram) --program_threads;
   return next_fiber();
@@ -238,32 +253,32 @@ void fiber_main() {
   std::abort();
 }
 
-char* new_stack() {
-  if (!free_stacks.empty()) {
-    char* const stack = free_stacks.back();
-    free_stacks.pop_back();
-#if WEIR_ASAN
-    __asan_unpoison_memory_region(stack, kStack);
-#endif
-    return stack;
+Fiber* idle_fiber() {
+  if (!idle.empty()) {
+    Fiber* const fiber = idle.back();
+    idle.pop_back();
+    return fiber;
   }
+  auto* const fiber = new Fiber;
   constexpr size_t kGuard = 4096;
-  void* const memory = mmap(nullptr, kStack + kGuard, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  void* const memory = mmap(nullptr, kStack + kGuard, PROT_NONE, kStackFlags, -1, 0);
   if (memory == MAP_FAILED) die("no stack");
-  mprotect(memory, kGuard, PROT_NONE);
-  char* const stack = static_cast<char*>(memory) + kGuard;
+  fiber->stack = static_cast<char*>(memory) + kGuard;
 #if WEIR_ASAN
-  __lsan_register_root_region(stack, kStack);
+  __lsan_register_root_region(fiber->stack, kStack);
 #endif
-  return stack;
+  return fiber;
 }
 
 Fiber* new_fiber(std::function<void()> run, Of whose) {
-  auto* const fiber = new Fiber;
+  Fiber* const fiber = idle_fiber();
   fiber->run = std::move(run);
   fiber->whose = whose;
-  fiber->stack = new_stack();
+  fiber->shadow = nullptr;
+  // Mapped anew, so that the sanitizers know of nothing that was there.
+  if (kSanitized || !std::exchange(fiber->mapped, true)) {
+    mmap(fiber->stack, kStack, PROT_READ | PROT_WRITE, kStackFlags | MAP_FIXED, -1, 0);
+  }
   if (whose == Of::kProgram) ++program_threads;
 #if WEIR_TSAN
   fiber->shadow = __tsan_create_fiber(0);
@@ -307,7 +322,13 @@ void set_seed(unsigned seed) {
 
 Time now() { return time_now; }
 void set_clock(Time at_start) { clock_start = at_start - time_now; }
-int threads() { return program_threads; }
+
+int threads() {
+#if WEIR_TSAN
+  if (program_threads == 0) __tsan_acquire(&program_threads);  // as if they were joined
+#endif
+  return program_threads;
+}
 
 void spawn(std::function<void()> run, Of whose) {
   const Inside inside;
@@ -318,34 +339,25 @@ bool wait(const std::vector<Waiters*>& lists, Time deadline) {
   if (deadline <= time_now) return false;
   for (Waiters* list : lists) list->fibers_.push_back(current);
   current->waiting.assign(lists.begin(), lists.end());
-  current->woken = false;
   if (deadline != kNever) due.push({deadline, ++numbers, current->turn, current});
   switch_to(next_fiber());
-  current->leave_lists();
   return current->woken;
 }
 
 void Waiters::wake() {
-  while (!fibers_.empty()) {
-    Fiber* const fiber = fibers_.front();
-    fiber->leave_lists();
-    fiber->woken = true;
-    ++fiber->turn;
-    ready.push_back(fiber);
-  }
+  while (!fibers_.empty()) make_ready(fibers_.front(), true);
 }
 
 void sleep_until(Time time) {
   const Inside inside;
-  (void)wait({}, time);
+  time > time_now ? (void)wait({}, time) : let_others_run();
 }
 
 void may_switch() {
-  if (!at_random || random_order() % 4 != 0) return;
-  ready.push_back(current);
-  ++current->turn;
-  switch_to(next_fiber());
+  if (at_random && random_order() % 4 == 0) let_others_run();
 }
+
+bool in_program() { return current->whose == Of::kProgram; }
 
 void refuse(const char* call, int error) {
   const Inside inside;
@@ -353,7 +365,7 @@ void refuse(const char* call, int error) {
 }
 
 int refused(const char* call) {
-  if (refusals.empty()) return 0;
+  if (refusals.empty() || current->whose == Of::kTest) return 0;
   const auto found = refusals.find(call);
   return found == refusals.end() ? 0 : found->second;
 }
@@ -386,7 +398,7 @@ int __wrap_pthread_join(pthread_t thread, void**) {
 #if WEIR_TSAN
   __tsan_acquire(fiber);
 #endif
-  delete fiber;
+  give_back(fiber);
   return 0;
 }
 

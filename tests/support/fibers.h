@@ -34,6 +34,7 @@ void sleep_until(Time time);
 inline void sleep(Time time) { sleep_until(now() + time); }
 // A place where another fiber may come in.
 void may_switch();
+bool in_program();
 
 // Those who wait for one thing to change.
 class Waiters {
@@ -48,7 +49,7 @@ class Waiters {
 // Until any of them is woken; false at the deadline.
 bool wait(const std::vector<Waiters*>& lists, Time deadline = kNever);
 
-// Calls of that name fail with that error (0 takes it back). Known: see the wrappers.
+// The program's calls of that name fail with that error (0 takes it back).
 void refuse(const char* call, int error);
 int refused(const char* call);
 

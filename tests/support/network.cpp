@@ -30,7 +30,8 @@ std::function<void(const std::string&)> noticed;
 namespace {
 
 constexpr int kFirst = 200;
-constexpr size_t kWindow = 64 << 10;  // what the peer's kernel has taken for certain
+constexpr int kBeyondSelect = FD_SETSIZE + 1;  // all but the first, which is selected
+constexpr size_t kWindow = 64 << 10;           // what the peer's kernel has taken for certain
 
 struct Socket {
   std::shared_ptr<Pipe> in, out;
@@ -41,6 +42,7 @@ struct Socket {
   int error = 0;
   Time receive_timeout = kNever, send_timeout = kNever;
   std::deque<int> backlog;
+  bool of_program = true;
   Waiters changed;
 };
 
@@ -57,7 +59,7 @@ Socket* find(int fd) {
 }
 
 int new_socket() {
-  int fd = kFirst;
+  int fd = sockets.empty() ? kFirst : kBeyondSelect;
   while (sockets.contains(fd)) ++fd;
   sockets[fd];
   return fd;
@@ -143,8 +145,7 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
   if (socket == nullptr) return fail(EBADF);
   if (socket->error != 0) return fail(std::exchange(socket->error, 0));
   if (socket->in == nullptr) return fail(ENOTCONN);
-  const Time deadline =
-      dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
+  const Time deadline = dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
   const std::shared_ptr<Pipe> in = socket->in;
   if (!wait_event(fd, POLLIN, deadline)) return fail(EAGAIN);
   size_t count = 0;
@@ -247,11 +248,11 @@ int connect_to_host(Socket& socket, Host& host) {
     ++host.connections;
     socket.in = std::make_shared<Pipe>();
     socket.out = std::make_shared<Pipe>();
-    socket.out->capacity = 256 << 10;
+    socket.out->capacity = host.capacity;
     socket.connected = there;
     socket.host = &host;
   }
-  return host.kind == Host::Kind::kServes && host.latency == Time(0) ? 0 : fail(EINPROGRESS);
+  return socket.connected == now() && socket.error == 0 ? 0 : fail(EINPROGRESS);
 }
 
 }  // namespace
@@ -285,7 +286,20 @@ void set_log_stuck(int fd, bool is_stuck) {
   unstuck.wake();
 }
 
+bool is_listening() { return !listeners.empty() && find(listeners.begin()->second)->listening; }
+
 int open_sockets() { return static_cast<int>(sockets.size()); }
+
+void close_sockets_of_program() {
+  const Inside inside;
+  std::vector<int> fds;
+  for (const auto& [fd, socket] : sockets) {
+    if (socket.of_program) fds.push_back(fd);
+  }
+  for (const int fd : fds) {
+    if (find(fd) != nullptr) close_socket(fd);
+  }
+}
 
 }  // namespace weir::sim
 
@@ -311,7 +325,8 @@ int __wrap_poll(pollfd* entries, nfds_t count, int timeout) {
     return entry.fd >= kFirst || is_log(entry.fd);
   });
   if (real && count > 0) return __real_poll(entries, count, timeout);
-  return wait_events(entries, count, timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout));
+  return wait_events(entries, count,
+                     timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout));
 }
 
 // The program selects for reading only.
@@ -336,7 +351,9 @@ int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
 int __wrap_socket(int, int, int) {
   const Inside inside;
   if (const int error = refused("socket")) return fail(error);
-  return new_socket();
+  const int fd = new_socket();
+  find(fd)->of_program = in_program();
+  return fd;
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t) {

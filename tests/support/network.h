@@ -22,8 +22,8 @@ struct Pipe {
     std::string bytes;
   };
   std::deque<Piece> pieces;
-  size_t taken = 0;                // of the first
-  size_t held = 0;                 // in all
+  size_t taken = 0;  // of the first
+  size_t held = 0;   // in all
   size_t capacity = size_t{4} << 20;
   Time ends = kNever, resets = kNever;
   bool broken = false;  // the reader has gone
@@ -41,16 +41,19 @@ struct Host {
   enum class Kind { kServes, kRefuses, kSilent, kUnreachable, kDeaf };
   Kind kind = Kind::kServes;
   Time latency = std::chrono::milliseconds(1);  // of a connection; 0 connects at once
+  size_t capacity = 256 << 10;                  // what is on the way to it at most
   std::function<void(std::string& received, Pipe& to_program)> request;
   int connections = 0;
 };
 
-extern std::map<std::string, Host> hosts;              // "10.0.0.1:80"
-extern std::map<std::string, std::string> names;       // name or address; "" has no address
+extern std::map<std::string, Host> hosts;         // "10.0.0.1:80"
+extern std::map<std::string, std::string> names;  // name or address; "" has no address
 extern std::function<void(int fd, const std::string&)> log_line;  // of descriptors 1 and 2
-extern std::function<void(const std::string&)> noticed;  // calls that nobody else sees
+extern std::function<void(const std::string&)> noticed;           // calls that nobody else sees
 void set_log_stuck(int fd, bool stuck);
 
+bool is_listening();
 int open_sockets();
+void close_sockets_of_program();  // as at the end of a process
 
 }  // namespace weir::sim

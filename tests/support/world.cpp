@@ -1,21 +1,25 @@
 #include "support/world.h"
 
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <openssl/evp.h>
+#include <sys/reboot.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <fstream>
 #include <random>
+#include <set>
 #include <sstream>
 
-#include "server/server.h"
-
-// A server's shared state lives as long as the process, and here come several.
-extern "C" const char* __lsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier)
-const char* __lsan_default_suppressions() { return "leak:weir::Server::run"; }
+// The program's main() by another name.
+int weir_main(int argc, char** argv);
 
 namespace weir::sim {
 
@@ -26,15 +30,44 @@ namespace {
 
 World* world = nullptr;
 
-timespec device_now() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return time;
+// Where this is loaded the machine can't be restarted, whatever is linked.
+const bool tame = [] {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[2] = {};
+  if (syscall(SYS_capget, &header, sets) != 0) std::abort();
+  sets[0].effective &= ~(1U << CAP_SYS_BOOT);
+  sets[0].permitted &= ~(1U << CAP_SYS_BOOT);
+  if (syscall(SYS_capset, &header, sets) != 0) std::abort();
+  return true;
+}();
+
+// What every request logs, beside its own steps.
+const std::set<std::string> kOfEveryRequest = {"loop",
+                                               "after select",
+                                               "read fds select ok",
+                                               "accepted",
+                                               "set sock opt",
+                                               "set sock opt2",
+                                               "processing request",
+                                               "done processing request",
+                                               "do_request_start",
+                                               "~ priority 30",
+                                               "pthread_detach",
+                                               "it's GET",
+                                               "parse url",
+                                               "after parse url",
+                                               "after start"};
+
+unsigned seed() {
+  const char* const text = std::getenv("SIM_SEED");
+  return text == nullptr ? 0 : static_cast<unsigned>(std::atoi(text));
 }
 
 // The requests in it that are whole.
 void answer(std::string& received, Pipe& out, Pages& pages, std::map<std::string, size_t>& next) {
-  for (size_t end; (end = received.find("\r\n\r\n")) != std::string::npos;) {
+  constexpr char kNoMore = '\0';
+  for (size_t end;
+       !received.starts_with(kNoMore) && (end = received.find("\r\n\r\n")) != std::string::npos;) {
     const std::string request = received.substr(0, end);
     received.erase(0, end + 4);
     std::string shown = "> " + request;
@@ -51,7 +84,7 @@ void answer(std::string& received, Pipe& out, Pages& pages, std::map<std::string
     for (const Reply::Piece& piece : reply.pieces) out.put(at += piece.pause, piece.bytes);
     if (reply.end == Reply::kClose) out.end(at);
     if (reply.end == Reply::kReset) out.reset(at);
-    if (reply.end != Reply::kKeep) received = "silent\r\n";
+    if (reply.end != Reply::kKeep) received = {kNoMore};
   }
 }
 
@@ -126,35 +159,40 @@ std::string decrypt(const std::string& text, const std::string& key, bool end) {
   return cipher(text, key, 0, end);
 }
 
-World::World(unsigned seed, std::int64_t max_buffer) : start_(now()) {
+World::World(const std::vector<std::string>& arguments) : start_(now()) {
   world = this;
-  set_seed(seed);
+  set_seed(seed());
   set_clock(1000s);
   noticed = [this](const std::string& line) { note((line[0] == '>' ? "" : "~ ") + line); };
   log_line = [this](int fd, const std::string& text) {
-    if (!with_loop && (text == "loop\n" || text == "after select\n")) return;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
       note((fd == STDERR_FILENO ? "! " : "") + line);
     }
   };
-  const Device device = {device_now, [] { return world->marker; }, [] { world->note("~ reboot"); }};
   spawn(
-      [this, max_buffer, device] {
-        try {
-          Server(INADDR_ANY, 7744, 5, max_buffer, device).run();
-        } catch (const char* text) {
-          note("~ "s + text);
-        }
+      [this, arguments] {
+        std::vector<char*> argv = {const_cast<char*>("weir")};
+        for (const std::string& text : arguments) argv.push_back(const_cast<char*>(text.c_str()));
+        const int status = weir_main(static_cast<int>(argv.size()), argv.data());
+        const Inside inside;
+        note("~ status " + std::to_string(status));
+        running_ = false;
+        close_sockets_of_program();
       },
       Of::kProgram);
-  sleep(0s);
+  while (running_ && !is_listening()) sleep(0s);
 }
 
 World::~World() {
-  refuse("accept", EMFILE);
-  (void)get({0s, "", "", 0s});
-  refuse("accept", 0);
+  if (running_) {
+    sleep(2s);
+    EXPECT_EQ(threads(), 1);
+    EXPECT_EQ(open_sockets(), 1);
+    refuse("accept", EMFILE);
+    (void)get({0s, "", "", 0s});
+    refuse("accept", 0);
+  }
   EXPECT_EQ(threads(), 0);
   EXPECT_EQ(open_sockets(), 0);
   log_line = nullptr;
@@ -165,6 +203,7 @@ World::~World() {
 
 void World::note(const std::string& line) {
   const Inside inside;
+  if (!whole && (kOfEveryRequest.contains(line) || line.starts_with("Request::"))) return;
   if (noted_ != now()) {
     noted_ = now();
     char time[32];
@@ -188,9 +227,11 @@ Host& World::origin(const std::string& name_and_port, Pages pages) {
 }
 
 void World::at(Time time, std::function<void()> act) {
+  ++acts_;
   spawn([this, time, act = std::move(act)] {
     sleep_until(start_ + time);
     act();
+    --acts_;
   });
 }
 
@@ -198,14 +239,12 @@ std::string World::get(const Ask& ask) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   const sockaddr_in to{AF_INET, htons(7744), {htonl(INADDR_LOOPBACK)}, {}};
   if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) ADD_FAILURE();
-  const bool whole = ask.resource.find(' ') != std::string::npos;
-  const std::string text = whole || ask.resource.empty()
-                               ? ask.resource
-                               : "GET " + ask.resource + " HTTP/1.1\r\n\r\n";
+  const bool complete = ask.resource.empty() || ask.resource.find(' ') != std::string::npos;
+  const std::string text = complete ? ask.resource : "GET " + ask.resource + " HTTP/1.1\r\n\r\n";
   if (!text.empty()) EXPECT_EQ(send(fd, text.data(), text.size(), 0), std::ssize(text));
   std::string got;
   std::string piece(65536, '\0');
-  for (;;) {
+  while (got.size() < ask.leaves) {
     if (ask.pause > 0s) sleep(ask.pause);
     const ssize_t count = read(fd, piece.data(), std::min(piece.size(), ask.leaves - got.size()));
     if (count <= 0) break;
@@ -216,21 +255,50 @@ std::string World::get(const Ask& ask) {
 }
 
 void World::play(const std::vector<Ask>& asks) {
-  size_t left = asks.size();
-  Waiters all;
   for (const Ask& ask : asks) {
-    at(ask.at, [&] {
+    at(ask.at, [this, ask] {
       const std::string got = get(ask);
       EXPECT_EQ(since_start(), ask.ended) << ask.resource;
       EXPECT_TRUE(got == ask.got) << ask.resource << " got " << got.size() << " of "
                                   << ask.got.size() << ":\n"
                                   << got.substr(0, 1000);
-      const Inside inside;
-      if (--left == 0) all.wake();
     });
   }
-  while (left > 0) (void)wait({&all});
-  while (threads() > 1) sleep(1s);
+  while (acts_ > 0 || threads() > 1) sleep(1s);
+}
+
+void World::compare_transcript() {
+  if (seed() != 0) return;
+  const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
+  const std::string path = TRANSCRIPTS + "/"s + test->name() + ".txt";
+  if (std::getenv("UPDATE_TRANSCRIPTS") != nullptr) std::ofstream(path) << transcript;
+  std::istringstream wanted_lines((std::ostringstream() << std::ifstream(path).rdbuf()).str());
+  std::istringstream lines(transcript);
+  std::string wanted;
+  std::string line;
+  for (int number = 1; wanted_lines || lines; ++number) {
+    if (!std::getline(wanted_lines, wanted)) wanted = "(the end)";
+    if (!std::getline(lines, line)) line = "(the end)";
+    ASSERT_EQ(line, wanted) << path << ":" << number;
+  }
 }
 
 }  // namespace weir::sim
+
+// The device that the program guards.
+extern "C" {
+
+int __real_stat(const char* path, struct stat* status);
+
+int __wrap_stat(const char* path, struct stat* status) {
+  const weir::sim::Inside inside;
+  if (path != std::string("/var/shutdown_in_progress")) return __real_stat(path, status);
+  return weir::sim::world->marker ? 0 : -1;
+}
+
+int __wrap_reboot(int command) {
+  const weir::sim::Inside inside;
+  weir::sim::noticed(command == RB_AUTOBOOT ? "restarts" : "does something else");
+  return -1;
+}
+}

@@ -1,4 +1,4 @@
-// A whole server in the simulation, among origins that follow a script and players.
+// The whole program in the simulation, among origins that follow a script and players.
 #pragma once
 
 #include <map>
@@ -39,7 +39,7 @@ struct Ask {
   Time at;
   std::string resource;  // of a GET, or all that is sent, if there is a space in it
   std::string got;
-  Time ended;  // the connection
+  Time ended;                         // the connection
   size_t leaves = std::string::npos;  // after so many bytes
   Time pause{};                       // before each read, which takes 64 KiB at most
 };
@@ -57,28 +57,34 @@ std::string decrypt(const std::string& text, const std::string& key, bool end = 
 
 class World {
  public:
-  // Every origin has the name of its host, with addresses from 10.0.0.1 on.
-  explicit World(unsigned seed = 0, std::int64_t max_buffer = 1 << 20);
-  // Ends the server, which has to leave nothing behind.
+  // The order of threads is SIM_SEED's in the environment, 0 without it.
+  explicit World(const std::vector<std::string>& arguments = {"1048576"});
+  // Ends the program, which has to leave nothing behind.
   ~World();
 
-  Host& origin(const std::string& name_and_port, Pages pages);
+  // Names get addresses from 10.0.0.1 on.
+  Host& origin(const std::string& name_and_port, Pages pages = {});
   // Asks all of them, and returns when all is quiet again. Differences are failures.
   void play(const std::vector<Ask>& asks);
   std::string get(const Ask& ask);
+  // The transcript is the one in tests/transcripts/ that has the name of the test. With
+  // UPDATE_TRANSCRIPTS in the environment it is written there instead, to be reviewed.
+  void compare_transcript();
   void at(Time time, std::function<void()> act);
 
   Time since_start() const { return now() - start_; }
   // Everything logged, asked of an origin ("> ") or else noticed ("~ "), behind the times
-  // at which it was; problems begin with "! ". Without the lines of the accept loop.
+  // at which it was; problems begin with "! ". Without what every request logs, unless whole.
   std::string transcript;
   bool marker = false;
-  bool with_loop = false;
+  bool whole = false;
 
  private:
   void note(const std::string& line);
   Time start_;
   Time noted_ = kNever;
+  bool running_ = true;
+  int acts_ = 0;  // that are still to come
 };
 
 }  // namespace weir::sim
