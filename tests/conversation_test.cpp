@@ -8,7 +8,7 @@
 
 #include "support/world.h"
 
-namespace weir::sim {
+namespace weir::test {
 namespace {
 
 using End = Reply::End;
@@ -386,16 +386,68 @@ TEST(Conversation, VariantsThatCannotBeLoadedAreMarked) {
 
 TEST(Conversation, StreamsEndWithoutDataAndWithoutAReader) {
   const std::string large = pattern(400000);
+  const std::string nothing = stream("");
   World world;
+  Host& deaf = world.origin("deaf");
+  deaf.kind = Host::Kind::kDeaf;
+  deaf.capacity = 10;
+  const auto only = [](const std::string& variant) {
+    return std::vector{ok(master({"1 " + variant}))};
+  };
   world.origin("o", film(list(1, {"/1"}, 60),
-                         {{"/n", {ok(master({"1 http://o/w"}))}},
-                          {"/w", {ok(list(1, {"/a", "/a", "/a", "/a", "/a", "/b", "/b"}, 60))}},
+                         {{"/idle", only("http://o/many")},
+                          {"/many", {ok(list(1, {"/a", "/a", "/a", "/a", "/a", "/a"}, 60))}},
                           {"/a", {ok(large)}},
-                          {"/b", {slow(large, 10000, 500ms)}}}));
+                          {"/leave", only("http://o/slow")},
+                          {"/slow", {ok(list(1, {"/b"}, 60))}},
+                          {"/b", {slow(large, 10000, 500ms)}},
+                          {"/late", only("http://o/trickle")},
+                          {"/trickle", {slow(list(1, {"/1"}, 60), 4, 1s)}},
+                          {"/deaf", only("http://o/d")},
+                          {"/d", {ok(list(1, {"http://deaf/longer/than/ten"}))}}}));
   world.play({{0s, kM, stream("/1"), 17002ms},
-              {20s, "/stream?url=http://o/n", stream(""), 60s, stream("").size(), 40s},
-              {70s, "/stream?url=http://o/n", stream(large.substr(0, 1000)), 70101ms,
-               stream("").size() + 1000}});
+              {20s, "/stream?url=http://o/idle", nothing, 60s, nothing.size(), 40s},
+              {70s, "/stream?url=http://o/leave", stream(large.substr(0, 30000)), 71551ms,
+               nothing.size() + 30000},
+              {80s, "/stream?url=http://o/late", nothing, 98002ms},
+              {120s, "/stream?url=http://o/deaf", nothing, 140005ms}});
+  world.compare_transcript();
+}
+
+// Across the borders of reads, of blocks of the buffer and of the cipher.
+TEST(Conversation, SegmentsOfEverySizeArriveWhole) {
+  World world({"100000000"});
+  std::vector<std::string> lines;
+  Pages pages = {{"/k", {ok(kKey)}}};
+  std::string all;
+  const auto add = [&](const std::string& sent, const std::string& received) {
+    lines.push_back("/" + std::to_string(lines.size()));
+    pages[lines.back()] = {slow(sent, 100003, 1ms)};
+    all += received;
+  };
+  const size_t sizes[] = {1, 15, 16, 4096, 131071, 393217, 524287, 524288, 524289, 1500000};
+  for (const size_t size : sizes) add(pattern(size), pattern(size));
+  lines.push_back(key("http://o/k"));
+  for (const size_t size : sizes) add(encrypt(pattern(size), kKey), pattern(size));
+  // The last block is broken, or its padding is none.
+  const std::string secret = encrypt(pattern(4000), kKey);
+  for (const std::string& odd : {secret.substr(0, 3999), secret + secret.substr(16, 16)}) {
+    add(odd, decrypt(odd, kKey));
+  }
+  lines.push_back(kEnd);
+  world.origin("o", film(list(1, lines), pages));
+  world.play({{0s, kM, stream(all), 1002ms}});
+}
+
+TEST(Conversation, TextsWithoutAnEndAreGivenUp) {
+  const std::string endless(17 << 20, 'x');
+  World world;
+  world.origin("o", {{"/long", {ok(endless)}},
+                     {"/http10", {raw("HTTP/1.0 200 OK\r\nA: 1\r\n\r\n" + endless)}},
+                     {"/head", {raw("HTTP/1.1 200 OK\r\nA: " + endless)}}});
+  world.play({{0s, "/stream?url=http://o/long", stream(""), 1ms},
+              {1s, "/stream?url=http://o/http10", stream(""), 1001ms},
+              {2s, "/stream?url=http://o/head", stream(""), 2001ms}});
   world.compare_transcript();
 }
 
@@ -633,4 +685,4 @@ TEST_P(ArgumentTest, IsReadAsFarAsItIsANumber) {
 INSTANTIATE_TEST_SUITE_P(All, ArgumentTest, testing::Values("abc", "0x10", ""));
 
 }  // namespace
-}  // namespace weir::sim
+}  // namespace weir::test

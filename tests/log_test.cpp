@@ -12,20 +12,10 @@
 #include <thread>
 #include <vector>
 
-#include "support/captured_log.h"
-
 namespace weir::test {
 namespace {
 
 using std::string_literals::operator""s;
-
-// What `act` writes to the standard output.
-template <class Act>
-std::string out_of(Act act) {
-  const CapturedStream out(STDOUT_FILENO);
-  act();
-  return out();
-}
 
 // What is logged by `act`, with both streams in one pipe as under "2>&1 | logger".
 template <class Act>
@@ -81,18 +71,6 @@ void expect_lines_of_threads_apart(bool errors) {
 
 TEST(Log, LinesOfManyThreadsNeverMix) {
   for (const bool errors : {false, true}) expect_lines_of_threads_apart(errors);
-}
-
-TEST(Log, AFullErrorStreamHoldsUpNeitherProgressNorLinesThatMustNotWait) {
-  const FullErrorStream full;
-  std::thread([] { log_err("nobody reads this"); }).detach();
-  EXPECT_EQ(out_of([] {
-              for (int i = 0; i < 3; ++i) {
-                log_err_at_once("nor this");
-                log_out("progress");
-              }
-            }),
-            "progress\nprogress\nprogress\n");
 }
 
 TEST(Log, UnflushedTextWaitsForTheNextLineOfEitherStream) {

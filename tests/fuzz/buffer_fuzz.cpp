@@ -7,7 +7,7 @@
 #include <string>
 
 #include "buffer/cbuff.h"
-#include "support/client.h"
+#include "support/bytes.h"
 
 namespace {
 

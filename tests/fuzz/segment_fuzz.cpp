@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "buffer/cbuff.h"
-#include "support/client.h"
+#include "support/bytes.h"
 #include "upstream/connection.h"
 #include "upstream/decryptor.h"
 #include "upstream/segment_sink.h"
@@ -75,7 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   weir::CBuff buffer(kMaxRead + 32 + data[1] * 64);
   weir::run(pieces, key, buffer);
-  if (weir::test::drain(buffer) != weir::test::decipher(text, key) || buffer.fill() != 0)
-    std::abort();
+  std::string got(buffer.fill(), '\0');
+  if (!got.empty()) got.resize(buffer.read(weir::test::bytes_of(got)));
+  if (got != weir::test::decrypt(text, key) || buffer.fill() != 0) std::abort();
   return 0;
 }

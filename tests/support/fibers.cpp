@@ -45,7 +45,7 @@ namespace __cxxabiv1 {
 extern "C" void* __cxa_get_globals() noexcept;
 }
 
-namespace weir::sim {
+namespace weir::test {
 
 constexpr size_t kStack = 512 << 10;
 constexpr int kStackFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
@@ -58,6 +58,7 @@ constexpr bool kSanitized = false;
 struct Fiber {
   std::function<void()> run;
   Of whose = Of::kTest;
+  int inside = 0;
   char* stack = nullptr;
   size_t size = kStack;
   bool mapped = false, done = false, detached = false, woken = false;
@@ -274,6 +275,7 @@ Fiber* new_fiber(std::function<void()> run, Of whose) {
   Fiber* const fiber = idle_fiber();
   fiber->run = std::move(run);
   fiber->whose = whose;
+  fiber->inside = 0;
   fiber->shadow = nullptr;
   // Mapped anew, so that the sanitizers know of nothing that was there.
   if (kSanitized || !std::exchange(fiber->mapped, true)) {
@@ -302,6 +304,7 @@ Fiber* new_fiber(std::function<void()> run, Of whose) {
 }  // namespace
 
 Inside::Inside() {
+  ++current->inside;
 #if WEIR_TSAN
   AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
   AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
@@ -309,6 +312,7 @@ Inside::Inside() {
 }
 
 Inside::~Inside() {
+  --current->inside;
 #if WEIR_TSAN
   AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
   AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
@@ -357,7 +361,7 @@ void may_switch() {
   if (at_random && random_order() % 4 == 0) let_others_run();
 }
 
-bool in_program() { return current->whose == Of::kProgram; }
+bool in_program() { return current->whose == Of::kProgram && current->inside == 0; }
 
 void refuse(const char* call, int error) {
   const Inside inside;
@@ -370,11 +374,11 @@ int refused(const char* call) {
   return found == refusals.end() ? 0 : found->second;
 }
 
-}  // namespace weir::sim
+}  // namespace weir::test
 
 // What the program calls ---------------------------------------------------------------
 
-using namespace weir::sim;
+using namespace weir::test;
 
 extern "C" {
 

@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-namespace weir::sim {
+namespace weir::test {
 
 using Time = std::chrono::nanoseconds;  // since the simulation began
 constexpr Time kNever = Time::max();
@@ -34,7 +34,7 @@ void sleep_until(Time time);
 inline void sleep(Time time) { sleep_until(now() + time); }
 // A place where another fiber may come in.
 void may_switch();
-bool in_program();
+bool in_program();  // and not in the simulation itself
 
 // Those who wait for one thing to change.
 class Waiters {
@@ -62,4 +62,4 @@ class Inside {
   Inside& operator=(const Inside&) = delete;
 };
 
-}  // namespace weir::sim
+}  // namespace weir::test

@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-namespace weir::sim {
+namespace weir::test {
 
 std::map<std::string, Host> hosts;
 std::map<std::string, std::string> names;
@@ -301,11 +301,11 @@ void close_sockets_of_program() {
   }
 }
 
-}  // namespace weir::sim
+}  // namespace weir::test
 
 // What the program calls ---------------------------------------------------------------
 
-using namespace weir::sim;
+using namespace weir::test;
 
 extern "C" {
 
@@ -349,10 +349,11 @@ int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
 }
 
 int __wrap_socket(int, int, int) {
+  const bool of_program = in_program();
   const Inside inside;
   if (const int error = refused("socket")) return fail(error);
   const int fd = new_socket();
-  find(fd)->of_program = in_program();
+  find(fd)->of_program = of_program;
   return fd;
 }
 

@@ -13,7 +13,7 @@
 
 #include "support/fibers.h"
 
-namespace weir::sim {
+namespace weir::test {
 
 // One direction of a connection.
 struct Pipe {
@@ -56,4 +56,4 @@ bool is_listening();
 int open_sockets();
 void close_sockets_of_program();  // as at the end of a process
 
-}  // namespace weir::sim
+}  // namespace weir::test

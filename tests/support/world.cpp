@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <netinet/in.h>
-#include <openssl/evp.h>
 #include <sys/reboot.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,14 +13,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <random>
 #include <set>
 #include <sstream>
 
 // The program's main() by another name.
 int weir_main(int argc, char** argv);
 
-namespace weir::sim {
+namespace weir::test {
 
 const std::string kOk = head("200 OK", "application/json");
 const std::string kMapSet = kOk + "\"OK\"\n";
@@ -126,37 +124,6 @@ std::string stats(int last, int average, int buffered, int profile) {
          ",\"avg_speed\": " + std::to_string(average) +
          ",\"cbuff_size\": " + std::to_string(buffered) +
          ",\"selected_profile\": " + std::to_string(profile) + "}\n";
-}
-
-std::string pattern(size_t size, unsigned seed) {
-  std::minstd_rand random(seed);
-  std::string text(size, '\0');
-  std::generate(text.begin(), text.end(), [&] { return static_cast<char>(random() >> 8); });
-  return text;
-}
-
-static std::string cipher(std::string in, std::string key, int encrypting, bool end) {
-  const auto bytes = [](auto& text) { return reinterpret_cast<unsigned char*>(text.data()); };
-  key.resize(16);
-  const unsigned char zero_iv[16] = {};
-  std::string out(in.size() + 32, '\0');
-  int size = 0;
-  int last = 0;
-  EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
-  EVP_CipherInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes(key), zero_iv, encrypting);
-  EVP_CipherUpdate(context, bytes(out), &size, bytes(in), static_cast<int>(in.size()));
-  if (!end || EVP_CipherFinal_ex(context, bytes(out) + size, &last) != 1) last = 0;
-  EVP_CIPHER_CTX_free(context);
-  out.resize(static_cast<size_t>(size + last));
-  return out;
-}
-
-std::string encrypt(const std::string& plain, const std::string& key) {
-  return cipher(plain, key, 1, true);
-}
-
-std::string decrypt(const std::string& text, const std::string& key, bool end) {
-  return cipher(text, key, 0, end);
 }
 
 World::World(const std::vector<std::string>& arguments) : start_(now()) {
@@ -283,7 +250,7 @@ void World::compare_transcript() {
   }
 }
 
-}  // namespace weir::sim
+}  // namespace weir::test
 
 // The device that the program guards.
 extern "C" {
@@ -291,14 +258,14 @@ extern "C" {
 int __real_stat(const char* path, struct stat* status);
 
 int __wrap_stat(const char* path, struct stat* status) {
-  const weir::sim::Inside inside;
+  const weir::test::Inside inside;
   if (path != std::string("/var/shutdown_in_progress")) return __real_stat(path, status);
-  return weir::sim::world->marker ? 0 : -1;
+  return weir::test::world->marker ? 0 : -1;
 }
 
 int __wrap_reboot(int command) {
-  const weir::sim::Inside inside;
-  weir::sim::noticed(command == RB_AUTOBOOT ? "restarts" : "does something else");
+  const weir::test::Inside inside;
+  weir::test::noticed(command == RB_AUTOBOOT ? "restarts" : "does something else");
   return -1;
 }
 }

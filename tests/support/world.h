@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "support/bytes.h"
 #include "support/network.h"
 
-namespace weir::sim {
+namespace weir::test {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
@@ -38,10 +39,10 @@ using Pages = std::map<std::string, std::vector<Reply>>;
 struct Ask {
   Time at;
   std::string resource;  // of a GET, or all that is sent, if there is a space in it
-  std::string got;
-  Time ended;                         // the connection
+  std::string got = {};
+  Time ended = {};                    // the connection
   size_t leaves = std::string::npos;  // after so many bytes
-  Time pause{};                       // before each read, which takes 64 KiB at most
+  Time pause = {};                    // before each read, which takes 64 KiB at most
 };
 
 std::string head(const std::string& status, const std::string& type);
@@ -49,11 +50,6 @@ std::string head(const std::string& status, const std::string& type);
 std::string stream(const std::string& media);
 std::string stats(int last, int average, int buffered, int profile);
 extern const std::string kOk, kMapSet;
-
-std::string pattern(size_t size, unsigned seed = 1);
-// AES-128-CBC with a zero vector, as segments have it. `end`: with padding.
-std::string encrypt(const std::string& plain, const std::string& key);
-std::string decrypt(const std::string& text, const std::string& key, bool end = true);
 
 class World {
  public:
@@ -87,4 +83,4 @@ class World {
   int acts_ = 0;  // that are still to come
 };
 
-}  // namespace weir::sim
+}  // namespace weir::test

@@ -1,0 +1,42 @@
+#include "support/bytes.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <random>
+
+namespace weir::test {
+
+std::string pattern(size_t size, unsigned seed) {
+  std::minstd_rand random(seed);
+  std::string text(size, '\0');
+  std::generate(text.begin(), text.end(), [&] { return static_cast<char>(random() >> 8); });
+  return text;
+}
+
+// One pass of the cipher, without looking at what it thinks of the last block.
+static std::string cipher(std::string in, std::string key, int encrypting, bool end) {
+  const auto bytes = [](auto& text) { return bytes_of(text).data(); };
+  key.resize(16);
+  const unsigned char zero_iv[16] = {};
+  std::string out(in.size() + 32, '\0');
+  int size = 0;
+  int last = 0;
+  EVP_CIPHER_CTX* const context = EVP_CIPHER_CTX_new();
+  EVP_CipherInit_ex(context, EVP_aes_128_cbc(), nullptr, bytes(key), zero_iv, encrypting);
+  EVP_CipherUpdate(context, bytes(out), &size, bytes(in), static_cast<int>(in.size()));
+  if (!end || EVP_CipherFinal_ex(context, bytes(out) + size, &last) != 1) last = 0;
+  EVP_CIPHER_CTX_free(context);
+  out.resize(static_cast<size_t>(size + last));
+  return out;
+}
+
+std::string encrypt(const std::string& plain, const std::string& key) {
+  return cipher(plain, key, 1, true);
+}
+
+std::string decrypt(const std::string& text, const std::string& key, bool end) {
+  return cipher(text, key, 0, end);
+}
+
+}  // namespace weir::test
