@@ -304,11 +304,11 @@ Fiber* new_fiber(std::function<void()> run, Of whose) {
 }  // namespace
 
 Inside::Inside() {
-  ++current->inside;
 #if WEIR_TSAN
   AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
   AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
 #endif
+  ++current->inside;
 }
 
 Inside::~Inside() {
