@@ -70,12 +70,12 @@ function explain(error) {
 // ---- what the charts keep: the times, and a column per figure, null where unknown
 
 const emptyHistory = () => [[], ...kNames.map(() => [])];
-let history = emptyHistory();
+let kept = emptyHistory();
 
 function remember(time, figures) {
   const row = [time, ...kNames.map((name) => (figures ? figures[name] : null))];
-  row.forEach((value, index) => history[index].push(value));
-  while (history[0][0] < time - kWindowS) history.forEach((column) => column.shift());
+  row.forEach((value, index) => kept[index].push(value));
+  while (kept[0][0] < time - kWindowS) kept.forEach((column) => column.shift());
 }
 
 // ---- the state
@@ -83,7 +83,7 @@ function remember(time, figures) {
 let watched; // what is known about the one being watched
 
 function startOver() {
-  history = emptyHistory();
+  kept = emptyHistory();
   watched = { firstAt: 0, changedAt: 0, lostAt: 0, back: '', figures: undefined };
 }
 
@@ -143,8 +143,8 @@ const axis = {
 
 // From the first answer on, then the last 15 minutes.
 function timeRange() {
-  const last = history[0].at(-1) ?? now();
-  const first = history[0][0] ?? last;
+  const last = kept[0].at(-1) ?? now();
+  const first = kept[0][0] ?? last;
   return [Math.min(first, last - kShortestWindowS), last];
 }
 
@@ -227,7 +227,7 @@ const bufferChart = makeChart(element('buffer'), 'KiB', 170, [
 ]);
 
 function draw(figures) {
-  const [times, last, average, variant, buffer] = history;
+  const [times, last, average, variant, buffer] = kept;
   kNames.forEach((name) => write(name, shown(figures?.[name])));
   speedChart.setData([times, last, average, variant]);
   bufferChart.setData([times, buffer]);
