@@ -83,7 +83,7 @@ class Demo:
     def __init__(self, room: lab.Lab, binary: Path) -> None:
         self.lab, self.binary = room, binary
         self.began = time.monotonic()
-        self.log = Log(room.log)
+        self.log, self.stream = Log(room.log), room.work / "stream.ts"
         self.weir: lab.Process | None = None
         self.ports: dict[str, int] = {}
         self.caches: dict[str, lab.Process] = {}
@@ -122,25 +122,24 @@ class Demo:
     def make_video(self) -> None:
         """Segment n of each variant holds the same two seconds, so no frame is missed in a switch."""
         self.say("making a video in three variants")
-        www = self.lab.www / "video"
-        names, outputs = [], []
-        scaled = "".join(f";[in{name}]scale={size}[{name}]" for name, (size, _) in VARIANTS.items())
-        for name, (_, bitrate) in VARIANTS.items():
-            names.append(f"[in{name}]")
+        www, gop = self.lab.www / "video", RATE * SEGMENT_SECONDS
+        outputs, split, scaled = list[object](), "", ""
+        for name, (size, bitrate) in VARIANTS.items():
+            split += f"[in{name}]"
+            scaled += f";[in{name}]scale={size}[{name}]"
             outputs += ["-map", f"[{name}]", "-map", "1:a", "-c:v", "libx264", "-preset", "ultrafast",
-                        "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", bitrate,
-                        "-g", RATE * SEGMENT_SECONDS, "-keyint_min", RATE * SEGMENT_SECONDS,
-                        "-sc_threshold", 0, "-c:a", "aac", "-b:a", "64k",
+                        "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", bitrate, "-g", gop,
+                        "-keyint_min", gop, "-sc_threshold", 0, "-c:a", "aac", "-b:a", "64k",
                         *video.in_segments(www / name, SEGMENT_SECONDS, "%03d.ts")]
         video.ffmpeg(self.lab,
                      "-f", "lavfi", "-i", f"testsrc2=size=640x360:rate={RATE}:duration={SECONDS}",
                      "-f", "lavfi", "-i", f"sine=frequency=440:duration={SECONDS}",
-                     "-filter_complex", f"[0:v]split={len(names)}{''.join(names)}{scaled}", *outputs)
+                     "-filter_complex", f"[0:v]split={len(VARIANTS)}{split}{scaled}", *outputs)
         (www / "key").write_bytes(video.KEY)
-        video.replace(www / "master.m3u8", video.master_playlist({
-            f"http://~/video/{name}/list.m3u8":
-                video.publish(www / name, f"http://@/video/{name}", SEGMENT_SECONDS,
-                              "http://@/video/key") for name in VARIANTS}))
+        bandwidths = {f"http://~/video/{name}/list.m3u8":
+                      video.publish(www / name, f"http://@/video/{name}", SEGMENT_SECONDS,
+                                    "http://@/video/key") for name in VARIANTS}
+        video.replace(www / "master.m3u8", video.master_playlist(bandwidths))
 
     def start(self) -> None:
         """With free ports below those of outgoing connections."""
@@ -159,12 +158,20 @@ class Demo:
     def address(self, name: str) -> str:
         return f"127.0.0.1:{self.ports[name]}"
 
-    def limit_caches(self, rate: str) -> None:
-        """What is being sent keeps its rate, the next answer has the new one."""
+    def limit_caches(self, text: str, rate: str, way: int) -> int:
+        """Waits for the switch of variants that follows; returns where the log was before.
+
+        What is being sent keeps its rate, the next answer has the new one.
+        """
+        self.say(f"{text} {rate} bytes/s")
+        since = self.log.position()
         for name, process in self.caches.items():
             server = lab.CACHE.format(upstream=self.ports["origin"], rate=rate)
             self.lab.configure(name, self.ports[name], server)
             process.send_signal(signal.SIGHUP)
+        self.wait_until("a switch " + ("up" if way > 0 else "down"), 40,
+                        lambda: self.log.switches(way, since))
+        return since
 
     def kill_cache(self) -> str:
         """The cache in use hangs in the middle of a segment until weir gives that answer up.
@@ -189,38 +196,34 @@ class Demo:
         self.wait_for("weir to mark it dead", 30, f"  server: {used[1]} DEAD", since)
         return used[1]
 
+    def pull(self) -> None:
+        with urllib.request.urlopen(STREAM_URL) as stream, self.stream.open("wb") as file:
+            shutil.copyfileobj(stream, file)
+
     def stream_with_trouble(self) -> str:
         """The course of events; returns what to say in the end."""
-        pull = Pull(self.lab.work / "stream.ts")
+        player = threading.Thread(target=self.pull, daemon=True)
+        player.start()
         self.trouble = True
         self.wait_until("the best variant", 30,
                         lambda: (taken := self.log.matches(TAKES)) and taken[-1][2] == "360p")
         self.let_pass(2)
         dead = self.kill_cache()
         self.let_pass(2)
-        switches = []
-        for text, rate, word, way in ((f"slowing the other caches down to {SLOW}", SLOW, "down", -1),
-                                      (f"back to {FAST}", FAST, "up", 1)):
-            self.say(f"{text} bytes/s")
-            since = self.log.position()
-            self.limit_caches(rate)
-            self.wait_until(f"a switch {word}", 40, lambda: self.log.switches(way, since))
-            switches.append((word, way, since))
-            if rate == SLOW:
-                self.let_pass(2)
+        slowed = self.limit_caches("slowing the other caches down to", SLOW, -1)
+        self.let_pass(2)
+        raised = self.limit_caches("back to", FAST, 1)
         self.trouble = False
-        self.wait_until("the end of the stream", 120, lambda: not pull.is_alive())
-        if pull.error:
-            raise SystemExit(f"could not fetch the stream: {pull.error}")
-        counts = (f"{self.log.switches(way, since)} {word}" for word, way, since in switches)
-        return f"cache {dead} marked dead, switches: {', '.join(counts)}"
+        self.wait_until("the end of the stream", 120, lambda: not player.is_alive())
+        return (f"cache {dead} marked dead, switches: {self.log.switches(-1, slowed)} down, "
+                f"{self.log.switches(1, raised)} up")
 
     def count_frames(self) -> str:
         """Every frame must be there, once and in order: the timestamps only ever grow."""
         self.say("counting the frames")
         probe = self.lab.start(["ffprobe", "-v", "fatal", "-select_streams", "v:0", "-show_entries",
                                 "frame=best_effort_timestamp", "-of",
-                                "default=noprint_wrappers=1:nokey=1", self.lab.work / "stream.ts"],
+                                "default=noprint_wrappers=1:nokey=1", self.stream],
                                stdout=subprocess.PIPE)
         times, expected = [int(word) for word in probe.communicate()[0].split()], SECONDS * RATE
         if len(times) != expected:
@@ -243,22 +246,6 @@ class Demo:
         while True:
             self.log.read()
             time.sleep(0.1)
-
-
-class Pull(threading.Thread):
-    """Writes the stream to a file."""
-
-    def __init__(self, path: Path) -> None:
-        super().__init__(daemon=True)
-        self.path, self.error = path, ""
-        self.start()
-
-    def run(self) -> None:
-        try:
-            with urllib.request.urlopen(STREAM_URL) as stream, self.path.open("wb") as file:
-                shutil.copyfileobj(stream, file)
-        except OSError as error:
-            self.error = str(error)
 
 
 def send(pids: list[int], number: int) -> None:

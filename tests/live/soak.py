@@ -6,7 +6,6 @@ purpose, weir is alive at the end and has given everything back.
 
 import argparse
 import asyncio
-import csv
 import json
 import random
 import re
@@ -53,7 +52,7 @@ class Audience:
         self.present: dict[Player, str] = {}  # and its kind
         self.served: Counter[str] = Counter()  # by kind
         self.ends: Counter[str] = Counter()  # by kind and cause
-        self.totals: Counter[str] = Counter()
+        self.totals = Counter({"wrong bytes": 0, "segments repeated": 0})
         self.unexplained: list[str] = []
         self.first_wrong = ""
 
@@ -84,21 +83,24 @@ class Audience:
         player.leave()
         self.ends[f"{kind}: {cause}"] += 1
         found, totals = player.found, self.totals
-        for name in ("received", "verified", "wrong", "segments", "repeated"):
-            totals[name] += getattr(found, name)
-        totals["more than one variant"] += len(found.variants) > 1
+        totals.update({"bytes received": found.received, "bytes verified": found.verified,
+                       "wrong bytes": found.wrong, "whole segments": found.segments,
+                       "segments repeated": found.repeated,
+                       "streams that changed the variant": int(len(found.variants) > 1)})
         self.first_wrong = self.first_wrong or found.first_wrong
         for short in found.shorts:
             if not self.journal.explains(short):
                 self.unexplained.append(f"{kind} {short.name} at byte {short.at}")
             else:
-                totals["begun anew" if short.restarted else "short"] += 1
+                totals["segments begun anew after two faults" if short.restarted
+                       else "short segments, explained by a cut"] += 1
         for channel, sequence in found.missing:
             touched = self.journal.touched(channel, sequence)
-            totals["missing after a fault" if touched else f"missing, window passed ({kind})"] += 1
+            totals["segments missing " + ("after a fault" if touched else
+                                          f"since the window passed ({kind})")] += 1
 
     def received(self) -> int:
-        return self.totals["received"] + sum(player.found.received for player in self.present)
+        return self.totals["bytes received"] + sum(player.found.received for player in self.present)
 
 
 class Soak:
@@ -163,17 +165,11 @@ class Soak:
                 await asyncio.sleep(1)
 
     async def sample(self) -> None:
-        with open(self.options.out / "soak.csv", "w", newline="", encoding="ascii") as file:
-            table = csv.writer(file)
-            while procfs.alive(self.weir.pid):
-                row = {"seconds": time.time() - self.journal.began, **procfs.sample(self.weir.pid),
-                       "players": len(self.audience.present), "bytes": self.audience.received()}
-                if not self.samples:
-                    table.writerow(row)
-                self.samples.append(row)
-                table.writerow([round(value, 2) for value in row.values()])
-                file.flush()
-                await asyncio.sleep(SAMPLE_EVERY)
+        while procfs.alive(self.weir.pid):
+            self.samples.append({"seconds": time.time() - self.journal.began,
+                                 **procfs.sample(self.weir.pid), "bytes": self.audience.received(),
+                                 "players": len(self.audience.present)})
+            await asyncio.sleep(SAMPLE_EVERY)
         raise RuntimeError("weir ended")
 
     def gave_back(self) -> bool:
@@ -214,20 +210,18 @@ class Soak:
 
 
 class Report:
-    """summary.json and events.csv, and a table on the standard output."""
+    """What came of a soak: a table on the standard output, and a file with all of it."""
 
     def __init__(self, soak: Soak, seconds: float) -> None:
         self.soak, self.seconds = soak, seconds
-
-    def failures(self) -> list[str]:
-        soak, totals = self.soak, self.soak.audience.totals
-        found = {"the run itself failed": bool(soak.broken),
-                 "wrong bytes": totals["wrong"] > 0, "segments repeated": totals["repeated"] > 0,
-                 "unexplained short segments": bool(soak.audience.unexplained),
-                 "threads not returned": soak.left["threads"] > soak.base["threads"],
-                 "descriptors not returned": soak.left["descriptors"] > soak.base["descriptors"],
-                 "memory not returned": soak.left["pss"] > soak.base["pss"] + KEPT}
-        return [name for name, holds in found.items() if holds]
+        totals, left, base = soak.audience.totals, soak.left, soak.base
+        self.failures = [name for name, holds in {
+            "the run itself failed": soak.broken,
+            "wrong bytes": totals["wrong bytes"], "segments repeated": totals["segments repeated"],
+            "unexplained short segments": soak.audience.unexplained,
+            "threads not returned": left["threads"] > base["threads"],
+            "descriptors not returned": left["descriptors"] > base["descriptors"],
+            "memory not returned": left["pss"] > base["pss"] + KEPT}.items() if holds]
 
     def slope(self, name: str, since: float) -> float:
         """MiB an hour, by least squares."""
@@ -248,47 +242,35 @@ class Report:
         return dict(Counter(lines).most_common(20))
 
     def figures(self) -> dict[str, object]:
-        soak, audience, failures = self.soak, self.soak.audience, self.failures()
-        totals, counts, warm = audience.totals, soak.journal.counts(), min(300, self.seconds / 5)
+        soak, audience, warm = self.soak, self.soak.audience, min(300, self.seconds / 5)
+        counts = soak.journal.counts()
         return {
-            "result": "failed: " + ", ".join(failures) if failures else "passed",
+            "result": "failed: " + ", ".join(self.failures) if self.failures else "passed",
             "what failed of the run itself": soak.broken,
             "duration, minutes": round(self.seconds / 60, 1),
-            "bytes received": totals["received"],
-            "bytes verified": totals["verified"],
-            "wrong bytes": totals["wrong"],
+            **audience.totals,
             "first wrong byte": audience.first_wrong,
-            "whole segments": totals["segments"],
-            "segments repeated": totals["repeated"],
-            "short segments, explained by a cut": totals["short"],
-            "segments begun anew after two faults": totals["begun anew"],
-            "short segments, unexplained": len(audience.unexplained),
-            "unexplained": audience.unexplained[:10],
-            "missing segments": {name: n for name, n in totals.items() if name.startswith("missing")},
+            "short segments, unexplained": audience.unexplained,
             "faults injected": {name: counts[name] for name in
                                 sorted({*SEGMENT_FAULTS, *PLAYLIST_FAULTS, "kill", "revival", "map"})},
             "seconds in which weir knew no living cache": counts["no server"],
             "players served": dict(audience.served),
-            "streams that changed the variant": totals["more than one variant"],
             "ends of streams": dict(sorted(audience.ends.items())),
-            "connections refused": totals["connections refused"],
             "RSS slope after warm-up, MiB/h": self.slope("rss", warm),
             "RSS slope of the second half, MiB/h": self.slope("rss", self.seconds / 2),
             "PSS slope after warm-up, MiB/h": self.slope("pss", warm),
-            "RSS first / last / max, MiB": self.course("rss"),
-            "descriptors first / last / max": self.course("descriptors"),
-            "threads first / last / max": self.course("threads"),
+            **{f"{name} first / last / max": self.course(name)
+               for name in ("rss", "threads", "descriptors")},
             "before the first player": soak.base,
             "after the last player": soak.left,
             "statistics": soak.polls,
             "weir's complaints": self.complaints(),
         }
 
-    def write(self, out: Path) -> None:
+    def write(self, path: Path) -> None:
         figures = self.figures()
-        (out / "summary.json").write_text(json.dumps(figures, indent=1))
-        with open(out / "events.csv", "w", newline="", encoding="utf-8") as file:
-            csv.writer(file).writerows([["seconds", "kind", "where", "what"], *self.soak.journal.events])
+        path.write_text(json.dumps({"figures": figures, "samples": self.soak.samples,
+                                    "events": self.soak.journal.events}, indent=1))
         tables.print_head("", "")
         for name, value in figures.items():
             tables.print_row(name, cell(value))
@@ -334,10 +316,10 @@ def main() -> None:
         soak = Soak(lab, options)
         asyncio.run(soak.run())
         report = Report(soak, time.time() - soak.journal.began)
-        report.write(options.out)
+        report.write(options.out / "soak.json")
         if options.plot:
             report.plot(options.out / "soak.svg")
-    sys.exit(bool(report.failures()))
+    sys.exit(bool(report.failures))
 
 
 if __name__ == "__main__":
