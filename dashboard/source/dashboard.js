@@ -94,7 +94,7 @@ function judge(time, { figures, problem }) {
     return ['lost', 'Not reachable', `Since ${clock(watched.lostAt)}: ${problem}. Retrying every second.`];
   }
   if (watched.lostAt) {
-    watched.back = `Back since ${clock(time)}, after ${Math.round(time - watched.lostAt)} s.`;
+    watched.back = `Back since ${clock(time)}, after a gap of ${Math.round(time - watched.lostAt)} s.`;
     watched.lostAt = 0;
   }
   const before = watched.figures;
