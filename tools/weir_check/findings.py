@@ -123,10 +123,10 @@ def raised(findings: list[Finding]) -> list[Finding]:
 
 def merged(findings: list[Finding]) -> list[Finding]:
     """One of each code a document, the worst first."""
-    groups: dict[tuple[str, str], list[Finding]] = {}
+    groups: dict[tuple[str, str, str], list[Finding]] = {}
     for one in findings:
         document = re.sub(r"(/[^/]*):\d+$", r"\1", one.where)
-        groups.setdefault((one.code, document), []).append(one)
+        groups.setdefault((one.code, one.kind, document), []).append(one)
     result = []
     for group in groups.values():
         more = f" (and {len(group) - 1} more such)" if len(group) > 1 else ""

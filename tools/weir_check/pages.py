@@ -41,18 +41,20 @@ class Page:
         return bool(self.body) or not any(code in UNREACHABLE for code in self.codes)
 
 
-def address_findings(url: str, where: str) -> list[Finding]:
+def address_findings(url: str, where: str, answer: Answer) -> list[Finding]:
     if take_apart(url) is None:
         return [Finding("relative-url", where, f"{url!r} is not an absolute http URL")]
     if url.startswith("https:"):
-        return [Finding("https", where, "an address with TLS", Grade.NOTE)]
+        return [Finding("https", where, f"{url} wants TLS",
+                        Grade.LOSS if answer.code else Grade.NOTE)]
     return []
 
 
 def page_of(net: Net, url: str, where: str, kind: str, base: str = "") -> Page:
     """`where` it is named; a relative one is looked at all the same."""
-    address, found = urljoin(base, url), address_findings(url, where)
+    address = urljoin(base, url)
     answer = net.get(address)
+    found = address_findings(url, where, answer)
     if answer.code == "short":
         found.append(answer.finding(address, where, kind, Grade.NOTE))  # weir makes do with it
     elif answer.code and answer.code not in [one.code for one in found]:

@@ -93,9 +93,9 @@ class Viewing:
         if not segment.url:
             self.note("blank-line", where, "an empty line")
             return lost_by("relative-url")
-        self.found += address_findings(segment.url, where)
         address = urljoin(self.media.url, segment.url)
         answer = self.net.get(address)
+        self.found += address_findings(segment.url, where, answer)
         self.found += self.net.compare(address, answer)
         if answer.code not in ("", "short", "stall"):
             self.found.append(answer.finding(address, where, "segment"))
