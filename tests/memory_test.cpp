@@ -66,6 +66,9 @@ struct Answer {
   size_t entries;  // variants, segments, or bytes of media that come of it
 };
 
+// In the name of the test.
+void PrintTo(const Answer& answer, std::ostream* out) { *out << answer.name; }
+
 std::string day() {
   const std::string url = "http://@/live/" + std::string(180, 'd') + "/%.ts\n";
   std::string text = "#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:1\n";
