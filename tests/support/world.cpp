@@ -61,31 +61,6 @@ unsigned seed() {
   return text == nullptr ? 0 : static_cast<unsigned>(std::atoi(text));
 }
 
-// The requests in it that are whole.
-void answer(std::string& received, Pipe& out, Pages& pages, std::map<std::string, size_t>& next) {
-  constexpr char kNoMore = '\0';
-  for (size_t end;
-       !received.starts_with(kNoMore) && (end = received.find("\r\n\r\n")) != std::string::npos;) {
-    const std::string request = received.substr(0, end);
-    received.erase(0, end + 4);
-    std::string shown = "> " + request;
-    for (size_t at; (at = shown.find("\r\n")) != std::string::npos;) shown.replace(at, 2, " | ");
-    noticed(shown);
-    const size_t start = request.find(' ') + 1;
-    const std::string path = request.substr(start, request.find(' ', start) - start);
-    const auto found = pages.find(path);
-    const Reply missing = ok("", "404 Not Found");
-    const Reply& reply = found == pages.end()
-                             ? missing
-                             : found->second[std::min(next[path]++, found->second.size() - 1)];
-    Time at = now();
-    for (const Reply::Piece& piece : reply.pieces) out.put(at += piece.pause, piece.bytes);
-    if (reply.end == Reply::kClose) out.end(at);
-    if (reply.end == Reply::kReset) out.reset(at);
-    if (reply.end != Reply::kKeep) received = {kNoMore};
-  }
-}
-
 }  // namespace
 
 Reply raw(std::string bytes, Reply::End end) { return {{{0s, std::move(bytes)}}, end}; }
@@ -126,11 +101,27 @@ std::string stats(int last, int average, int buffered, int profile) {
          ",\"selected_profile\": " + std::to_string(profile) + "}\n";
 }
 
+void respond(std::string& received, Pipe& out,
+             const std::function<Reply(const std::string& request)>& reply_to) {
+  constexpr char kNoMore = '\0';
+  for (size_t end; !received.starts_with(kNoMore) &&
+                   (end = received.find("\r\n\r\n")) != std::string::npos;) {
+    const std::string request = received.substr(0, end);
+    received.erase(0, end + 4);
+    const Reply reply = reply_to(request);
+    Time at = now();
+    for (const Reply::Piece& piece : reply.pieces) out.put(at += piece.pause, piece.bytes);
+    if (reply.end == Reply::kClose) out.end(at);
+    if (reply.end == Reply::kReset) out.reset(at);
+    if (reply.end != Reply::kKeep) received = {kNoMore};
+  }
+}
+
 World::World(const std::vector<std::string>& arguments) : start_(now()) {
   world = this;
   set_seed(seed());
   set_clock(1000s);
-  noticed = [this](const std::string& line) { note((line[0] == '>' ? "" : "~ ") + line); };
+  noticed = [this](const std::string& call) { note("~ " + call); };
   log_line = [this](int fd, const std::string& text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -186,9 +177,18 @@ Host& World::origin(const std::string& name_and_port, Pages pages) {
   const std::string port = colon == std::string::npos ? ":80" : name_and_port.substr(colon);
   if (!names.contains(name)) names[name] = "10.0.0." + std::to_string(names.size() + 1);
   Host& host = hosts[names[name] + port];
-  host.request = [pages = std::move(pages), next = std::map<std::string, size_t>()](
+  host.request = [this, pages = std::move(pages), next = std::map<std::string, size_t>()](
                      std::string& received, Pipe& out) mutable {
-    answer(received, out, pages, next);
+    respond(received, out, [&](const std::string& request) {
+      std::string shown = "> " + request;
+      for (size_t at; (at = shown.find("\r\n")) != std::string::npos;) shown.replace(at, 2, " | ");
+      note(shown);
+      const size_t start = request.find(' ') + 1;
+      const std::string path = request.substr(start, request.find(' ', start) - start);
+      const auto found = pages.find(path);
+      if (found == pages.end()) return ok("", "404 Not Found");
+      return found->second[std::min(next[path]++, found->second.size() - 1)];
+    });
   };
   return host;
 }

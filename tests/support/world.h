@@ -32,6 +32,10 @@ Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
 // The head, then the body in pieces.
 Reply slow(const std::string& body, size_t piece, Time pause);
 
+// Answers the requests that are whole, as long as the connection is good for any.
+void respond(std::string& received, Pipe& out,
+             const std::function<Reply(const std::string& request)>& reply_to);
+
 // By path: what it answers in turn, the last again and again; 404 elsewhere.
 using Pages = std::map<std::string, std::vector<Reply>>;
 

@@ -1,0 +1,300 @@
+// simulate FIRST COUNT: plays COUNT worlds, each of which follows from its seed, FIRST and on.
+//
+// In a world players of every habit watch live and recorded channels, through caches that
+// stall, cut, reset, trickle, refuse, lie, die and return. What a player has to get follows
+// from what the caches have sent for him, and is compared byte for byte.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+
+#include "support/world.h"
+
+namespace weir::test {
+namespace {
+
+const std::string kKeys[] = {"0123456789abcdef", "another key, 16.", "yet another key."};
+
+// What was sent for one segment, over all attempts to have it.
+struct Download {
+  bool encrypted;
+  size_t key;
+  std::string sent = {};
+  bool ended = false;  // for the client there is no more to come
+};
+
+struct Channel {
+  bool live, encrypted;
+  int variants;
+  Time duration;  // of a segment
+  int segments;   // of a recorded one
+};
+
+struct Player {
+  const Channel* channel;
+  Time began;
+  std::vector<Download> downloads = {};
+
+  std::string expected() const {
+    std::string all;
+    for (const Download& d : downloads) {
+      all += d.encrypted ? decrypt(d.sent, kKeys[d.key], d.ended) : d.sent;
+    }
+    return all;
+  }
+};
+
+class Simulation {
+ public:
+  explicit Simulation(unsigned seed) : random_(seed), faults_(below(4) == 0 ? 0 : 2 + below(14)) {
+    setenv("SIM_SEED", std::to_string(below(3) == 0 ? 0 : seed).c_str(), 1);
+  }
+
+  // Stream-seconds.
+  double run() {
+    World world({std::to_string(1 << (10 + below(12)))});
+    log_line = [this](int, const std::string& line) { ++lines_[line]; };
+    noticed = [&](const std::string& call) {
+      EXPECT_TRUE(call != "restarts" || world.since_start() > end_);  // there are pings till then
+    };
+    for (int i = 0; i < 4; ++i) {
+      channels_.push_back({below(2) == 0, below(2) == 0, 1 + below(3),
+                           std::chrono::seconds(1 + below(10)), 5 + below(200)});
+    }
+    for (const char* name : {"keys", "c0", "c1", "c2", "c3"}) {
+      world.origin(name).request = [this](std::string& received, Pipe& out) {
+        respond(received, out, [this](const std::string& request) { return answer(request); });
+      };
+    }
+    world.at(0s, [&] { rule(world); });
+    const int players = 4 + below(12);
+    sleep(1ms);  // the map is there
+    for (int i = 0; i < players; ++i) world.at(1s, [&] { watch(world); });
+    world.play({});
+    EXPECT_LT(world.since_start(), end_ + 400s);
+    return watched_;
+  }
+
+ private:
+  int below(int limit) { return static_cast<int>(random_() >> 4) % limit; }
+  bool one_in(int times) { return below(times) == 0; }
+
+  // Maps, caches that die and return, statistics, pings, threads that can't be had.
+  void rule(World& world) {
+    const std::string maps[] = {"c0:80,c1:80;c2:80,c3:80", "c3:80;c0:80,c2:80,c1:80", "c1:80,c0:80,c3:80"};
+    while (world.since_start() < end_) {
+      const std::string& map = maps[below(3)];
+      EXPECT_EQ(world.get({0s, "/update-cache-map?chunk=" + map + "&playlist=" + map}), kMapSet);
+      for (int turn = below(20); turn >= 0; --turn) {
+        auto host = std::next(hosts.begin(), 1 + below(4));  // not the first, which has the keys
+        const Host::Kind kinds[] = {Host::Kind::kServes, Host::Kind::kServes, Host::Kind::kRefuses,
+                                    Host::Kind::kSilent};
+        host->second.kind = faults_ == 0 ? Host::Kind::kServes : kinds[below(4)];
+        if (faults_ > 0 && one_in(10)) {
+          refuse("pthread_create", EAGAIN);
+          sleep(std::chrono::milliseconds(below(1500)));
+          refuse("pthread_create", 0);
+        }
+        EXPECT_EQ(world.get({0s, "/watchdog"}), kOk);
+        const std::string shown = world.get({0s, "/stats.json"});
+        EXPECT_TRUE(shown.starts_with(kOk + "{\"last_chunk_speed\": ") && shown.ends_with("}\n"));
+        sleep(std::chrono::seconds(below(20)));
+      }
+    }
+    for (auto& [address, host] : hosts) host.kind = Host::Kind::kServes;
+  }
+
+  // One after another, as long as the world lasts.
+  void watch(World& world) {
+    while (world.since_start() < end_) {
+      sleep(std::chrono::milliseconds(below(30000)));
+      if (one_in(20)) {  // never asks
+        EXPECT_EQ(world.get({0s, "", "", {}, 0}), "");
+        continue;
+      }
+      const size_t number = players_.size();
+      players_.push_back({&channels_[static_cast<size_t>(below(4))], now()});
+      const std::string resource = "/stream.ts?url=http://~/" + std::to_string(number) + "/m&startFrom=" +
+                                   std::to_string(below(8) - 5);
+      const bool stays = !one_in(3);
+      const size_t leaves = stays ? std::string::npos : static_cast<size_t>(200 + below(1 << 20));
+      const Time pause = one_in(3) ? std::chrono::milliseconds(below(2000)) : Time(0);
+      const int closed_before = lines_["no data for long time, closing stream\n"];
+      const std::string got = world.get({0s, resource, "", {}, leaves, pause});
+      const Player& player = players_[number];
+      watched_ += static_cast<double>((now() - player.began).count()) / 1e9;
+      if (got.empty()) continue;  // there was no thread for him
+      const std::string expected = stream(player.expected());
+      const bool whole = stays && lines_["no data for long time, closing stream\n"] == closed_before;
+      EXPECT_TRUE(whole ? got == expected : expected.starts_with(got))
+          << "player " << number << " got " << got.size() << " of " << expected.size() << ", same "
+          << std::mismatch(got.begin(), got.end(), expected.begin(), expected.end()).first - got.begin();
+    }
+  }
+
+  Reply answer(const std::string& request) {
+    unsigned number = 0, variant = 0, sequence = 0;
+    char kind = 0;
+    std::sscanf(request.c_str(), "GET /%u/%c%u/%u", &number, &kind, &variant, &sequence);
+    Player& player = players_.at(number);
+    const bool fault = faults_ > 0 && one_in(kind == 's' ? faults_ : 60);
+    if (kind == 'k') return ok(kKeys[variant]);
+    if (kind == 's') return segment(player, variant, sequence, request, fault);
+    if (fault) return headless();
+    return ok(kind == 'm' ? master(number, *player.channel) : list(number, variant, player));
+  }
+
+  // Fails before there is any body.
+  Reply headless() {
+    switch (below(5)) {
+      case 0: return raw("", Reply::kStall);
+      case 1: return raw("HTTP/1.1 200 OK\r\nConte", Reply::kClose);
+      case 2: return raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nxx", Reply::kClose);
+      case 3: return raw("ICY 200 OK\r\n", Reply::kClose);
+      default: return ok("", "503 No");
+    }
+  }
+
+  static std::string master(unsigned number, const Channel& channel) {
+    std::string text = "#EXTM3U\n";
+    for (int v = 0; v < channel.variants; ++v) {
+      text += "#EXT-X-STREAM-INF:BANDWIDTH=" + std::to_string(100000 << v) + "\nhttp://~/" +
+              std::to_string(number) + "/v" + std::to_string(v) + "\n";
+    }
+    return text;
+  }
+
+  std::string list(unsigned number, unsigned variant, const Player& player) const {
+    const Channel& channel = *player.channel;
+    const auto newest = static_cast<int>(std::min(now(), end_) / channel.duration) + 10;
+    const int first = channel.live ? newest - 6 : 1;
+    const int last = channel.live ? newest : channel.segments;
+    std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(channel.duration / 1s) +
+                       "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
+    const std::string prefix = "/" + std::to_string(number);
+    for (int sequence = first; sequence <= last; ++sequence) {
+      if (channel.encrypted && (sequence == first || sequence % 10 == 0)) {
+        text += "#EXT-X-KEY:METHOD=AES-128,URI=\"http://keys" + prefix + "/k" +
+                std::to_string(sequence / 10 % 3) + "\"\n";
+      }
+      text += "http://@" + prefix + "/s" + std::to_string(variant) + "/" + std::to_string(sequence) + "\n";
+    }
+    return text + (channel.live && now() < end_ ? "" : "#EXT-X-ENDLIST\n");
+  }
+
+  Reply segment(Player& player, unsigned variant, unsigned sequence, const std::string& request,
+                bool fault) {
+    static const std::string block = pattern(1 << 20);
+    const bool encrypted = player.channel->encrypted;
+    const size_t key = sequence / 10 % 3;
+    const size_t size = 1 + (sequence * 7919 + variant * 31) % (20000U << variant);
+    std::string body = block.substr(sequence * 104729 % 900000, size);
+    if (encrypted) body = encrypt(body, kKeys[key]);
+    size_t from = 0;
+    if (const size_t range = request.find("bytes="); range != std::string::npos) {
+      from = std::strtoul(request.c_str() + range + 6, nullptr, 10);
+    }
+    std::string status = "200 OK";
+    if (from > 0 && fault && one_in(4)) {
+      from = 0;  // the range is ignored
+      fault = false;
+    } else if (from > body.size()) {
+      return ok("", "416 No");
+    } else if (from > 0) {
+      status = "206 P\r\nContent-Range: bytes " + std::to_string(from) + "-";
+    } else {
+      player.downloads.push_back({encrypted, key});
+    }
+    Download& download = player.downloads.back();
+    body.erase(0, from);
+    const size_t part = static_cast<size_t>(below(static_cast<int>(std::min<size_t>(body.size(), 50000)) + 1));
+    const auto sent = [&](size_t count, bool ended) {
+      download.sent.append(body, 0, count);
+      download.ended = ended || count == body.size();
+    };
+    Reply reply = ok(body, status);
+    const std::string head = reply.pieces[0].bytes.substr(0, reply.pieces[0].bytes.size() - body.size());
+    if (!fault) {
+      sent(body.size(), true);
+      reply = raw(head);
+      const size_t piece = static_cast<size_t>(1000 + below(30000));
+      const Time pause = std::chrono::milliseconds(below(below(100) == 0 ? 1500 : 30));
+      for (size_t at = 0; at < body.size(); at += piece) reply.pieces.push_back({pause, body.substr(at, piece)});
+      return reply;
+    }
+    switch (below(6)) {
+      case 0:
+        sent(part, false);
+        return raw(head + body.substr(0, part), Reply::kStall);
+      case 1:
+        sent(part, true);
+        return raw(head + body.substr(0, part), Reply::kClose);
+      case 2:
+        sent(part, true);
+        return {{{0s, head}, {1s, body.substr(0, part)}}, Reply::kReset};
+      case 3:  // more is announced than there is
+        sent(body.size(), false);
+        download.ended = false;
+        return cut(body + "lies", body.size());
+      default:
+        if (from == 0) player.downloads.pop_back();
+        return headless();
+    }
+  }
+
+  std::minstd_rand random_;
+  const int faults_;  // one in so many answers; 0 is none
+  const Time end_ = std::chrono::minutes(5 + below(40));
+  std::vector<Channel> channels_;
+  std::deque<Player> players_;
+  std::map<std::string, int> lines_;
+  double watched_ = 0;
+};
+
+// In a process of its own, so that nothing of one world is left for the next.
+bool play(unsigned seed, double& hours) {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(120);
+    const double seconds = Simulation(seed).run();
+    const bool failed = testing::Test::HasFailure();
+    if (::write(ends[1], &seconds, sizeof seconds) != sizeof seconds) std::abort();
+    std::fflush(nullptr);
+    _exit(failed ? 1 : 0);
+  }
+  ::close(ends[1]);
+  double seconds = 0;
+  const bool told = ::read(ends[0], &seconds, sizeof seconds) == sizeof seconds;
+  ::close(ends[0]);
+  hours += seconds / 3600;
+  int status = 0;
+  waitpid(child, &status, 0);
+  return told && status == 0;
+}
+
+}  // namespace
+}  // namespace weir::test
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  if (argc < 3) return 2;
+  const auto first = static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10));
+  const auto count = static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10));
+  double hours = 0;
+  unsigned failed = 0;
+  for (unsigned seed = first; seed < first + count; ++seed) {
+    if (weir::test::play(seed, hours)) continue;
+    std::printf("seed %u fails\n", seed);
+    ++failed;
+  }
+  std::printf("%u worlds, %.1f stream-hours, %u failed\n", count, hours, failed);
+  return failed == 0 ? 0 : 1;
+}
