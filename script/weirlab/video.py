@@ -9,19 +9,22 @@ from weirlab.lab import Lab
 
 KEY = bytes(range(1, 17))
 FIRST = 1  # weir never fetches segment number 0
-# AES-128 as weir has it: CBC, the initialisation vector zero, PKCS#7.
-ENCRYPT = ["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", "0" * 32]
 
 
-def encrypt(clear: bytes) -> bytes:
-    return subprocess.run(ENCRYPT, input=clear, capture_output=True, check=True).stdout
+def cipher(vector: int = 0) -> list[str]:
+    """The command for AES-128 as in HLS: CBC, PKCS#7. weir has only the initialisation vector zero."""
+    return ["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", f"{vector:032x}"]
+
+
+def encrypt(clear: bytes, vector: int = 0) -> bytes:
+    return subprocess.run(cipher(vector), input=clear, capture_output=True, check=True).stdout
 
 
 def encrypt_file(path: Path) -> None:
     """Without reading it here: what starts programs stays small, since their peak RSS is at least its own."""
     secret = path.with_suffix(".new")
     with path.open("rb") as source, secret.open("wb") as target:
-        subprocess.run(ENCRYPT, stdin=source, stdout=target, check=True)
+        subprocess.run(cipher(), stdin=source, stdout=target, check=True)
     secret.rename(path)
 
 

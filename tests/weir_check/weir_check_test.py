@@ -7,14 +7,12 @@ byte arrives, 1 that some do, 2 and 3 that none does.
 """
 
 import contextlib
-import ctypes
 import io
 import json
 import os
 import random
 import re
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
@@ -22,20 +20,24 @@ import threading
 import time
 import traceback
 import zlib
+from collections.abc import Callable, Sequence
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
-from urllib.parse import quote
+from typing import TextIO
 
 TOP = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TOP / "tools"))
+sys.path[:0] = [str(TOP / "script"), str(TOP / "tools")]
 
 from weir_check.main import main  # noqa: E402
+from weirlab import client  # noqa: E402
+from weirlab.lab import Lab  # noqa: E402
+from weirlab.network import own_network  # noqa: E402
+from weirlab.video import KEY, encrypt  # noqa: E402
 
 # Two names of one origin: what weir-check asks for changes nothing for weir.
 CHECKED, PLAYED = "127.0.0.2:8000", "127.0.0.1:8000"
 DEADLINE = 17.5  # s; weir closes a stream that delivers nothing after 16
-KEY = bytes(range(16))
-SHORT = {
+SHORT: dict[str, str | Callable[[re.Match[str]], str]] = {
     r"@variant (\d+) (\S+)": r"#EXT-X-STREAM-INF:BANDWIDTH=\1\n$H\2",
     r"@media (\d+)": r"#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:\1",
     r"@end": "#EXT-X-ENDLIST",
@@ -45,11 +47,11 @@ SHORT = {
 }
 
 
-def mirrored(data):
+def mirrored(data: bytes) -> bytes:
     return bytes(int(f"{byte:08b}"[::-1], 2) for byte in data)
 
 
-def media(number):
+def media(number: int) -> bytes:
     """A program table, and packets without sense."""
     table = bytes([0, 0xB0, 0x0D, 0, number, 0xC1, 0, 0, 0, 1, 0xF0, 0])
     table += mirrored((zlib.crc32(mirrored(table)) ^ 0xFFFFFFFF).to_bytes(4, "little"))
@@ -58,23 +60,21 @@ def media(number):
     return b"".join(packets)
 
 
-def enciphered(data, vector):
-    return subprocess.run(["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv",
-                           f"{vector:032x}"], input=data, capture_output=True, check=True).stdout
-
-
 FILES = {f"/{i}.ts": media(i) for i in (1, 2, 3, 4, 5, 9)} | {
-    f"/{name}{i}.ts": enciphered(media(i), i * (name == "numbered"))
+    f"/{name}{i}.ts": encrypt(media(i), i * (name == "numbered"))
     for name in ("zero", "numbered") for i in (1, 2)} | {
     "/init.mp4": b"\0\0\0\x18ftypinit", "/1.m4s": b"\0\0\0\x18moof" + bytes(400), "/key": KEY}
 USUAL = {"/master": "#EXTM3U\n@variant 2000 /low\n", "/low": "@media 1\n@1\n@2\n@end\n"}
 
 
 class Case:
-    def __init__(self, lines):
-        self.name, *lines = lines.split("\n")
-        self.expected, self.files, self.faults = [], {}, {}
-        self.url, self.args, self.plays, body = "/master", "", "1 2", []
+    def __init__(self, text: str) -> None:
+        self.name, *lines = text.split("\n")
+        self.expected: list[str] = []
+        self.files: dict[str, dict[float, list[str]]] = {}
+        self.faults: dict[str, list[str]] = {}
+        self.url, self.args, self.plays = "/master", "", "1 2"
+        body: list[str] = []
         for line in lines:
             word, _, rest = line.partition(" ")
             if word == "---":
@@ -91,7 +91,7 @@ class Case:
         self.whole = (FILES["/init.mp4"] + FILES["/1.m4s"] if self.plays == "mp4" else
                       b"".join(FILES[f"/{one}.ts"] for one in self.plays.split()))
 
-    def file(self, port, path, seconds, host):
+    def file(self, port: int, path: str, seconds: float, host: str) -> tuple[bytes | None, list[str]]:
         """Its bytes at that time, and what goes wrong with it."""
         path = f":{port}{path}" if f":{port}{path}" in self.files else path
         versions = self.files.get(path, {0: []})
@@ -107,11 +107,12 @@ class Case:
 
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    server: "Origin"
 
-    def log_message(self, *_):
+    def log_message(self, *_: object) -> None:
         pass
 
-    def do_GET(self):
+    def do_GET(self) -> None:
         server, host = self.server, self.headers["Host"]
         began = server.began.setdefault(host, time.monotonic())
         data, faults = server.case.file(server.server_port, self.path, time.monotonic() - began,
@@ -133,7 +134,7 @@ class Handler(BaseHTTPRequestHandler):
         if "long-head" in faults:
             self.send_header("X", "x" * (300 << 10))
         if "no-length" not in faults:
-            self.send_header(length, len(data))
+            self.send_header(length, str(len(data)))
         self.end_headers()
         self.close_connection |= bool({"http10", "no-length", "short", "stall"} & set(faults))
         if not {"short", "stall"} & set(faults) or (host, self.path) in server.broken:
@@ -146,20 +147,21 @@ class Handler(BaseHTTPRequestHandler):
 
 
 class Origin(ThreadingHTTPServer):
-    def __init__(self, case, port):
+    def __init__(self, case: Case, port: int) -> None:
         super().__init__(("", port), Handler)
-        self.case, self.began, self.broken = case, {}, set()
+        self.case = case
+        self.began: dict[str, float] = {}
+        self.broken: set[tuple[str, str]] = set()
         threading.Thread(target=self.serve_forever, daemon=True).start()
 
-    def handle_error(self, *_):
+    def handle_error(self, *_: object) -> None:
         pass  # a client that closes
 
 
-def ask(path, seconds=5):
+def within(seconds: float, path: str) -> bytes:
     """The body of weir's answer, as far as it comes in time."""
     data, end = b"", time.monotonic() + seconds
-    with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", 7744)) as weir:
-        weir.sendall(f"GET {path} HTTP/1.1\r\n\r\n".encode())
+    with contextlib.suppress(OSError), client.connect(path) as weir:
         more = b"\n"
         while more:
             data += more
@@ -168,15 +170,15 @@ def ask(path, seconds=5):
     return data.partition(b"\r\n\r\n")[2]
 
 
-def played(case, url):
+def played(case: Case, url: str) -> int:
     """The status that weir's own answer is worth."""
-    got = ask(f"/stream.ts?url={quote(url, safe='')}", DEADLINE)
+    got = within(DEADLINE, client.stream_path(url))
     size = 188 if case.whole[:1] == b"G" else len(case.whole)
     parts = [case.whole[i:i + size] for i in range(0, len(case.whole), size)]
     return 0 if got == case.whole else 1 if any(part in got for part in parts) else 2
 
 
-def said(case, url, args):
+def said(case: Case, url: str, args: Sequence[str]) -> tuple[int, str]:
     """The status of the command, and what it should not have said."""
     output = io.StringIO()
     with contextlib.redirect_stdout(output):
@@ -187,35 +189,30 @@ def said(case, url, args):
     return min(status, 2), "" if lines == case.expected else f"it says\n{text}"
 
 
-def check(case, weir):
+def check(case: Case, weir: Path) -> str:
     """Complaints about one case."""
-    ctypes.CDLL(None).unshare(0x40000000)  # a network of its own
-    subprocess.run("ip link set lo up; ip route add 10.0.0.0/8 dev lo", shell=True, check=True)
+    own_network()
+    subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)
     for port in (8000, 8001):
         Origin(case, port)
-    program = subprocess.Popen([TOP / "script/without-reboot", weir, "1000000"],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    try:
-        while not ask("/stats.json"):
-            time.sleep(0.05)
-        words, real = case.args.split(), []
-        maps = [f"{name[2:]}={value}" for name, value in zip(words, words[1:])
-                if name in ("--chunk", "--playlist")]
-        urls = [case.url if "//" in case.url else f"http://{host}{case.url}"
-                for host in (CHECKED, PLAYED)]
+    words, real = case.args.split(), list[int]()
+    maps = [f"{name[2:]}={value}" for name, value in zip(words, words[1:])
+            if name in ("--chunk", "--playlist")]
+    urls = [case.url if "//" in case.url else f"http://{host}{case.url}"
+            for host in (CHECKED, PLAYED)]
+    with Lab() as lab:
+        lab.weir(weir, 1_000_000)
         if "--weir" in words:  # has the comparison in it, with a weir that has no maps
             return said(case, urls[0], words)[1]
-        ask("/update-cache-map?" + "&".join(maps))
+        client.get("/update-cache-map?" + "&".join(maps))
         player = threading.Thread(target=lambda: real.append(played(case, urls[1])))
         player.start()
         status, complaint = said(case, urls[0], words)
         player.join()
         return complaint + (f"\nand is worth {status}, but weir {real}" if [status] != real else "")
-    finally:
-        program.kill()
 
 
-def in_child(case, weir):
+def in_child(case: Case, weir: Path) -> TextIO:
     reader, writer = os.pipe()
     if os.fork() == 0:
         try:
@@ -228,26 +225,26 @@ def in_child(case, weir):
     return os.fdopen(reader)
 
 
-def installed():
+def installed() -> str:
     """Complaints about the command as it is installed."""
     with tempfile.TemporaryDirectory() as usr:
         shutil.copytree(TOP / "tools/weir_check", f"{usr}/share/weir/weir_check")
         command = shutil.copy(TOP / "tools/weir-check", usr)
         os.renames(command, f"{usr}/bin/weir-check")
-        status, text = zip(*((done.returncode, done.stdout) for done in (
-            subprocess.run([f"{usr}/bin/weir-check", *args], capture_output=True)
-            for args in ([], ["--json", "http://127.0.0.1:9/"]))))
-        return (status, json.loads(text[1])["status"]) != ((64, 3), 3) and f"{status} {text}"
+        bare, dead = (subprocess.run([f"{usr}/bin/weir-check", *args], capture_output=True)
+                      for args in (list[str](), ["--json", "http://127.0.0.1:9/"]))
+    found = [bare.returncode, dead.returncode, json.loads(dead.stdout)["status"]]
+    return "" if found == [64, 3, 3] else f"{found} {dead.stdout!r}"
 
 
-def run(weir, names):
+def run(weir: Path, names: Sequence[str]) -> bool:
     os.nice(19)  # as weir's threads, which are to get their share
     texts = (Path(__file__).parent / "cases.txt").read_text().split("\n== ")[1:]
     cases = [case for case in map(Case, texts) if not names or case.name in names]
     failed, count = cases, len(cases)
     for _ in range(2):  # so many at once may starve each other
-        complaints = [(case, in_child(case, weir)) for case in failed]
-        complaints = [(case, text) for case, child in complaints if (text := child.read())]
+        children = [(case, in_child(case, weir)) for case in failed]
+        complaints = [(case, text) for case, child in children if (text := child.read())]
         failed = [case for case, _ in complaints]
     for case, text in complaints:
         print(f"== {case.name}\n{text}\n")
@@ -258,6 +255,4 @@ def run(weir, names):
 
 
 if __name__ == "__main__":
-    if os.getuid() != 0:
-        os.execvp("unshare", ["unshare", "-r", sys.executable, *sys.argv])
-    sys.exit(run(sys.argv[1], sys.argv[2:]))
+    sys.exit(run(Path(sys.argv[1]), sys.argv[2:]))
