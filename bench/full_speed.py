@@ -82,12 +82,11 @@ class Bench:
         return Run(self.size / (time.monotonic() - start), cpu, peak)
 
     def report(self, kind: str) -> None:
-        programs = {"relay": self.relay, "weir": self.weir}
-        if not self.options.no_peers:
-            programs |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
-        results = tables.in_turn({name: functools.partial(run, kind)
-                                  for name, run in programs.items()}, self.options.rounds)
-        floor = results["relay"]
+        every = {"relay": self.relay, "weir": self.weir}
+        every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
+        results = tables.in_turn({name: functools.partial(every[name], kind)
+                                  for name in self.options.programs.split(",")}, self.options.rounds)
+        floor = next(iter(results.values()))
         for name, rows in results.items():
             speeds, floor_speeds = [[run.speed / 1e6 for run in runs] for runs in (rows, floor)]
             cpus, floor_cpus = [[run.cpu / self.size * 1e9 for run in runs] for runs in (rows, floor)]
@@ -101,7 +100,7 @@ def main() -> None:
     parser.add_argument("--build", type=Path, default=TOP / "build/bench")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--segments", type=int, default=156, help="of five seconds and 5 MB")
-    parser.add_argument("--no-peers", action="store_true")
+    parser.add_argument("--programs", default=",".join(["relay", "weir", *PEERS]))
     parser.add_argument("--buffer", type=int, default=2_000_000_000, help="bytes, of weir")
     options = parser.parse_args()
     own_network()

@@ -159,9 +159,8 @@ class Bench:
     def report(self, kind: str) -> None:
         every = {"relay": self.relay, "weir": self.weir}
         every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
-        results = tables.in_turn({name: functools.partial(every[name], kind) for name in
-                                  self.options.programs.split(",") if name in every},
-                                 self.options.rounds)
+        results = tables.in_turn({name: functools.partial(every[name], kind)
+                                  for name in self.options.programs.split(",")}, self.options.rounds)
         floor = [run.cpu for run in next(iter(results.values()))]
         for name, rows in results.items():
             cpus = [run.cpu for run in rows]
