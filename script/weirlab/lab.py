@@ -21,7 +21,7 @@ Process = subprocess.Popen[bytes]
 # Nothing of nginx's needs root, so root gives it away.
 AS_NOBODY: dict[str, Any] = (
     {"user": "nobody", "group": "nogroup", "extra_groups": []} if os.geteuid() == 0 else {})
-NGINX = """daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
+NGINX = """{user}daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
 events {{ worker_connections 8192; }}
 http {{
 access_log off; sendfile on; tcp_nodelay on; keepalive_requests 10000000; keepalive_timeout 300s;
@@ -111,7 +111,9 @@ class Lab:
         """Writes the configuration of an nginx; returns its folder."""
         folder = self.work / name
         (folder / "t").mkdir(parents=True, exist_ok=True)
-        (folder / "nginx.conf").write_text(NGINX.format(port=port, server=server), encoding="ascii")
+        # The root of a user namespace has nobody to give it away to.
+        user = "user root root; " if os.geteuid() == 0 and not AS_NOBODY else ""
+        (folder / "nginx.conf").write_text(NGINX.format(user=user, port=port, server=server))
         if AS_NOBODY:
             for path in (folder, folder / "t"):
                 shutil.chown(path, AS_NOBODY["user"])
