@@ -21,13 +21,14 @@ Process = subprocess.Popen[bytes]
 # Nothing of nginx's needs root, so root gives it away.
 AS_NOBODY: dict[str, Any] = (
     {"user": "nobody", "group": "nogroup", "extra_groups": []} if os.geteuid() == 0 else {})
-NGINX = """{user}daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
+NGINX = """{top} daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
 events {{ worker_connections 8192; }}
 http {{
 access_log off; sendfile on; tcp_nodelay on; keepalive_requests 10000000; keepalive_timeout 300s;
 client_body_temp_path t/b; proxy_temp_path t/p; fastcgi_temp_path t/f; uwsgi_temp_path t/u;
 scgi_temp_path t/s; proxy_cache_path t/c keys_zone=z:1m max_size=64m inactive=1m use_temp_path=off;
 server {{ listen 127.0.0.1:{port} backlog=4096; {server} }}
+{http}
 }}
 """
 # Small pieces make nginx keep a rate evenly. A live playlist must not be kept.
@@ -107,20 +108,25 @@ class Lab:
         for worker in workers:
             os.kill(worker, signal.SIGKILL)
 
-    def configure(self, name: str, port: int, server: str) -> Path:
-        """Writes the configuration of an nginx; returns its folder."""
+    def configure(self, name: str, port: int, server: str, top: str = "", http: str = "") -> Path:
+        """Writes the configuration of an nginx; returns its folder.
+
+        `top` and `http` are what else stands at the top level and within http.
+        """
         folder = self.work / name
         (folder / "t").mkdir(parents=True, exist_ok=True)
         # The root of a user namespace has nobody to give it away to.
-        user = "user root root; " if os.geteuid() == 0 and not AS_NOBODY else ""
-        (folder / "nginx.conf").write_text(NGINX.format(user=user, port=port, server=server))
+        if os.geteuid() == 0 and not AS_NOBODY:
+            top = "user root root; " + top
+        text = NGINX.format(port=port, server=server, top=top, http=http)
+        (folder / "nginx.conf").write_text(text, encoding="ascii")
         if AS_NOBODY:
             for path in (folder, folder / "t"):
                 shutil.chown(path, AS_NOBODY["user"])
         return folder
 
-    def nginx(self, name: str, port: int, server: str) -> Process:
-        folder = self.configure(name, port, server)
+    def nginx(self, name: str, port: int, server: str, **more: str) -> Process:
+        folder = self.configure(name, port, server, **more)
         process = self.start(["nginx", "-p", folder, "-e", folder / "error.log",
                               "-c", folder / "nginx.conf"], **AS_NOBODY)
         wait_until(f"{name} to answer", lambda: process.poll() is not None or answers(port))
