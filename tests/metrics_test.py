@@ -1,0 +1,158 @@
+"""What mtail counts in weir's log, and that neither it nor a full log stops a stream.
+
+metrics_test.py WEIR. The settings are those of the units in examples/, word for word, in a
+network and a file system of its own.
+"""
+
+import ctypes
+import re
+import shlex
+import signal
+import subprocess
+import sys
+import urllib.request
+from pathlib import Path
+
+from weirlab import client, lab, metrics, network
+
+SEGMENTS, ORIGIN, MTAIL_PORT, NEW_MOUNTS = 40, 8000, 3903, 0x20000
+PROGRESS, PROBLEMS = Path("/run/weir/progress"), Path("/run/weir/problems")
+
+# By transcript of the simulation: what is counted, of the names in front of the colon everything.
+COUNTED = {
+    "RequestsAreAnsweredExactly": """requests rejected_requests:
+        requests path=/stats.json 3, requests path=/stream 1, requests path=/stream.ts 2,
+        requests path=/update-cache-map 5, requests path=/watchdog 1, requests path=other 5,
+        rejected_requests status=404 5, rejected_requests status=406 1""",
+    "VariantsFollowTheSpeed": """selections departures sudden_drops segment: selections 5,
+        departures direction=up 2, departures direction=down 1, sudden_drops 3,
+        segments server=o 10, segment_bytes server=o 128000""",
+    "FullBufferHoldsTheDownloadBackAndKeepsTheVariant": """selections full postponed:
+        selections 3, full_buffer_passes 4, postponed_switches 2""",
+    "HostsThatCannotBeReachedAreTriedAgain": """streams stream_end retries given upstream:
+        streams_begun 10, streams_ended 10, stream_end_reasons reason=no playlist 2,
+        stream_end_reasons reason=last segment 8, retries kind=document request 7,
+        given_up kind=document request 1, upstream_failures reason=unreachable 11,
+        upstream_failures reason=unknown name 2, upstream_failures reason=silent 1,
+        upstream_failures reason=broken 5""",
+    "RingsGiveWayWhenTheirServersFail": """segments server:
+        segments server=p:80 4, server_alive server=gone:80 0,
+        server_invalidations server=gone:80 4, server_invalidations server=lost:81 2,
+        server_invalidations server=p 1, server_invalidations server=p:80 1""",
+    "UrlsAreTakenApart": "segments: segments server=o 2, segments server=o:81 2, "
+                         "segments server=c:8080 2, segments server=p 1",
+    "HeadsAreReadAsTheyCome": """retries upstream: retries kind=segment anew 2,
+        retries kind=segment request 3, upstream_failures reason=302 1,
+        upstream_failures reason=no length 1, upstream_failures reason=silent 1""",
+    "OffsetComesFromTheContentRange": "retries segment_f: retries kind=segment resumed 6, "
+                                      "segment_failures 8",
+    "SegmentsThatCannotBeHadAreLeftOutUntilTheFourthInARow": """retries stream_end:
+        retries kind=segment anew 21, stream_end_reasons reason=segments failed 1""",
+    "StreamsEndWithoutDataAndWithoutAReader": """streams stream_end: streams_begun 5,
+        streams_ended 5, stream_end_reasons reason=no data 3""",
+    "PlaylistsMayBeOdd": """stream_end invalid: stream_end_reasons reason=no playlist 2,
+        stream_end_reasons reason=no variant 1, stream_end_reasons reason=nothing new 1,
+        invalid_variants 1""",
+    "DeviceIsRestartedWithoutPingsAndByItsMarker": "watchdog: watchdog_pings 4",
+}
+
+
+def check_table(room: lab.Lab) -> None:
+    for name, row in COUNTED.items():
+        text = (lab.TOP / f"tests/transcripts/{name}.txt").read_text(encoding="latin-1")
+        lines = re.findall(r"^  (?![>~] )(?:! )?(.*\n)", text, re.MULTILINE)
+        (room.work / "log").write_text("".join(lines), encoding="latin-1")
+        names, _, values = " ".join(row.split()).partition(": ")
+        got = {key: value for key, value in metrics.of_log(room.work / "log").items()
+               if key.startswith(tuple(names.split()))}
+        wanted = {key: float(value) for key, _, value in
+                  (entry.rpartition(" ") for entry in values.split(", ")) if value != "0"}
+        if got != wanted:
+            raise SystemExit(f"{name}: {sorted(got.items() ^ wanted.items())}")
+
+
+def setting(file: str, key: str) -> str:
+    """The last one of that name in an example."""
+    text = (lab.TOP / "examples" / file).read_text(encoding="utf-8")
+    return re.findall(rf'^(?:Environment=")?{key}=-?(.*?)"?$', text, re.MULTILINE)[-1]
+
+
+def command(file: str, key: str = "ExecStart") -> list[str]:
+    return shlex.split(setting(file, key))
+
+
+def scrape() -> dict[str, float]:
+    with urllib.request.urlopen(f"http://127.0.0.1:{MTAIL_PORT}/metrics") as answer:
+        return metrics.parse(answer.read().decode())
+
+
+def check_feed(room: lab.Lab, binary: Path) -> None:
+    """A stream must go on whoever has stopped reading, and be counted by who reads."""
+    media = b"".join(bytes([number]) * 188 for number in range(SEGMENTS))
+    urls = "".join(f"#EXTINF:1,\nhttp://127.0.0.1:{ORIGIN}/{i}.ts\n" for i in range(SEGMENTS))
+    for name, data in {f"{i}.ts": media[i * 188:][:188] for i in range(SEGMENTS)}.items():
+        (room.www / name).write_bytes(data)
+    (room.www / "list").write_text("#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:1\n"
+                                   f"{urls}#EXT-X-ENDLIST\n")
+    (room.www / "master").write_text("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\n"
+                                     f"http://127.0.0.1:{ORIGIN}/list\n")
+    room.origin(ORIGIN)
+
+    def play() -> None:
+        path = client.stream_path(f"http://127.0.0.1:{ORIGIN}/master")
+        if client.ask(path, timeout=10).partition(b"\r\n\r\n")[2] != media:
+            raise SystemExit("a stream is not whole")
+
+    def counted(name: str = f"segments server=127.0.0.1:{ORIGIN}") -> float:
+        return scrape().get(name, 0)
+
+    drop_in, mtail_unit = "weir.service.d/metrics.conf", "mtail/mtail.service.d/weir.conf"
+    with open(setting(drop_in, "StandardOutput").removeprefix("append:"), "ab") as out, \
+            open(setting(drop_in, "StandardError").removeprefix("append:"), "ab") as err:
+        mtail = room.start([*metrics.MTAIL, "--logs", setting(mtail_unit, "LOGS"), "--port", MTAIL_PORT,
+                            *shlex.split(setting(mtail_unit, "EXTRA_ARGS"))], stderr=subprocess.DEVNULL)
+        journal = (room.work / "journal").open("wb")
+        tail = room.start(command("mtail/weir-problems.service"), stdout=journal, stderr=journal)
+        lab.wait_until("mtail to answer", lambda: client.answers(MTAIL_PORT))
+        subprocess.run(command(drop_in, "ExecStartPre"), stdout=out, check=True)
+        weir = room.start([lab.TOP / "script/without-reboot", binary, 1 << 20], stdout=out, stderr=err)
+        lab.wait_until("weir to answer", lambda: weir.poll() is not None or client.answers(client.WEIR))
+        play()
+        lab.wait_until("the first stream to be counted", lambda: counted() == SEGMENTS)
+        if counted("starts") != 1 or counted("streams"):
+            raise SystemExit(f"one start and no stream left expected, not {scrape()}")
+
+        for reader in (mtail, tail):
+            reader.send_signal(signal.SIGSTOP)
+        play()
+        with subprocess.Popen(["yes", "x" * 1000], stdout=out, stderr=subprocess.DEVNULL) as filler:
+            filler.wait()  # until there is no space left
+        play()
+        for reader in (mtail, tail):
+            reader.send_signal(signal.SIGCONT)
+        lab.wait_until("the second stream to be counted", lambda: counted() >= 2 * SEGMENTS)
+
+        room.start(command("mtail/weir-log.service"))
+        lab.wait_until("the log to be emptied", lambda: PROGRESS.stat().st_size < 1 << 20)
+        before = counted()
+        play()
+        lab.wait_until("the fourth stream to be counted", lambda: counted() == before + SEGMENTS)
+        lab.wait_until("its end to be in the journal", lambda: (room.work / "journal").read_bytes()
+                       .count(b"mpl finish and cleanup!\n") >= 3)
+
+
+def main() -> None:
+    network.own_network()
+    if ctypes.CDLL(None).unshare(NEW_MOUNTS) != 0:
+        raise SystemExit("no file system of its own; try it as root")
+    for mount in ("--make-rprivate /", "-t tmpfs tmpfs /run",
+                  f"-m -t tmpfs -o {setting('mtail/run-weir.mount', 'Options')} tmpfs /run/weir"):
+        subprocess.run(["mount", *mount.split()], check=True)
+    with lab.Lab() as room:
+        check_table(room)
+        check_feed(room, Path(sys.argv[1]).resolve())
+    print(f"metrics: {len(COUNTED)} transcripts and 4 streams counted")
+
+
+if __name__ == "__main__":
+    main()
