@@ -269,6 +269,8 @@ def attempt(options: argparse.Namespace, last: bool) -> bool:
                 demo.log.read()
                 print("FAILED; what weir said last:", *demo.log.lines[-20:], sep="\n", file=sys.stderr)
             raise
+        if options.log:
+            shutil.copyfile(room.log, options.log)
         if options.play:
             room.start(["ffplay", "-v", "fatal", "-autoexit", "-window_title", "weir", STREAM_URL]).wait()
         if options.keep:
@@ -283,6 +285,7 @@ def main() -> None:
                "environment variable WEIR_BINARY names another one.")
     parser.add_argument("--play", action="store_true", help="then show the stream with ffplay")
     parser.add_argument("--keep", action="store_true", help="then leave everything running until Ctrl-C")
+    parser.add_argument("--log", metavar="FILE", help="put what weir has logged there")
     options = parser.parse_args()
     if options.play and not (os.environ.get("DISPLAY") or os.environ.get("WAYLAND_DISPLAY")):
         raise SystemExit("--play needs a display")

@@ -1,16 +1,20 @@
 """What mtail counts in weir's log, and that neither it nor a full log stops a stream.
 
-metrics_test.py WEIR. The settings are those of the units in examples/, word for word, in a
-network and a file system of its own.
+metrics_test.py WEIR: in transcripts, and in a log that the real program writes as the units in
+examples/ have it, word for word, in a network and a file system of its own.
+metrics_test.py --demo: in the log of script/demo, against what that says.
 """
 
+import collections
 import ctypes
 import re
 import shlex
 import signal
 import subprocess
 import sys
+import tempfile
 import urllib.request
+from itertools import pairwise
 from pathlib import Path
 
 from weirlab import client, lab, metrics, network
@@ -126,7 +130,7 @@ def check_feed(room: lab.Lab, binary: Path) -> None:
             reader.send_signal(signal.SIGSTOP)
         play()
         with subprocess.Popen(["yes", "x" * 1000], stdout=out, stderr=subprocess.DEVNULL) as filler:
-            filler.wait()  # until there is no space left
+            filler.wait(60)  # until there is no space left
         play()
         for reader in (mtail, tail):
             reader.send_signal(signal.SIGCONT)
@@ -141,7 +145,36 @@ def check_feed(room: lab.Lab, binary: Path) -> None:
                        .count(b"mpl finish and cleanup!\n") >= 3)
 
 
+def run_demo() -> None:
+    with tempfile.NamedTemporaryFile() as log:
+        run = subprocess.run([lab.TOP / "script/demo", "--log", log.name], stdout=subprocess.PIPE, text=True)
+        print(run.stdout)
+        if run.returncode != 0:
+            raise SystemExit(run.returncode)
+        got = metrics.of_log(Path(log.name))
+    story = run.stdout.rpartition("making a video")[2]
+    rates = [int(rate) for rate in re.findall(r"weir takes .*, (\d+) bit/s", story)]
+    up, down = (sum((rate - last) * way > 0 for last, rate in pairwise(rates)) for way in (1, -1))
+    dead = collections.Counter(re.findall(r"weir marks dead (.*)", story))
+    expected = {
+        "streams_begun": 1, "streams_ended": 1, "stream_end_reasons reason=last segment": 1,
+        "selections": len(rates), "segments": int(re.findall(r"(\d+) of", story)[-1]) / 50,
+        "retries kind=segment resumed": len(re.findall(r"from byte [1-9]", story)),
+        **{f"server_invalidations server={server}": count for server, count in dead.items()},
+        "alive": len(re.findall(r"cache\d", story.splitlines()[1])) - len(dead)}
+    for name, total in (("segments", "segments server="), ("alive", "server_alive")):
+        got[name] = sum(value for key, value in got.items() if key.startswith(total))
+    # A switch that is due at the very end of the stream, or below the lowest variant, is not made.
+    ups, downs = (got.get(f"departures direction={way}", 0) for way in ("up", "down"))
+    wrong = {key: got.get(key, 0) for key, value in expected.items() if got.get(key, 0) != value}
+    if wrong or not (0 < up <= ups <= up + 1 and 0 < down <= downs + got.get("sudden_drops", 0)):
+        raise SystemExit(f"metrics that don't fit the story, {expected}, {up} up, {down} down: {wrong}, {got}")
+    print("the metrics fit the story:", expected)
+
+
 def main() -> None:
+    if sys.argv[1] == "--demo":
+        return run_demo()
     network.own_network()
     if ctypes.CDLL(None).unshare(NEW_MOUNTS) != 0:
         raise SystemExit("no file system of its own; try it as root")
