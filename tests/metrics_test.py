@@ -78,7 +78,8 @@ def check_table(room: lab.Lab) -> None:
 def setting(file: str, key: str) -> str:
     """The last one of that name in an example."""
     text = (lab.TOP / "examples" / file).read_text(encoding="utf-8")
-    return re.findall(rf'^(?:Environment=")?{key}=-?(.*?)"?$', text, re.MULTILINE)[-1]
+    found: list[str] = re.findall(rf'^(?:Environment=")?{key}=-?(.*?)"?$', text, re.MULTILINE)
+    return found[-1]
 
 
 def command(file: str, key: str = "ExecStart") -> list[str]:
@@ -168,7 +169,7 @@ def run_demo() -> None:
     ups, downs = (got.get(f"departures direction={way}", 0) for way in ("up", "down"))
     wrong = {key: got.get(key, 0) for key, value in expected.items() if got.get(key, 0) != value}
     if wrong or not (0 < up <= ups <= up + 1 and 0 < down <= downs + got.get("sudden_drops", 0)):
-        raise SystemExit(f"metrics that don't fit the story, {expected}, {up} up, {down} down: {wrong}, {got}")
+        raise SystemExit(f"the story, {expected}, {up} up, {down} down, is not that of {wrong}, {got}")
     print("the metrics fit the story:", expected)
 
 
