@@ -1,6 +1,7 @@
 #include "base/log.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -65,18 +66,29 @@ void flush_out_at_once() {
   stream.mutex.unlock();
 }
 
-// Both streams may lead to the same pipe. Only with both locks is it certain that what the
+bool lead_to_the_same_place(int one, int other) {
+  struct stat a {};
+  struct stat b {};
+  return fstat(one, &a) == 0 && fstat(other, &b) == 0 && a.st_dev == b.st_dev &&
+         a.st_ino == b.st_ino;
+}
+
+bool try_write(Stream& stream, std::string_view line) {
+  if (!stream.mutex.try_lock()) return false;
+  const bool accepted = takes_at_once(stream.fd, line);
+  if (accepted) write_all(stream.fd, line);
+  stream.mutex.unlock();
+  return accepted;
+}
+
+// Where both streams lead to the same pipe, only with both locks is it certain that what the
 // pipe would accept now it still accepts a moment later.
 bool try_write_err(std::string_view line) {
+  if (!lead_to_the_same_place(out().fd, err().fd)) return try_write(err(), line);
   if (!out().mutex.try_lock()) return false;
-  bool written = false;
-  if (err().mutex.try_lock()) {
-    written = takes_at_once(err().fd, line);
-    if (written) write_all(err().fd, line);
-    err().mutex.unlock();
-  }
+  const bool accepted = try_write(err(), line);
   out().mutex.unlock();
-  return written;
+  return accepted;
 }
 
 }  // namespace

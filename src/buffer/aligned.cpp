@@ -7,12 +7,12 @@
 namespace weir {
 
 namespace {
-constexpr std::size_t kAlignment = 16;
+constexpr size_t kAlignment = 16;
 // Room for the raw address and for moving up to the next boundary.
-constexpr std::size_t kOverhead = sizeof(void*) + kAlignment - 1;
+constexpr size_t kOverhead = sizeof(void*) + kAlignment - 1;
 }  // namespace
 
-void* aligned_allocate(std::size_t bytes) {
+void* aligned_allocate(size_t bytes) {
   void* const raw = std::malloc(bytes + kOverhead);
   if (raw == nullptr) return nullptr;
   unsigned char* const end = static_cast<unsigned char*>(raw) + kOverhead;

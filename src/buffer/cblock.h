@@ -17,10 +17,10 @@ namespace weir {
 // writePos seals the block: the rest of its storage stays idle.
 struct CBlock {
   explicit CBlock(std::uint64_t size)
-      : data(aligned_bytes(static_cast<std::size_t>(size))), limit(size) {}
+      : data(aligned_bytes(static_cast<size_t>(size))), limit(size) {}
 
   // Null when there is no memory for the descriptor.
-  static void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  static void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
     return aligned_allocate(bytes);
   }
   static void operator delete(void* memory) { aligned_release(memory); }

@@ -19,9 +19,9 @@ namespace {
 constexpr std::chrono::milliseconds kEmptyWait{100};
 
 // Has the system supply the pages of that range now.
-void populate(unsigned char* memory, std::size_t bytes) {
-  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  const std::size_t to_boundary = -reinterpret_cast<std::uintptr_t>(memory) % page;
+void populate(unsigned char* memory, size_t bytes) {
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const size_t to_boundary = -reinterpret_cast<std::uintptr_t>(memory) % page;
   if (bytes > to_boundary) {
     (void)madvise(memory + to_boundary, bytes - to_boundary, MADV_POPULATE_WRITE);
   }
@@ -37,7 +37,7 @@ std::unique_ptr<CBlock> new_block(std::uint64_t size) {
     log_err("CBUFF: Unable to allocate mem for cblock data");
     return nullptr;
   }
-  if (sbrk(0) != end_of_heap) populate(block->data.get(), size / 4 * 3);
+  if (sbrk(0) != end_of_heap) populate(block->data.get(), static_cast<size_t>(size / 4 * 3));
   return block;
 }
 
@@ -84,7 +84,7 @@ bool CBuff::write(std::span<const unsigned char> bytes) {
   if (bytes.empty() && room_ == 0 && !has_tail()) (void)append();
   while (!bytes.empty()) {
     if (room_ == 0 && !append()) return false;
-    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(room_, bytes.size()));
+    const auto count = static_cast<size_t>(std::min<std::uint64_t>(room_, bytes.size()));
     std::memcpy(current_->data.get() + position_, bytes.data(), count);
     publish(count);
     bytes = bytes.subspan(count);
@@ -94,7 +94,7 @@ bool CBuff::write(std::span<const unsigned char> bytes) {
 
 std::span<unsigned char> CBuff::reserve() {
   if (room_ == 0 && !append()) return {};
-  return {current_->data.get() + position_, static_cast<std::size_t>(room_)};
+  return {current_->data.get() + position_, static_cast<size_t>(room_)};
 }
 
 std::span<unsigned char> CBuff::sealAndReserve() {
@@ -129,7 +129,7 @@ std::span<const unsigned char> CBuff::peek() {
     block = head_.load(std::memory_order_acquire);
   }
   const std::uint64_t end = block->writePos.load(std::memory_order_acquire);
-  return {block->data.get() + block->readPos, static_cast<std::size_t>(end - block->readPos)};
+  return {block->data.get() + block->readPos, static_cast<size_t>(end - block->readPos)};
 }
 
 void CBuff::consume(std::uint64_t count) {
@@ -141,12 +141,12 @@ void CBuff::consume(std::uint64_t count) {
 }
 
 std::uint64_t CBuff::read(std::span<unsigned char> destination) {
-  std::uint64_t copied = 0;
+  size_t copied = 0;
   while (copied < destination.size()) {
     // Only the first turn may wait.
     if (copied > 0 && fill() == 0) break;
     const std::span<const unsigned char> from = peek();
-    const std::size_t count = std::min(from.size(), destination.size() - copied);
+    const size_t count = std::min(from.size(), destination.size() - copied);
     if (count == 0) break;
     std::memcpy(destination.data() + copied, from.data(), count);
     consume(count);

@@ -161,7 +161,7 @@ bool ChunkFetcher::note_success(const Chunk& chunk, const UCurl::Download& downl
 bool ChunkFetcher::stays_in(const Band& band) {
   const std::uint64_t average = stats_.avg_speed.get();
   if (band.contains(average)) return true;
-  log_out("avg_speed out of boundaries! (", average, " ", band.low >> 10, " ", band.high >> 10,
+  log_out("avg_speed out of boundaries! (", average, " ", band.low_kbps(), " ", band.high_kbps(),
           ")");
   refresh_at_once();
   return false;

@@ -13,7 +13,7 @@ namespace weir {
 // Ownership: the text stays the caller's, and lines point into it.
 class PlaylistReader {
  public:
-  static constexpr std::size_t kMaxLine = 65536;  // bytes
+  static constexpr size_t kMaxLine = 65536;  // bytes
 
   explicit PlaylistReader(std::string_view text) : lines_(text, '\n') {}
 

@@ -59,6 +59,7 @@ std::uint64_t upper_boundary(std::uint64_t bandwidth) {
 
 Decision keep_or_change(const Selection& current, std::uint64_t average, std::uint64_t held,
                         std::uint64_t max_buffer) {
+  // An invalid variant that a full buffer kept would be tried again and again without end.
   const bool usable = current.variant != nullptr && !current.variant->invalid;
   if (current.band.begins_above(average)) {
     return usable && is_adequate(held, max_buffer) ? Decision::kKeep : Decision::kChange;
@@ -66,6 +67,7 @@ Decision keep_or_change(const Selection& current, std::uint64_t average, std::ui
   if (!current.band.contains(average)) return Decision::kChange;
   if (usable) return Decision::kKeep;
   if (current.variant != nullptr) return Decision::kChange;
+  // Only a band without a variant comes here; the engine sets and clears both together.
   log_err("Unable no variant chosen!");
   return Decision::kFail;
 }

@@ -18,9 +18,11 @@ struct Band {
   std::uint64_t low = 0;   // bit/s; 0 is no lower limit
   std::uint64_t high = 0;  // bit/s; all ones is no upper limit
 
-  [[nodiscard]] bool begins_above(std::uint64_t kbps) const { return kbps < low >> 10; }
+  [[nodiscard]] std::uint64_t low_kbps() const { return low >> 10; }
+  [[nodiscard]] std::uint64_t high_kbps() const { return high >> 10; }
+  [[nodiscard]] bool begins_above(std::uint64_t kbps) const { return kbps < low_kbps(); }
   [[nodiscard]] bool contains(std::uint64_t kbps) const {
-    return !begins_above(kbps) && kbps < high >> 10;
+    return !begins_above(kbps) && kbps < high_kbps();
   }
 };
 

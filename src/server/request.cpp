@@ -43,7 +43,7 @@ void* Request::thread_entry(void* self) {
   const std::unique_ptr<Request> request(static_cast<Request*>(self));
   log_out("do_request_start");
   lower_priority();
-  log_out("pthread_detach");
+  log_out("pthread_detach");  // by who started it; readers of the log know the line
   request->start();
   log_out("after start");
   return nullptr;

@@ -20,7 +20,7 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
+constexpr size_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
 constexpr std::chrono::milliseconds kIdlePoll{50};
 constexpr double kNoDataLimit = 15.0;  // seconds
 

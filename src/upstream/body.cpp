@@ -14,8 +14,6 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kMaxRead = 131071;  // bytes in one read
-constexpr std::chrono::seconds kReadTimeout{2};
 constexpr auto kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 
 // Nothing, which is logged, where an HTTP/1.1 response doesn't state the length.
@@ -43,7 +41,7 @@ BodyResult read_segment_to_end(Connection& connection, const Response& response,
       connection.close_if_open();
       return BodyResult::kDelivered;
     }
-    piece = connection.recv_string(kMaxRead, kReadTimeout);
+    piece = connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
     if (!piece) return BodyResult::kBroken;
   } while (!piece->empty());
   return BodyResult::kDelivered;
@@ -64,7 +62,8 @@ BodyResult download_document(Connection& connection, Response& response, std::st
     }
     received += piece.size();
     if (received >= *length) return BodyResult::kDelivered;
-    std::optional<std::string> next = connection.recv_string(kMaxRead, kReadTimeout);
+    std::optional<std::string> next =
+        connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
     if (!next) return BodyResult::kBroken;
     if (next->empty()) return BodyResult::kDelivered;
     piece = std::move(*next);

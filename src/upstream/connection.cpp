@@ -20,7 +20,6 @@ namespace {
 
 constexpr std::chrono::seconds kConnectTimeout{2};
 constexpr std::chrono::seconds kSendTimeout{2};
-constexpr std::chrono::seconds kReadTimeout{2};
 
 void set_flags(int fd, int set, int cleared) {
   int flags = fcntl(fd, F_GETFL);
@@ -150,7 +149,7 @@ void Connection::fail_receive(const char* reason) {
   log_err("Excep: ", reason);
 }
 
-std::optional<std::string> Connection::recv_string(std::size_t most, std::chrono::seconds timeout) {
+std::optional<std::string> Connection::recv_string(size_t most, std::chrono::seconds timeout) {
   if (!wait_readable(sock_.get(), timeout)) {
     fail_receive("recv timeout1");
     return std::nullopt;
@@ -163,11 +162,11 @@ std::optional<std::string> Connection::recv_string(std::size_t most, std::chrono
     fail_receive("recv error");
     return std::nullopt;
   }
-  return std::string(piece.get(), static_cast<std::size_t>(count));
+  return std::string(piece.get(), static_cast<size_t>(count));
 }
 
 // At full speed the bytes are usually there already, and there is nothing to wait for.
-std::optional<std::size_t> Connection::recv_into(std::span<unsigned char> destination) {
+std::optional<size_t> Connection::recv_into(std::span<unsigned char> destination) {
   ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) {
     if (!wait_readable(sock_.get(), kReadTimeout)) {
@@ -176,7 +175,7 @@ std::optional<std::size_t> Connection::recv_into(std::span<unsigned char> destin
     }
     count = read(sock_.get(), destination.data(), destination.size());
   }
-  return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+  return static_cast<size_t>(std::max<ssize_t>(count, 0));
 }
 
 }  // namespace weir

@@ -20,9 +20,13 @@ namespace weir {
 // Threads:   one at a time. Connecting takes at most 2 s, plus however long the resolver
 //            takes; a receive takes at most its time-out.
 // Ownership: closes its descriptor when destroyed.
-// Failure:   the connection is closed and the reason is on the error stream.
+// Failure:   connect_to() and the receives that return nothing close the connection and
+//            log why; the rest says so at each.
 class Connection {
  public:
+  static constexpr std::chrono::seconds kReadTimeout{2};  // of all receives but the status line's
+  static constexpr size_t kMaxRead = 131071;              // bytes of a body in one receive
+
   // Takes over a socket that is connected already, or begins without one.
   explicit Connection(Fd sock = Fd()) : sock_(std::move(sock)) {}
   ~Connection();
@@ -45,12 +49,11 @@ class Connection {
 
   // At most that many bytes as a text; empty at the end of the stream. Nothing when the
   // receive failed.
-  [[nodiscard]] std::optional<std::string> recv_string(std::size_t most,
-                                                       std::chrono::seconds timeout);
+  [[nodiscard]] std::optional<std::string> recv_string(size_t most, std::chrono::seconds timeout);
 
   // Returns how many bytes arrived; 0 at the end of the stream, and errors count as
   // such. Nothing when none arrived within 2 s.
-  [[nodiscard]] std::optional<std::size_t> recv_into(std::span<unsigned char> destination);
+  [[nodiscard]] std::optional<size_t> recv_into(std::span<unsigned char> destination);
 
   // Closes the connection because of what was received, or was not.
   void fail_receive(const char* reason);

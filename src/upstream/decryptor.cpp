@@ -26,17 +26,17 @@ bool Decryptor::start(std::string_view key) {
   return false;
 }
 
-std::size_t Decryptor::update(unsigned char* output, std::span<const unsigned char> input) {
+size_t Decryptor::update(unsigned char* output, std::span<const unsigned char> input) {
   int count = 0;
   (void)EVP_DecryptUpdate(context_.get(), output, &count, input.data(),
                           static_cast<int>(input.size()));
-  return static_cast<std::size_t>(std::max(count, 0));
+  return static_cast<size_t>(std::max(count, 0));
 }
 
-std::size_t Decryptor::finish(unsigned char* output) {
+size_t Decryptor::finish(unsigned char* output) {
   int count = 0;
   (void)EVP_DecryptFinal_ex(context_.get(), output, &count);
-  return static_cast<std::size_t>(std::max(count, 0));
+  return static_cast<size_t>(std::max(count, 0));
 }
 
 }  // namespace weir

@@ -16,7 +16,7 @@ namespace weir {
 class Decryptor {
  public:
   // What an update may write beyond the size of its input, and finish() at most.
-  static constexpr std::size_t kSlack = 32;
+  static constexpr size_t kSlack = 32;
 
   // Begins with the first 16 bytes of the key; a shorter one is padded with zeros.
   // False, with the reason on the error stream, where the library can't.
@@ -27,10 +27,10 @@ class Decryptor {
 
   // Decrypts into `output`, which is larger than the input by kSlack, and returns how
   // many bytes that gave. Where the cipher fails there are none.
-  [[nodiscard]] std::size_t update(unsigned char* output, std::span<const unsigned char> input);
+  [[nodiscard]] size_t update(unsigned char* output, std::span<const unsigned char> input);
 
   // The last block, without its padding; nothing when the padding is wrong.
-  [[nodiscard]] std::size_t finish(unsigned char* output);
+  [[nodiscard]] size_t finish(unsigned char* output);
 
   void stop() { context_.reset(); }
 

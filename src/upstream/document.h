@@ -13,7 +13,7 @@ namespace weir {
 // Ownership: the text stays the caller's.
 class Document {
  public:
-  static constexpr std::size_t kMaxSize = 16 << 20;  // bytes
+  static constexpr size_t kMaxSize = 16 << 20;  // bytes
 
   explicit Document(std::string& text) : text_(text) { text_.clear(); }
 

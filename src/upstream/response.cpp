@@ -13,15 +13,14 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kHeadRead = 4096;   // bytes in one read
-constexpr std::size_t kMaxHead = 262144;  // bytes
+constexpr size_t kHeadRead = 4096;   // bytes in one read
+constexpr size_t kMaxHead = 262144;  // bytes
 constexpr std::chrono::seconds kStatusTimeout{6};
-constexpr std::chrono::seconds kReadTimeout{2};
 
 // A server that closes inside its head fails as a silent one does. Deliberate: the
 // time-out is slept out, because callers count on that time between attempts.
 void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_point since) {
-  const auto left = since + kReadTimeout - std::chrono::steady_clock::now();
+  const auto left = since + Connection::kReadTimeout - std::chrono::steady_clock::now();
   sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
   connection.fail_receive("recv timeout1");
 }
@@ -67,7 +66,8 @@ bool Response::read_headers(Connection& connection) {
     // The end may straddle two reads.
     searched = rest.size() - std::min(rest.size(), kHeadEnd.size() - 1);
     const auto since = std::chrono::steady_clock::now();
-    const std::optional<std::string> piece = connection.recv_string(kHeadRead, kReadTimeout);
+    const std::optional<std::string> piece =
+        connection.recv_string(kHeadRead, Connection::kReadTimeout);
     if (!piece) return false;
     if (piece->empty()) {
       fail_inside_head(connection, since);

@@ -12,8 +12,7 @@ namespace weir {
 
 namespace {
 
-constexpr std::size_t kMaxRead = 131071;  // bytes in one read
-constexpr std::size_t kDecryptedRead = kMaxRead + Decryptor::kSlack;
+constexpr size_t kDecryptedRead = Connection::kMaxRead + Decryptor::kSlack;
 
 std::span<const unsigned char> as_bytes(std::string_view text) {
   return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
@@ -21,7 +20,7 @@ std::span<const unsigned char> as_bytes(std::string_view text) {
 
 // Storage of at least that size, in a fresh block where the tail has too little. Less
 // only when memory has run out.
-std::span<unsigned char> reserve_at_least(CBuff& buffer, std::size_t wanted) {
+std::span<unsigned char> reserve_at_least(CBuff& buffer, size_t wanted) {
   const std::span<unsigned char> storage = buffer.reserve();
   return storage.size() >= wanted ? storage : buffer.sealAndReserve();
 }
@@ -35,7 +34,7 @@ bool SegmentSink::write(std::string_view bytes) {
   const AlignedBytes output =
       aligned_bytes(std::max(bytes.size() + Decryptor::kSlack, kDecryptedRead));
   if (output == nullptr) return false;
-  const std::size_t count = decryptor_.update(output.get(), as_bytes(bytes));
+  const size_t count = decryptor_.update(output.get(), as_bytes(bytes));
   return buffer_.write({output.get(), count});
 }
 
@@ -47,8 +46,8 @@ SegmentSink::Step SegmentSink::receive(Connection& connection, std::uint64_t& re
 SegmentSink::Step SegmentSink::receive_clear(Connection& connection, std::uint64_t& received) {
   const std::span<unsigned char> storage = buffer_.reserve();
   if (storage.empty()) return Step::kNoMemory;
-  const std::optional<std::size_t> count =
-      connection.recv_into(storage.first(std::min(storage.size(), kMaxRead)));
+  const std::optional<size_t> count =
+      connection.recv_into(storage.first(std::min(storage.size(), Connection::kMaxRead)));
   if (!count) return Step::kBroken;
   if (*count == 0) return Step::kEnd;
   received += *count;
@@ -57,9 +56,9 @@ SegmentSink::Step SegmentSink::receive_clear(Connection& connection, std::uint64
 }
 
 SegmentSink::Step SegmentSink::receive_encrypted(Connection& connection, std::uint64_t& received) {
-  if (input_ == nullptr) input_ = aligned_bytes(kMaxRead);
+  if (input_ == nullptr) input_ = aligned_bytes(Connection::kMaxRead);
   if (input_ == nullptr) return Step::kNoMemory;
-  const std::optional<std::size_t> count = connection.recv_into({input_.get(), kMaxRead});
+  const std::optional<size_t> count = connection.recv_into({input_.get(), Connection::kMaxRead});
   if (!count) return Step::kBroken;
   if (*count == 0) return Step::kEnd;
   const std::span<unsigned char> output = reserve_at_least(buffer_, kDecryptedRead);

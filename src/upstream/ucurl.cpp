@@ -118,15 +118,22 @@ bool UCurl::get(const std::string& url, std::string& out) {
   return done;
 }
 
-bool UCurl::get_document(const std::string& url, std::string& out) {
-  // Between tries the response keeps what an attempt without a status line received.
-  Response response;
-  Attempt result;
-  for (int number = 1; (result = get_common(url, response, false, 0)) != Attempt::kDone; ++number) {
-    if (result == Attempt::kBroken) return false;
-    log_err("get common failed - retry ", number);
+bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive,
+                     std::uint64_t from_bytes, std::string_view name) {
+  for (int number = 1;; ++number) {
+    const Attempt result = get_common(url, response, keep_alive, from_bytes);
+    if (result == Attempt::kDone || result == Attempt::kBroken) return result == Attempt::kDone;
+    log_err(name, " failed - retry ", number);
     if (number == kTries) return false;
+    // Deliberate: a document keeps what an attempt without a status line received, in front
+    // of the next response.
+    if (keep_alive) response.rest.clear();
   }
+}
+
+bool UCurl::get_document(const std::string& url, std::string& out) {
+  Response response;
+  if (!get_head(url, response, false, 0, "get common")) return false;
   std::uint64_t received = 0;
   const BodyResult body = download_document(connection_, response, out, received);
   if (body == BodyResult::kLengthUnknown) server_.invalidate_cache_server();
@@ -139,14 +146,7 @@ std::optional<UCurl::Download> UCurl::get_stream(const std::string& url, CBuff& 
                                                  std::uint64_t from_bytes) {
   position = 0;
   Response response;
-  Attempt result;
-  for (int number = 1; (result = get_common(url, response, true, from_bytes)) != Attempt::kDone;
-       ++number) {
-    if (result == Attempt::kBroken) return std::nullopt;
-    log_err("get_stream / get common failed - retry ", number);
-    if (number == kTries) return std::nullopt;
-    response.rest.clear();
-  }
+  if (!get_head(url, response, true, from_bytes, "get_stream / get common")) return std::nullopt;
   const timeval start = wall_clock();
   if (!prepare_cipher(key, from_bytes != 0)) return std::nullopt;
   SegmentSink sink(cbuff, cipher_);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "upstream/body.h"
 #include "upstream/connection.h"
@@ -57,6 +58,10 @@ class UCurl {
   // attempts; a receive failed, which ends the tries.
   enum class Attempt { kDone, kFailed, kRefused, kBroken };
 
+  // Gets a response up to the end of its head. False after the last try, and when a
+  // receive failed.
+  [[nodiscard]] bool get_head(const std::string& url, Response& response, bool keep_alive,
+                              std::uint64_t from_bytes, std::string_view name);
   [[nodiscard]] Attempt get_common(const std::string& url, Response& response, bool keep_alive,
                                    std::uint64_t from_bytes);
   [[nodiscard]] Attempt attempt(const std::string& url, Response& response, bool keep_alive,

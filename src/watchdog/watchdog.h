@@ -13,9 +13,10 @@ namespace weir {
 // are whole seconds of the monotonic clock.
 //
 // Threads: check() by the server loop alone; ping() by any.
-// Failure: a log that doesn't accept the line delays the reboot by at most 100 ms. A
-//          reboot that isn't allowed returns, and check() carries on: the marker fires
-//          again with every call, the time-out after the next ping.
+// Failure: an error stream that doesn't accept the line delays the reboot by about a
+//          tenth of a second, and the line is dropped. A reboot that isn't allowed returns,
+//          and check() carries on: the marker fires again with every call, the time-out
+//          after the next ping.
 class Watchdog {
  public:
   explicit Watchdog(Device device);
@@ -33,7 +34,7 @@ class Watchdog {
 
   const Device device_;
 
-  // Shared with the threads that ping. lastPing is stored before armed (release)
+  // Shared with the threads that ping. last_ping_ is stored before armed_ (release)
   // and loaded after it (acquire), so a check never compares with no ping at all.
   std::atomic<bool> armed_{false};
   std::atomic<time_t> last_ping_{0};
