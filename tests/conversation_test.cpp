@@ -144,7 +144,9 @@ TEST(Conversation, HeadsAreReadAsTheyCome) {
             {"/negative", odd(raw(ok11 + "Content-Length: -1\r\n\r\nabc", End::kClose))},
             {"/less", odd(raw(ok11 + "Content-Length: 2\r\n\r\nabc"))},
             {"/zero", odd(ok(""))}}));
-  world.play({{0s, kM, stream("206abcten++++++++++abcabc"), 9002ms}});
+  // A speed that is no number, as that of the last one, is none.
+  world.play({{0s, kM, stream("206abcten++++++++++abcabc"), 9002ms},
+              {9s, "/stats.json", stats(0, 6004799503160661, 0, 0), 9s}});
   world.compare_transcript();
 }
 
@@ -251,7 +253,7 @@ TEST(Conversation, OffsetComesFromTheContentRange) {
 TEST(Conversation, VariantsFollowTheSpeed) {
   // 128 bytes in a millisecond are 1000 kbps.
   const auto at_kbps = [](size_t kbps) { return slow(pattern(12800), kbps * 128 / 1000, 1ms); };
-  const size_t speeds[] = {6000, 6000, 6000, 1600, 1600, 1600, 1600, 700, 300, 300};
+  const size_t speeds[] = {6000, 6000, 6000, 1600, 1600, 1600, 1600, 700, 700, 300, 300};
   std::vector<std::string> lines;
   Pages pages = {{"/m",
                   {ok(master({"800000 http://o/low", "3200000 http://o/high",
@@ -458,6 +460,9 @@ TEST(Conversation, DeviceIsRestartedWithoutPingsAndByItsMarker) {
     world.at(to, [&world] { world.marker = false; });
   };
   mark(20500ms, 25500ms);
+  // For once with the loop, which comes before.
+  world.at(30500ms, [&world] { world.whole = true; });
+  world.at(32500ms, [&world] { world.whole = false; });
   mark(28500ms, 31500ms);
   mark(699500ms, 702500ms);
   world.play({{10300ms, "POST /watchdog\r\n\r\n", kOk, 10300ms},

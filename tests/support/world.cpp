@@ -94,7 +94,7 @@ std::string stream(const std::string& media) {
   return head("200 Streaming...", "application/octet-stream") + media;
 }
 
-std::string stats(int last, int average, int buffered, int profile) {
+std::string stats(long last, long average, long buffered, long profile) {
   return kOk + "{\"last_chunk_speed\": " + std::to_string(last) +
          ",\"avg_speed\": " + std::to_string(average) +
          ",\"cbuff_size\": " + std::to_string(buffered) +
@@ -208,7 +208,7 @@ std::string World::get(const Ask& ask) {
   if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) ADD_FAILURE();
   const bool complete = ask.resource.empty() || ask.resource.find(' ') != std::string::npos;
   const std::string text = complete ? ask.resource : "GET " + ask.resource + " HTTP/1.1\r\n\r\n";
-  if (!text.empty()) EXPECT_EQ(send(fd, text.data(), text.size(), 0), std::ssize(text));
+  (void)!send(fd, text.data(), text.size(), 0);  // the program may have closed already
   std::string got;
   std::string piece(65536, '\0');
   while (got.size() < ask.leaves) {

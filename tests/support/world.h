@@ -52,7 +52,7 @@ struct Ask {
 std::string head(const std::string& status, const std::string& type);
 // The answer to a stream that delivers this.
 std::string stream(const std::string& media);
-std::string stats(int last, int average, int buffered, int profile);
+std::string stats(long last, long average, long buffered, long profile);
 extern const std::string kOk, kMapSet;
 
 class World {
