@@ -47,13 +47,8 @@ extern "C" void* __cxa_get_globals() noexcept;
 
 namespace weir::test {
 
+constexpr size_t kGuard = 4096;
 constexpr size_t kStack = 512 << 10;
-constexpr int kStackFlags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-#if WEIR_ASAN || WEIR_TSAN
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 struct Fiber {
   std::function<void()> run;
@@ -61,7 +56,8 @@ struct Fiber {
   int inside = 0;
   char* stack = nullptr;
   size_t size = kStack;
-  bool mapped = false, done = false, detached = false, woken = false;
+  bool done = false, woken = false;
+  bool released = true;    // joined or detached, as a thread of the program has to be
   std::uint64_t turn = 0;  // of waiting; a deadline of an earlier one is void
   Waiters joiners;
   std::vector<Waiters*> waiting;
@@ -95,7 +91,7 @@ Fiber* current = &main_fiber;
 Fiber* ended = nullptr;  // and to be freed by who runs next
 std::deque<Fiber*> ready;
 std::priority_queue<Due> due;
-std::vector<Fiber*> idle;
+std::deque<Fiber> fibers;  // all there ever were, since a deadline in `due` may name any
 std::map<std::string, int> refusals;
 std::map<pthread_mutex_t*, Waiters> contended;
 Time time_now{0};
@@ -121,40 +117,19 @@ void make_ready(Fiber* fiber, bool woken) {
 
 #if defined(__x86_64__)
 extern "C" void weir_sim_switch(void** from, void* to);
-asm(R"(
-.text
-.globl weir_sim_switch
-weir_sim_switch:
-  push %rbp
-  push %rbx
-  push %r12
-  push %r13
-  push %r14
-  push %r15
-  mov %rsp, (%rdi)
-  mov %rsi, %rsp
-  pop %r15
-  pop %r14
-  pop %r13
-  pop %r12
-  pop %rbx
-  pop %rbp
-  ret
-)");
+asm(".globl weir_sim_switch; weir_sim_switch: "
+    "push %rbp; push %rbx; push %r12; push %r13; push %r14; push %r15; mov %rsp, (%rdi); "
+    "mov %rsi, %rsp; pop %r15; pop %r14; pop %r13; pop %r12; pop %rbx; pop %rbp; ret");
 #endif
-
-// Never deleted, since a deadline in `due` may still name it.
-void give_back(Fiber* fiber) {
-  fiber->done = fiber->detached = false;
-  idle.push_back(fiber);
-}
 
 void free_ended() {
   if (ended == nullptr) return;
-#if WEIR_TSAN
+#if WEIR_ASAN
+  __lsan_unregister_root_region(ended->stack, kStack);
+#elif WEIR_TSAN
   __tsan_destroy_fiber(ended->shadow);
 #endif
-  if (ended->detached) give_back(ended);
+  munmap(ended->stack - kGuard, kStack + kGuard);
   ended = nullptr;
 }
 
@@ -240,7 +215,7 @@ Fiber* end_current() {
   __tsan_release(current);
   __tsan_release(&program_threads);
 #endif
-  if (current->whose == Of::kProgram) --program_threads;
+  if (current->whose == Of::kProgram && current->released) --program_threads;
   return next_fiber();
 }
 
@@ -254,35 +229,18 @@ void fiber_main() {
   std::abort();
 }
 
-Fiber* idle_fiber() {
-  if (!idle.empty()) {
-    Fiber* const fiber = idle.back();
-    idle.pop_back();
-    return fiber;
-  }
-  auto* const fiber = new Fiber;
-  constexpr size_t kGuard = 4096;
-  void* const memory = mmap(nullptr, kStack + kGuard, PROT_NONE, kStackFlags, -1, 0);
-  if (memory == MAP_FAILED) die("no stack");
+Fiber* new_fiber(std::function<void()> run, Of whose) {
+  Fiber* const fiber = &fibers.emplace_back();
+  fiber->run = std::move(run);
+  fiber->whose = whose;
+  if (whose == Of::kProgram) ++program_threads;
+  void* const memory = mmap(nullptr, kStack + kGuard, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED || mprotect(memory, kGuard, PROT_NONE) != 0) die("no stack");
   fiber->stack = static_cast<char*>(memory) + kGuard;
 #if WEIR_ASAN
   __lsan_register_root_region(fiber->stack, kStack);
-#endif
-  return fiber;
-}
-
-Fiber* new_fiber(std::function<void()> run, Of whose) {
-  Fiber* const fiber = idle_fiber();
-  fiber->run = std::move(run);
-  fiber->whose = whose;
-  fiber->inside = 0;
-  fiber->shadow = nullptr;
-  // Mapped anew, so that the sanitizers know of nothing that was there.
-  if (kSanitized || !std::exchange(fiber->mapped, true)) {
-    mmap(fiber->stack, kStack, PROT_READ | PROT_WRITE, kStackFlags | MAP_FIXED, -1, 0);
-  }
-  if (whose == Of::kProgram) ++program_threads;
-#if WEIR_TSAN
+#elif WEIR_TSAN
   fiber->shadow = __tsan_create_fiber(0);
 #endif
 #if defined(__x86_64__)
@@ -336,7 +294,7 @@ int threads() {
 
 void spawn(std::function<void()> run, Of whose) {
   const Inside inside;
-  new_fiber(std::move(run), whose)->detached = true;
+  (void)new_fiber(std::move(run), whose);
 }
 
 bool wait(const std::vector<Waiters*>& lists, Time deadline) {
@@ -390,7 +348,9 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t*, void* (*entr
   const Inside inside;
   may_switch();
   if (const int error = refused("pthread_create")) return error;
-  *thread = reinterpret_cast<pthread_t>(new_fiber([=] { entry(argument); }, Of::kProgram));
+  Fiber* const fiber = new_fiber([=] { entry(argument); }, Of::kProgram);
+  fiber->released = false;
+  *thread = reinterpret_cast<pthread_t>(fiber);
   may_switch();
   return 0;
 }
@@ -399,16 +359,18 @@ int __wrap_pthread_join(pthread_t thread, void**) {
   const Inside inside;
   auto* const fiber = reinterpret_cast<Fiber*>(thread);
   while (!fiber->done) wait({&fiber->joiners});
+  --program_threads;
 #if WEIR_TSAN
   __tsan_acquire(fiber);
 #endif
-  give_back(fiber);
   return 0;
 }
 
 int __wrap_pthread_detach(pthread_t thread) {
   const Inside inside;
-  reinterpret_cast<Fiber*>(thread)->detached = true;
+  auto* const fiber = reinterpret_cast<Fiber*>(thread);
+  fiber->released = true;
+  if (fiber->done) --program_threads;
   return 0;
 }
 

@@ -27,7 +27,7 @@ void set_clock(Time at_start);
 
 enum class Of { kTest, kProgram };
 void spawn(std::function<void()> run, Of whose = Of::kTest);
-// Of the program, those included that the test spawned for it.
+// Of the program, those included that have ended and that nobody joined or detached.
 int threads();
 
 void sleep_until(Time time);

@@ -49,7 +49,6 @@ struct Socket {
 std::map<int, Socket> sockets;
 std::map<int, int> listeners;  // by port
 bool stuck[3];
-bool log_blocking[3] = {true, true, true};
 Waiters unstuck;
 
 Socket* find(int fd) {
@@ -72,70 +71,43 @@ int fail(int error) {
 
 bool is_log(int fd) { return (fd == STDOUT_FILENO || fd == STDERR_FILENO) && log_line; }
 
-// Bytes, an end or a reset are there to be read.
-bool readable(const Pipe& pipe) {
-  return std::min({pipe.pieces.empty() ? kNever : pipe.pieces.front().at, pipe.ends,
-                   pipe.resets}) <= now();
+// When there is something to be read: bytes, or an end.
+Time readable_at(const Pipe& pipe) {
+  return std::min(pipe.pieces.empty() ? kNever : pipe.pieces.front().at, pipe.ends);
 }
 
-short events_of(int fd) {
-  if (is_log(fd)) return stuck[fd] ? 0 : POLLOUT;
-  const Socket* const socket = find(fd);
-  if (socket == nullptr) return POLLNVAL;
-  if (socket->listening) return socket->backlog.empty() ? 0 : POLLIN;
-  if (socket->in == nullptr) return socket->connected <= now() ? POLLIN | POLLOUT | POLLERR : 0;
-  int events = 0;
-  if (readable(*socket->in)) events |= POLLIN;
-  if (socket->in->resets <= now() || socket->out->broken) events |= POLLIN | POLLOUT | POLLERR;
-  if (socket->connected <= now() && socket->out->held < socket->out->capacity) events |= POLLOUT;
-  return static_cast<short>(events);
+bool gone(const Socket& socket) {
+  return socket.out->broken || (socket.in->is_reset && socket.in->ends <= now());
 }
 
-// When something happens to it by itself.
-Time next_event(int fd) {
-  const Socket* const socket = find(fd);
-  Time next = kNever;
-  const auto add = [&next](Time time) {
-    if (time > now()) next = std::min(next, time);
-  };
-  if (socket == nullptr || socket->listening) return next;
-  add(socket->connected);
-  if (socket->in == nullptr) return next;
-  if (!socket->in->pieces.empty()) add(socket->in->pieces.front().at);
-  add(socket->in->ends);
-  add(socket->in->resets);
-  return next;
+int events_of(const Socket& socket) {
+  if (socket.listening) return socket.backlog.empty() ? 0 : POLLIN;
+  if (socket.in == nullptr) return socket.connected <= now() ? POLLIN | POLLOUT : 0;
+  if (gone(socket)) return POLLIN | POLLOUT;
+  const bool room = socket.connected <= now() && socket.out->held < socket.out->capacity;
+  return (readable_at(*socket.in) <= now() ? POLLIN : 0) | (room ? POLLOUT : 0);
 }
 
-// Until one of the events is there, or the deadline. The events of the first that has any.
-int wait_events(pollfd* entries, nfds_t count, Time deadline) {
+// Those of the events that are there, if any is before the deadline.
+int wait_event(int fd, int events, Time deadline) {
   for (;;) {
-    int ready = 0;
+    const Socket* const socket = find(fd);
+    if (socket == nullptr && !is_log(fd)) return POLLNVAL;
+    const int there = events & (is_log(fd) ? (stuck[fd] ? 0 : POLLOUT) : events_of(*socket));
+    if (there != 0 || deadline <= now()) return there;
     Time next = deadline;
-    std::vector<Waiters*> lists;
-    for (nfds_t i = 0; i < count; ++i) {
-      pollfd& entry = entries[i];
-      entry.revents = 0;
-      if (entry.fd < 0) continue;
-      const short wanted = static_cast<short>(entry.events | POLLERR | POLLHUP | POLLNVAL);
-      entry.revents = static_cast<short>(events_of(entry.fd) & wanted);
-      if (entry.revents != 0) ++ready;
-      next = std::min(next, next_event(entry.fd));
-      if (is_log(entry.fd)) lists.push_back(&unstuck);
-      if (Socket* const socket = find(entry.fd)) {
-        lists.push_back(&socket->changed);
-        if (socket->in != nullptr) lists.push_back(&socket->in->readers);
-        if (socket->out != nullptr) lists.push_back(&socket->out->writers);
-      }
+    std::vector<Waiters*> lists = {is_log(fd) ? &unstuck : &find(fd)->changed};
+    const auto happens_at = [&next](Time time) {
+      if (time > now()) next = std::min(next, time);
+    };
+    if (socket != nullptr) happens_at(socket->connected);
+    if (socket != nullptr && socket->in != nullptr) {
+      happens_at(readable_at(*socket->in));
+      lists.push_back(&socket->in->readers);
+      lists.push_back(&socket->out->writers);
     }
-    if (ready > 0 || deadline <= now()) return ready;
     (void)wait(lists, next);
   }
-}
-
-bool wait_event(int fd, short event, Time deadline) {
-  pollfd entry{fd, event, 0};
-  return wait_events(&entry, 1, deadline) > 0;
 }
 
 Time after(Time timeout) { return timeout == kNever ? kNever : now() + timeout; }
@@ -147,7 +119,7 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
   if (socket->in == nullptr) return fail(ENOTCONN);
   const Time deadline = dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
   const std::shared_ptr<Pipe> in = socket->in;
-  if (!wait_event(fd, POLLIN, deadline)) return fail(EAGAIN);
+  if (wait_event(fd, POLLIN, deadline) == 0) return fail(EAGAIN);
   size_t count = 0;
   while (count < size && !in->pieces.empty() && in->pieces.front().at <= now()) {
     const std::string& bytes = in->pieces.front().bytes;
@@ -161,7 +133,7 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
   }
   in->held -= count;
   if (count > 0) in->writers.wake();
-  if (count == 0 && in->resets <= now()) return fail(ECONNRESET);
+  if (count == 0 && in->is_reset) return fail(ECONNRESET);
   return static_cast<ssize_t>(count);
 }
 
@@ -175,7 +147,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
   const std::shared_ptr<Pipe> out = socket->out;
   size_t count = 0;
   while (count < size) {
-    if (out->broken || socket->in->resets <= now()) {
+    if (gone(*socket)) {
       if ((flags & MSG_NOSIGNAL) == 0) raise(SIGPIPE);
       return fail(EPIPE);
     }
@@ -183,7 +155,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
     const size_t part = std::min(room, size - count);
     if (part > 0) out->put(now(), {static_cast<const char*>(from) + count, part});
     count += part;
-    if (count < size && !wait_event(fd, POLLOUT, deadline)) break;
+    if (count < size && wait_event(fd, POLLOUT, deadline) == 0) break;
     if (find(fd) != socket) return fail(EBADF);
   }
   if (count == 0 && size > 0) return fail(EAGAIN);
@@ -197,10 +169,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 }
 
 ssize_t write_log(int fd, const void* from, size_t size) {
-  while (stuck[fd]) {
-    if (!log_blocking[fd]) return fail(EAGAIN);
-    (void)wait({&unstuck});
-  }
+  while (stuck[fd]) (void)wait({&unstuck});
   log_line(fd, {static_cast<const char*>(from), size});
   return static_cast<ssize_t>(size);
 }
@@ -276,7 +245,8 @@ void Pipe::reset(Time at) {
     held -= excess;
     if (pieces.back().bytes.empty()) pieces.pop_back();
   }
-  resets = at;
+  ends = at;
+  is_reset = true;
   readers.wake();
 }
 
@@ -310,7 +280,6 @@ using namespace weir::test;
 extern "C" {
 
 int __real_poll(pollfd* entries, nfds_t count, int timeout);
-int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 ssize_t __real_read(int fd, void* to, size_t size);
 ssize_t __real_recv(int fd, void* to, size_t size, int flags);
 ssize_t __real_write(int fd, const void* from, size_t size);
@@ -318,34 +287,25 @@ ssize_t __real_send(int fd, const void* from, size_t size, int flags);
 int __real_close(int fd);
 int __real_fcntl(int fd, int command, ...);
 
-int __wrap_poll(pollfd* entries, nfds_t count, int timeout) {
+// The program waits for one descriptor at a time, and selects for reading only.
+int __wrap_poll(pollfd* entry, nfds_t count, int timeout) {
   const Inside inside;
   may_switch();
-  const bool real = std::none_of(entries, entries + count, [](const pollfd& entry) {
-    return entry.fd >= kFirst || is_log(entry.fd);
-  });
-  if (real && count > 0) return __real_poll(entries, count, timeout);
-  return wait_events(entries, count,
-                     timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout));
+  if (entry->fd < kFirst && !is_log(entry->fd)) return __real_poll(entry, count, timeout);
+  const Time time = timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout);
+  entry->revents = static_cast<short>(wait_event(entry->fd, entry->events, time));
+  return entry->revents == 0 ? 0 : 1;
 }
 
-// The program selects for reading only.
 int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
   const Inside inside;
   may_switch();
-  std::vector<pollfd> entries;
-  for (int fd = 0; fd < count; ++fd) {
-    if (in != nullptr && FD_ISSET(fd, in)) entries.push_back({fd, POLLIN, 0});
-  }
-  const Time most = timeout == nullptr ? kNever
-                                       : now() + std::chrono::seconds(timeout->tv_sec) +
-                                             std::chrono::microseconds(timeout->tv_usec);
-  const int ready = wait_events(entries.data(), entries.size(), most);
+  const Time time =
+      now() + std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec);
+  const int events = wait_event(count - 1, POLLIN, time);
   if (const int error = refused("select")) return fail(error);
-  for (const pollfd& entry : entries) {
-    if (entry.revents == 0) FD_CLR(entry.fd, in);
-  }
-  return ready;
+  if (events == 0) FD_CLR(count - 1, in);
+  return events == 0 ? 0 : 1;
 }
 
 int __wrap_socket(int, int, int) {
@@ -395,7 +355,7 @@ int __wrap_accept(int fd, sockaddr*, socklen_t*) {
   const Inside inside;
   if (const int error = refused("accept")) return fail(error);
   Socket* const socket = find(fd);
-  if (!wait_event(fd, POLLIN, kNever)) return fail(EAGAIN);
+  if (wait_event(fd, POLLIN, kNever) == 0) return fail(EAGAIN);
   const int accepted = socket->backlog.front();
   socket->backlog.pop_front();
   return accepted;
@@ -443,14 +403,6 @@ ssize_t __wrap_send(int fd, const void* from, size_t size, int flags) {
   return transmit(fd, from, size, flags);
 }
 
-int __wrap_shutdown(int fd, int) {
-  const Inside inside;
-  Socket* const socket = find(fd);
-  if (socket == nullptr || socket->out == nullptr) return fail(ENOTCONN);
-  socket->out->end(now());
-  return 0;
-}
-
 int __wrap_close(int fd) {
   if (fd < kFirst) return __real_close(fd);
   const Inside inside;
@@ -464,13 +416,11 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_start(more, command);
   const long argument = va_arg(more, long);
   va_end(more);
+  if (fd < kFirst) return __real_fcntl(fd, command, argument);
   const Inside inside;
-  if (fd < kFirst && !is_log(fd)) return __real_fcntl(fd, command, argument);
-  Socket* const socket = find(fd);
-  if (socket == nullptr && !is_log(fd)) return fail(EBADF);
-  bool& blocking = is_log(fd) ? log_blocking[fd] : socket->blocking;
+  bool& blocking = find(fd)->blocking;
   if (command == F_GETFL) return O_RDWR | (blocking ? 0 : O_NONBLOCK);
-  if (command == F_SETFL) blocking = (argument & O_NONBLOCK) == 0;
+  blocking = (argument & O_NONBLOCK) == 0;
   return 0;
 }
 

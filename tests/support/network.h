@@ -25,8 +25,9 @@ struct Pipe {
   size_t taken = 0;  // of the first
   size_t held = 0;   // in all
   size_t capacity = size_t{4} << 20;
-  Time ends = kNever, resets = kNever;
-  bool broken = false;  // the reader has gone
+  Time ends = kNever;
+  bool is_reset = false;  // by then
+  bool broken = false;    // the reader has gone
   Waiters readers, writers;
 
   // From the writer, to arrive then.

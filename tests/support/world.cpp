@@ -104,8 +104,8 @@ std::string stats(long last, long average, long buffered, long profile) {
 void respond(std::string& received, Pipe& out,
              const std::function<Reply(const std::string& request)>& reply_to) {
   constexpr char kNoMore = '\0';
-  for (size_t end; !received.starts_with(kNoMore) &&
-                   (end = received.find("\r\n\r\n")) != std::string::npos;) {
+  for (size_t end;
+       !received.starts_with(kNoMore) && (end = received.find("\r\n\r\n")) != std::string::npos;) {
     const std::string request = received.substr(0, end);
     received.erase(0, end + 4);
     const Reply reply = reply_to(request);
