@@ -231,7 +231,8 @@ void World::play(const std::vector<Ask>& asks) {
                                   << got.substr(0, 1000);
     });
   }
-  while (acts_ > 0 || threads() > 1) sleep(1s);
+  while (acts_ > 0) sleep(1s);
+  for (int patience = 200; patience > 0 && threads() > 1; --patience) sleep(1s);
 }
 
 void World::compare_transcript() {
