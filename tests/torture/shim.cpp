@@ -26,7 +26,7 @@
 #include <cstdlib>
 #include <ctime>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): glibc's own allocator, without looking it up.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): glibc's own.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -34,7 +34,7 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* memory);
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)
 
 namespace {
 
