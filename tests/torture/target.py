@@ -100,15 +100,21 @@ class Target:
         self.page[NTH], self.page[ERROR], self.page[ARMED] = nth, error, call
 
     def reach(self) -> list[int]:
-        """How often a session calls what. The first of a cold process must not do more than others."""
-        counts = []
-        for _ in range(2):
-            self.arm(-1)
-            session()
-            counts.append(self.page[COUNTS:TRACE].tolist())
-        first, later = (count[CALLS.index("malloc")] for count in counts)
-        assert first < later + 50, f"{first} allocations in the first stream, {later} in the next"
-        return counts[1]
+        """How often a session calls what. The first of a cold process must not do more than others.
+
+        A machine that hardly lets weir run makes it try again what was too late, hence three times.
+        """
+        for _ in range(3):
+            counts = []
+            for _ in range(2):
+                self.arm(-1)
+                session()
+                counts.append(self.page[COUNTS:TRACE].tolist())
+            first, later = (count[CALLS.index("malloc")] for count in counts)
+            if first < later + 50:
+                return counts[1]
+            self.restart()
+        raise SystemExit(f"{first} allocations in the first stream, {later} in the next")
 
     def settled(self) -> bool:
         """Whether it is again what it was; a cold one only in threads and descriptors."""
