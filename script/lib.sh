@@ -50,15 +50,3 @@ configure_and_build() {
   rm -f "build-$preset.log"
   cmake --build --preset "$preset" "${targets[@]}"
 }
-
-# in_own_network COMMAND...: becomes that command, a Python module of bench/, in a
-# network namespace of its own: weir's port is free there and nobody else is on it.
-in_own_network() {
-  [ "$(id -u)" -eq 0 ] || die "This needs root, for a network namespace."
-  ulimit -n "$(ulimit -Hn)"
-  # shellcheck disable=SC2016 # for the inner shell
-  PYTHONPATH=bench exec unshare --net sh -c '
-    ip link set lo up
-    echo "10240 65000" >/proc/sys/net/ipv4/ip_local_port_range
-    exec "$@"' sh "$@"
-}
