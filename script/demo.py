@@ -20,7 +20,8 @@ from collections.abc import Callable
 from itertools import pairwise
 from pathlib import Path
 
-from weirlab import client, lab, procfs, video
+from weirlab import client, procfs, video
+from weirlab.lab import CACHE, TOP, Lab, Process
 
 SECONDS, RATE, SEGMENT_SECONDS = 60, 25, 2
 VARIANTS = {"180p": ("320:180", "250k"), "270p": ("480:270", "600k"), "360p": ("640:360", "1200k")}
@@ -80,13 +81,13 @@ class Log:
 class Demo:
     """One run of the story."""
 
-    def __init__(self, room: lab.Lab, binary: Path) -> None:
-        self.lab, self.binary = room, binary
+    def __init__(self, lab: Lab, binary: Path) -> None:
+        self.lab, self.binary = lab, binary
         self.began = time.monotonic()
-        self.log, self.stream = Log(room.log), room.work / "stream.ts"
-        self.weir: lab.Process | None = None
+        self.log, self.stream = Log(lab.log), lab.work / "stream.ts"
+        self.weir: Process | None = None
         self.ports: dict[str, int] = {}
-        self.caches: dict[str, lab.Process] = {}
+        self.caches: dict[str, Process] = {}
         self.trouble = False  # to come yet: the video must not be over
 
     def say(self, text: str) -> None:
@@ -166,7 +167,7 @@ class Demo:
         self.say(f"{text} {rate} bytes/s")
         since = self.log.position()
         for name, process in self.caches.items():
-            server = lab.CACHE.format(upstream=self.ports["origin"], rate=rate)
+            server = CACHE.format(upstream=self.ports["origin"], rate=rate)
             self.lab.configure(name, self.ports[name], server)
             process.send_signal(signal.SIGHUP)
         self.wait_until("a switch " + ("up" if way > 0 else "down"), 40,
@@ -255,8 +256,8 @@ def send(pids: list[int], number: int) -> None:
 
 def attempt(options: argparse.Namespace, last: bool) -> bool:
     """Returns whether it is done; it may be worth another one unless this is the last."""
-    with lab.Lab() as room:
-        demo = Demo(room, Path(os.environ.get("WEIR_BINARY", lab.TOP / "build/release/weir")))
+    with Lab() as lab:
+        demo = Demo(lab, Path(os.environ.get("WEIR_BINARY", TOP / "build/release/weir")))
         try:
             demo.run()
         except StartOver:
@@ -270,9 +271,9 @@ def attempt(options: argparse.Namespace, last: bool) -> bool:
                 print("FAILED; what weir said last:", *demo.log.lines[-20:], sep="\n", file=sys.stderr)
             raise
         if options.log:
-            shutil.copyfile(room.log, options.log)
+            shutil.copyfile(lab.log, options.log)
         if options.play:
-            room.start(["ffplay", "-v", "fatal", "-autoexit", "-window_title", "weir", STREAM_URL]).wait()
+            lab.start(["ffplay", "-v", "fatal", "-autoexit", "-window_title", "weir", STREAM_URL]).wait()
         if options.keep:
             demo.keep()
     return True
