@@ -1,5 +1,6 @@
 """Starts weir, nginx and whatever else a run needs, and leaves nothing of it behind."""
 
+import multiprocessing
 import os
 import resource
 import shutil
@@ -18,6 +19,9 @@ from weirlab.client import WEIR, answers
 TOP = Path(__file__).resolve().parents[2]
 Process = subprocess.Popen[bytes]
 
+# What ends a run; a terminal that closes does unless that is ignored, as under nohup.
+SIGNALS = [signal.SIGINT, signal.SIGTERM,
+           *([signal.SIGHUP] if signal.getsignal(signal.SIGHUP) != signal.SIG_IGN else [])]
 # Nothing of nginx's needs root, so root gives it away.
 AS_NOBODY: dict[str, Any] = (
     {"user": "nobody", "group": "nogroup", "extra_groups": []} if os.geteuid() == 0 else {})
@@ -45,6 +49,15 @@ def wait_until(what: str, condition: Callable[[], object], seconds: float = 20) 
         time.sleep(0.01)
 
 
+def in_background(function: Callable[..., object], *arguments: object) -> None:
+    """Runs it in a process that ends with this one, and leaves Ctrl-C to this one."""
+    def run() -> None:
+        os.setpgid(0, 0)
+        function(*arguments)
+
+    multiprocessing.Process(target=run, daemon=True).start()
+
+
 class Lab:
     """A folder and the processes that work in it; both go with it, also on Ctrl-C.
 
@@ -52,7 +65,7 @@ class Lab:
     """
 
     def __init__(self, parent: str | None = None) -> None:
-        for number in (signal.SIGINT, signal.SIGTERM):
+        for number in SIGNALS:
             signal.signal(number, self._interrupted)
         most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
         resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
@@ -65,7 +78,7 @@ class Lab:
 
     @staticmethod
     def _ignore_signals() -> None:
-        for number in (signal.SIGINT, signal.SIGTERM):
+        for number in SIGNALS:
             signal.signal(number, signal.SIG_IGN)
 
     @staticmethod
@@ -87,7 +100,8 @@ class Lab:
     def start(self, command: Sequence[object], **options: Any) -> Process:
         """`options` are Popen's."""
         options.setdefault("stdin", subprocess.DEVNULL)
-        process = subprocess.Popen([str(word) for word in command], **options)
+        # In a group of its own, since Ctrl-C goes to a whole group.
+        process = subprocess.Popen([str(word) for word in command], process_group=0, **options)
         self.running.append(process)
         return process
 

@@ -5,7 +5,6 @@ stands at the beginning of every header and nowhere else, so the place where a s
 cut short is where the next 0 stands.
 """
 
-import multiprocessing
 import random
 import time
 import zlib
@@ -13,7 +12,7 @@ from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from weirlab.lab import wait_until
+from weirlab.lab import in_background, wait_until
 from weirlab.video import KEY, encrypt, master_playlist, media_playlist, replace
 
 HEADER = 188
@@ -82,7 +81,7 @@ class Channels:
     def start(self) -> Content:
         """In a process of its own, which ends with this one."""
         content = Content(segment_size(max(self.rates), self.seconds))
-        multiprocessing.Process(target=self._run, args=(content,), daemon=True).start()
+        in_background(self._run, content)
         wait_until("the channels", lambda: len(list(self.root.glob("c0/0/*.ts"))) >= WINDOW, 60)
         return content
 

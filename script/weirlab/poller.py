@@ -8,6 +8,7 @@ from statistics import median
 from typing import Any
 
 from weirlab import client
+from weirlab.lab import in_background
 
 PING_EVERY = 10  # seconds
 
@@ -20,7 +21,7 @@ class Poller:
 
     def __init__(self, interval: float) -> None:
         self.pipe, other = multiprocessing.Pipe()
-        multiprocessing.Process(target=poll, args=(other, interval), daemon=True).start()
+        in_background(poll, other, interval)
 
     def start(self) -> None:
         self.pipe.send(None)
