@@ -66,6 +66,7 @@ ADVICE = {
     "numbers-jump": ("skips segments numbered below what it has played", "number them upwards"),
     "relative-url": ("takes absolute http URLs only, and loses its time with this one",
                      f"write the whole URL, or {ADAPTER}"),
+    "reset": ("", "look at the server's log, or for a firewall"),
     "sample-aes": ("decrypts it as AES-128", "encipher with AES-128, or not at all"),
     "separate-audio": ("plays the pictures alone", "put the sound into the segments"),
     "short": ("believes the server and plays a part", "look at the server's log"),

@@ -110,7 +110,7 @@ def exchange(server: str, path: str, start: int = 0) -> Answer:
 
 
 def receive(connection: socket.socket, answer: Answer) -> Answer:
-    """What weir makes of the answer; see read_status, read_headers and download_body there."""
+    """What weir makes of the answer."""
     connection.settimeout(STATUS)
     data = b""
     try:
@@ -129,6 +129,8 @@ def receive(connection: socket.socket, answer: Answer) -> Answer:
             data += more
     except TimeoutError:
         return replace(answer, code="silent", what="does not answer")
+    except ConnectionError:
+        return replace(answer, code="reset", what="resets the connection")
     head, _, body = data.partition(b"\r\n\r\n")
     named = [text.partition(":") for text in head.decode("latin-1").split("\n") if ":" in text]
     answer = replace(answer, http11=words[0] == "HTTP/1.1", body=body,
@@ -160,6 +162,8 @@ def receive_body(connection: socket.socket, answer: Answer) -> Answer:
     except TimeoutError:
         return replace(answer, body=bytes(body), code="stall",
                        what=f"stalls for more than {READ} s at byte {len(body)}")
+    except ConnectionError:
+        pass  # counts as the end
     short = end is not None and len(body) < end
     return replace(answer, body=bytes(body), code="short" if short else "",
                    what=f"sends {len(body)} of {end} bytes" if short else "")

@@ -9,7 +9,7 @@ from .findings import Finding, Grade
 from .net import MAPS, STATUS, Answer, Net
 from .weir import DELAY, DOCUMENT_MAX, beyond_bounds, take_apart
 
-UNREACHABLE = ("unreachable", "timeout", "silent", "no-map")
+UNREACHABLE = ("unreachable", "timeout", "silent", "reset", "no-map")
 
 
 @dataclass

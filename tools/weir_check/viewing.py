@@ -60,6 +60,8 @@ class Viewing:
                 last, failed, self.silence = segment.number, 0, 0
                 self.head = self.head or fate.data
                 self.arrived += not fate.junk
+                if segment is self.media.last:
+                    break
         if self.silence > NO_DATA and not fate.lost:
             self.note("too-late", self.media.url, f"media would come after {self.silence} s")
         return self.found if self.arrived else self.nothing_arrives()
@@ -91,7 +93,9 @@ class Viewing:
         if segment.missing():
             return lost_by("status")
         if not segment.url:
-            self.note("blank-line", where, "an empty line")
+            more = any(other.url and other.line > segment.line for other in self.media.segments)
+            grade = Grade.LOSS if more or not self.media.ended else Grade.NOTE
+            self.note("blank-line", where, "an empty line", grade)
             return lost_by("relative-url")
         address = urljoin(self.media.url, segment.url)
         answer = self.net.get(address)

@@ -78,9 +78,13 @@ class Media:
     """The playlist of a variant."""
     url: str
     target: int = 1
-    ended: bool = False
+    last: Segment | None = None  # stands before EXT-X-ENDLIST
     tags: set[str] = field(default_factory=set)
     segments: list[Segment] = field(default_factory=list)
+
+    @property
+    def ended(self) -> bool:
+        return self.last is not None
 
 
 @dataclass(eq=False)
@@ -124,7 +128,7 @@ def parse_media(text: str, url: str) -> Media:
             start = content.find("URI=")
             key_line, key_url = content, content[4 if start < 0 else start + 5:].strip(WHITE)[:-1]
         elif content.startswith("#EXT-X-ENDLIST"):
-            media.ended = True
+            media.last = media.segments[-1] if media.segments else None
         if content.startswith("#"):
             media.tags.add(tag.strip(WHITE))
             tags.append(content)
