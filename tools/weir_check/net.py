@@ -138,8 +138,9 @@ def receive(connection: socket.socket, answer: Answer) -> Answer:
                      fields=[(name, value.strip()) for name, _, value in named])
     if answer.status // 100 != 2:
         target = answer.value("Location") or answer.value("location")
+        reason = answer.value("X-Weir-Adapter")
         return replace(answer, code="status", body=b"", what=f"answers {' '.join(words[1:])}"
-                       + (f" to {target}" if target else ""))
+                       + (f" to {target}" if target else "") + (f" ({reason})" if reason else ""))
     return receive_body(connection, answer)
 
 
