@@ -61,6 +61,7 @@ REFUSED = {
 NOT_FETCHED = (
     ("http/127.0.0.1:7753/x", 403, "not a listed origin"), ("https/other.test/x", 403, "not a listed"),
     ("https/an.other.test/vod/list.m3u8", 502, "502 from"),  # its certificate is for another
+    ("http-segment/127.0.0.1:8001/huge", 502, "too large"),
     (f"{PLAIN}/none.m3u8", 404, "404 from"), ("ftp/127.0.0.1:8000/x", 404, "not /http/"))
 # Variants that number for themselves, by their dates and by their ends.
 DATED = ("#EXTM3U\n#EXT-X-TARGETDURATION:9\n#EXT-X-MEDIA-SEQUENCE:%d\n"
@@ -198,6 +199,9 @@ def write_playlists(www: Path) -> None:
     for name, text in {"master": MASTER, "first one": DATED % (6, 1, 0, "Z"),
                        "dated": DATED % (77, 2, 4, "+0100"), "later": DATED % (98, 9, 0, "")}.items():
         (www / f"n/{name}.m3u8").write_text(text, encoding="utf-8", newline="")
+    (www / "n/quick.m3u8").write_text("#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\n1.ts\n")
+    with (www / "huge").open("wb") as file:
+        file.truncate(33 << 20)
 
 
 def check_answers(log: Path, segment: bytes) -> None:
@@ -211,6 +215,10 @@ def check_answers(log: Path, segment: bytes) -> None:
     check(text_of(f"{PLAIN}/n/master.m3u8") == AS_WEIR_WANTS, text_of(f"{PLAIN}/n/master.m3u8"))
     for path, number in NUMBERED.items():
         check(f"SEQUENCE:{number}\n" in text_of(f"{PLAIN}/n/{path}"), path)
+    for name, status in ("dated", 200), ("quick", 404):  # kept for 4 s, and not at all
+        text_of(f"{PLAIN}/n/{name}.m3u8?weir=0")
+        (log.parents[1] / f"www/n/{name}.m3u8").unlink()
+        check(ask(f"{PLAIN}/n/{name}.m3u8?weir=0")[0] == status, name, "kept for too long or too short")
     for playlist in f"{PLAIN}/keyed/list.m3u8", f"{CHUNKED}/vod/list.m3u8":
         urls = re.findall(r"http://127.0.0.1:7750/(\S+)", text_of(f"{playlist}?weir=0"))
         for turn in "new", "kept":
@@ -240,6 +248,9 @@ def run(lab: Lab, weir: Path) -> None:
     for thread in threads:
         thread.start()
     check_answers(log, segments[3])
+    said = subprocess.run([sys.executable, TOP / "tools/weir-check", STREAMS["every kind of key"]],
+                          capture_output=True, text=True, check=False)
+    check(said.returncode == 0, said)
     for thread in threads:
         thread.join()
     check(not faults, faults, log.read_text())
