@@ -28,7 +28,10 @@ STREAMS = {
     "encrypted by ffmpeg": f"{HERE}/{PLAIN}/encrypted/list.m3u8",
     "a master playlist by ffmpeg": f"{HERE}/{PLAIN}/master/master.m3u8",
     "every kind of key": f"{HERE}/{PLAIN}/keyed/list.m3u8",
-    "the same behind the maps": f"{RINGS}/name/{PLAIN}/keyed/list.m3u8",
+    "vectors by number": f"{HERE}/{PLAIN}/numbered/list.m3u8",
+    "clear among encrypted": f"{RINGS}/{PLAIN}/paused/list.m3u8",
+    "encrypted after clear": f"{RINGS}/{PLAIN}/zero/list.m3u8",
+    "every kind of key, behind the maps": f"{RINGS}/name/{PLAIN}/keyed/list.m3u8",
     "chunked": f"{HERE}/{CHUNKED}/vod/list.m3u8",
     "chunked and encrypted": f"{RINGS}/{CHUNKED}/keyed/list.m3u8",
     "https": f"{HERE}/{TLS}/vod/list.m3u8",
@@ -41,7 +44,8 @@ server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/leaf.p
     rewrite ^/moved/(.*) /vod/$1 redirect; }"""
 SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001
     origin.test *.other.test";
-upstream origin.test { server 127.0.0.1:8443; } upstream an.other.test { server 127.0.0.1:8443; }
+upstream origin.test { server 127.0.0.1:8443; keepalive 2; }
+upstream an.other.test { server 127.0.0.1:8443; }
 proxy_ssl_trusted_certificate %(www)s/ca.pem;
 proxy_cache_path %(work)s/cache keys_zone=weir:1m max_size=64m use_temp_path=off;"""
 MEDIA = "#EXTM3U\n#EXT-X-TARGETDURATION:9\n%s\n#EXTINF:2,\n/vod/list0.ts\n#EXT-X-ENDLIST\n"
@@ -57,6 +61,16 @@ REFUSED = {
     "audio": ('#EXTM3U\n#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID="a",URI="a.m3u8"\n'
               '#EXT-X-STREAM-INF:BANDWIDTH=1,AUDIO="a"\nmap.m3u8\n', "separate audio"),
     "all": ("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nmap.m3u8\n", "fragmented MP4"),
+}
+URI, NONE = 'URI="../the%20key?a=%26,b"', ("#EXT-X-KEY:METHOD=NONE", None)
+BY_NUMBER, ZERO = f"#EXT-X-KEY:METHOD=AES-128,{URI}", f"#EXT-X-KEY:IV=0x{'0' * 32},{URI},METHOD=AES-128"
+# The tag before each segment, and the vector that it is encrypted with.
+KEYED: dict[str, list[tuple[str, int | None]]] = {
+    "keyed": [(f"{BY_NUMBER},IV=0XABCDEF", 0xABCDEF), ("", 0xABCDEF), NONE,
+              (f'{BY_NUMBER},KEYFORMAT="identity"', 44), (ZERO, 0)],
+    "numbered": [(BY_NUMBER, 41), *(("", number) for number in range(42, 46))],
+    "paused": [(ZERO, 0), NONE, (ZERO, 0), ("", 0), ("", 0)],
+    "zero": [("", None), (ZERO, 0), ("", 0), ("", 0), ("", 0)],
 }
 NOT_FETCHED = (
     ("http/127.0.0.1:7753/x", 403, "not a listed origin"), ("https/other.test/x", 403, "not a listed"),
@@ -176,20 +190,16 @@ def make_streams(lab: Lab) -> None:
 
 
 def write_keyed(www: Path, segments: list[bytes]) -> None:
-    """Every kind of key that RFC 8216 has, in one playlist that counts from 41."""
-    folder = www / "keyed"
-    (folder / "a b").mkdir(parents=True)
+    """Playlists that count from 41, their segments encrypted as KEYED has it."""
     (www / "the key").write_bytes(KEY)
-    lines, key = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:41\n", '"../the%20key?a=%26,b"'
-    for at, (tag, vector) in enumerate([
-            (f"#EXT-X-KEY:METHOD=AES-128,URI={key},IV=0XABCDEF", 0xABCDEF), ("", 0xABCDEF),
-            ("#EXT-X-KEY:METHOD=NONE", None),
-            (f'#EXT-X-KEY:METHOD=AES-128,KEYFORMAT="identity",URI={key}', 44),
-            (f"#EXT-X-KEY:IV=0x{'0' * 32},URI={key},METHOD=AES-128", 0)]):
-        data = segments[at] if vector is None else encrypted(segments[at], vector)
-        (folder / f"a b/{at}.ts").write_bytes(data)
-        lines += f"{tag}\n\n#EXTINF:2,\n a b/{at}.ts?x={at} \n".replace("\n", "\r\n")
-    (folder / "list.m3u8").write_text(lines + "#EXT-X-ENDLIST", newline="")
+    for name, tags in KEYED.items():
+        (www / name / "a b").mkdir(parents=True)
+        lines = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:41\n"
+        for at, ((tag, vector), clear) in enumerate(zip(tags, segments)):
+            data = clear if vector is None else encrypted(clear, vector)
+            (www / name / f"a b/{at}.ts").write_bytes(data)
+            lines += f"{tag}\n\n#EXTINF:2,\n a b/{at}.ts?x={at} \n".replace("\n", "\r\n")
+        (www / name / "list.m3u8").write_text(lines + "#EXT-X-ENDLIST", newline="")
 
 
 def write_playlists(www: Path) -> None:
