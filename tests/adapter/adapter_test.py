@@ -35,13 +35,13 @@ STREAMS = {
     "chunked": f"{HERE}/{CHUNKED}/vod/list.m3u8",
     "chunked and encrypted": f"{RINGS}/{CHUNKED}/keyed/list.m3u8",
     "https": f"{HERE}/{TLS}/vod/list.m3u8",
-    "https, moved": f"{RINGS}/{TLS}/moved/list.m3u8",
+    "https, moved, encrypted and slow": f"{RINGS}/{TLS}/moved/list.m3u8",
 }
 ORIGIN = """server { listen 127.0.0.1:8001; root %(www)s; max_ranges 0;
     sub_filter_types *; sub_filter "\\0never\\0" ""; }
 server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/leaf.pem;
     ssl_certificate_key %(www)s/leaf.key; absolute_redirect off;
-    rewrite ^/moved/(.*) /vod/$1 redirect; }"""
+    rewrite ^/moved/(.*) /keyed/$1 redirect; limit_rate 150k; }"""
 SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001
     origin.test *.other.test";
 upstream origin.test { server 127.0.0.1:8443; keepalive 2; }
@@ -152,7 +152,8 @@ def encrypted(data: bytes, vector: int) -> bytes:
 def start_servers(lab: Lab, weir: Path) -> Path:
     """Returns the adapter's log."""
     make_certificates(lab.www)
-    lab.nginx("origin", 8000, f"root {lab.www};", http=ORIGIN % {"www": lab.www})
+    lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}",
+              http=ORIGIN % {"www": lab.www})
     folder = lab.work / "adapter"
     shutil.copytree(TOP / "examples/adapter", folder / "weir")
     (folder / "weir/settings.conf").write_text(SETTINGS % {"www": lab.www, "work": folder / "t"})
@@ -229,6 +230,8 @@ def check_answers(log: Path, segment: bytes) -> None:
         text_of(f"{PLAIN}/n/{name}.m3u8?weir=0")
         (log.parents[1] / f"www/n/{name}.m3u8").unlink()
         check(ask(f"{PLAIN}/n/{name}.m3u8?weir=0")[0] == status, name, "kept for too long or too short")
+    keys = [re.findall('URI="(.*)"', text_of(f"{PLAIN}/zero/list.m3u8?weir={at}")) for at in range(2)]
+    check(keys[0] != keys[1], "weir would not fetch a key again behind clear segments", keys)
     for playlist in f"{PLAIN}/keyed/list.m3u8", f"{CHUNKED}/vod/list.m3u8":
         urls = re.findall(r"http://127.0.0.1:7750/(\S+)", text_of(f"{playlist}?weir=0"))
         for turn in "new", "kept":
