@@ -33,7 +33,7 @@ COUNTED = {
         rejected_requests status=404 5, rejected_requests status=406 1""",
     "VariantsFollowTheSpeed": """selections departures sudden_drops segment: selections 5,
         departures direction=up 2, departures direction=down 1, sudden_drops 3,
-        segments server=o 10, segment_bytes server=o 128000""",
+        segments server=o 11, segment_bytes server=o 140800""",
     "FullBufferHoldsTheDownloadBackAndKeepsTheVariant": """selections full postponed:
         selections 3, full_buffer_passes 4, postponed_switches 2""",
     "HostsThatCannotBeReachedAreTriedAgain": """streams stream_end retries given upstream:

@@ -210,6 +210,10 @@ ssize_t write(int fd, const void* bytes, size_t size) {
   NEXT(write);
   return fails(side(fd, kClientWrite, kUpstreamWrite)) ? broken(fd) : real(fd, bytes, size);
 }
+ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  NEXT(send);
+  return fails(side(fd, kClientWrite, kUpstreamWrite)) ? broken(fd) : real(fd, bytes, size, flags);
+}
 int pthread_create(pthread_t* thread, const pthread_attr_t* options, void* (*entry)(void*),
                    void* argument) noexcept {
   NEXT(pthread_create);
