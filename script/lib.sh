@@ -26,27 +26,42 @@ need() {
   apt_get install "${missing[@]}"
 }
 
-# apt_get COMMAND [PACKAGE...]
+# apt_get COMMAND [PACKAGE...]: one at a time.
 apt_get() {
   echo "installing ${*:2} ..." >&2
   # A policy that denies starting keeps a package such as nginx from opening its ports.
   # shellcheck disable=SC2016 # for the inner shell
-  as_root sh -c '
+  as_root flock /var/lib/dpkg sh -c '
     set -e
     export DEBIAN_FRONTEND=noninteractive RUNLEVEL=1
     apt-get update -qq
     apt-get "$@" -y -qq --no-install-recommends >/dev/null' sh "$@"
 }
 
-# configure_and_build PRESET [TARGET...]
+# Where there is a compiler's cache it serves all clones, wherever they lie.
+if command -v ccache >/dev/null; then
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=yes
+fi
+
+# configure PRESET
+configure() {
+  mkdir -p build
+  cmake --preset "$1" >"build/configure-$1.log" 2>&1 || {
+    cat "build/configure-$1.log"
+    die "configuring $1 failed"
+  }
+}
+
+# configure_and_build PRESET [TARGET...]: one at a time in a folder, which "test" shares
+# with "release".
 configure_and_build() {
-  local preset=$1 targets=()
+  local preset=$1 targets=() lock
   shift
   [ $# -eq 0 ] || targets=(--target "$@")
-  cmake --preset "$preset" >"build-$preset.log" 2>&1 || {
-    cat "build-$preset.log"
-    die "configuring $preset failed"
-  }
-  rm -f "build-$preset.log"
+  mkdir -p "build/${preset/#test/release}"
+  exec {lock}<"build/${preset/#test/release}"
+  flock "$lock"
+  configure "$preset"
   cmake --build --preset "$preset" "${targets[@]}"
+  exec {lock}<&-
 }
