@@ -115,9 +115,9 @@ NUMBERED = {"first%20one.m3u8?a=b&weir=0": 7, "dated.m3u8?weir=-70": 8, "later.m
 Answer = tuple[int, Message, bytes]  # status, fields, body
 
 
-def ask(path: str, first: int = 0) -> Answer:
+def ask(path: str, first: int = 0, port: int = 7750) -> Answer:
     fields = {"Range": f"bytes={first}-"} if first else {}
-    request = urllib.request.Request(f"http://127.0.0.1:7750/{path}", headers=fields)
+    request = urllib.request.Request(f"http://127.0.0.1:{port}/{path}", headers=fields)
     try:
         answer = urllib.request.urlopen(request, timeout=20)
     except urllib.error.HTTPError as error:
@@ -230,6 +230,9 @@ def check_answers(log: Path, segment: bytes) -> None:
         text_of(f"{PLAIN}/n/{name}.m3u8?weir=0")
         (log.parents[1] / f"www/n/{name}.m3u8").unlink()
         check(ask(f"{PLAIN}/n/{name}.m3u8?weir=0")[0] == status, name, "kept for too long or too short")
+    for path, hosts in ("master/master.m3u8", {"~"}), ("zero/list.m3u8?weir=0", {"@"}):
+        text = ask(f"{PLAIN}/{path}", port=7751)[2].decode()
+        check(set(re.findall("http://([^/]*)", text)) == hosts, text)
     keys = [re.findall('URI="(.*)"', text_of(f"{PLAIN}/zero/list.m3u8?weir={at}")) for at in range(2)]
     check(keys[0] != keys[1], "weir would not fetch a key again behind clear segments", keys)
     for playlist in f"{PLAIN}/keyed/list.m3u8", f"{CHUNKED}/vod/list.m3u8":
