@@ -62,7 +62,9 @@ async function fetch(r, url, location, method) {
       return { url, reply };
     }
     if (reply.status >= 400 || !moved) {
-      throw urls.refusal(`${reply.status} from ${urls.text(url)}`, reply.status >= 400 ? reply.status : 502);
+      const status = reply.status >= 400 ? reply.status : 502;
+      const own = status === 502 || status === 504 ? ", or it can't be reached" : '';
+      throw urls.refusal(`${reply.status} from ${urls.text(url)}${own}`, status);
     }
     url = urls.resolve(url, moved);
   }
@@ -249,6 +251,7 @@ async function serve(r) {
     const reason = String(error.reason || error).replace(/[^ -~]/g, '?');
     r.error(`weir: ${reason}; asked for ${r.variables.request_uri}`);
     r.headersOut['X-Weir-Adapter'] = reason;
+    r.headersOut['Content-Type'] = 'text/plain';
     r.return(error.status || 502, `${reason}\n`);
   }
 }
