@@ -175,7 +175,7 @@ async function serveEncrypted(r, asked) {
       ? await decrypt(cipher, sealed.slice(0, BLOCK), sealed.slice(BLOCK))
       : await decrypt(cipher, Buffer.from(vector, 'hex'), sealed);
   } catch (error) {
-    throw urls.refusal(`can't decrypt ${urls.text(got.url)} with ${urls.text(key.url)}`);
+    throw urls.refusal(`can't decrypt ${urls.text(got.url)} with ${urls.text(key.url)}: ${error}`);
   }
   if (!part) {
     r.return(200, Buffer.from(clear));

@@ -7,10 +7,10 @@ function refusal(reason, status) {
   return { status: status || 502, reason };
 }
 
-function parse(text) {
-  const found = URL.exec(text);
+function parse(written) {
+  const found = URL.exec(written);
   if (!found) {
-    throw refusal(`no http or https: ${text}`);
+    throw refusal(`no http or https: ${written}`);
   }
   return { scheme: found[1].toLowerCase(), host: found[2].toLowerCase(), path: found[3] || '/',
     query: found[4] };
