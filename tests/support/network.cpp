@@ -93,7 +93,7 @@ int wait_event(int fd, int events, Time deadline) {
   for (;;) {
     const Socket* const socket = find(fd);
     if (socket == nullptr && !is_log(fd)) return POLLNVAL;
-    const int there = events & (is_log(fd) ? (stuck[fd] ? 0 : POLLOUT) : events_of(*socket));
+    const int there = events & (socket == nullptr ? (stuck[fd] ? 0 : POLLOUT) : events_of(*socket));
     if (there != 0 || deadline <= now()) return there;
     Time next = deadline;
     std::vector<Waiters*> lists = {is_log(fd) ? &unstuck : &find(fd)->changed};
