@@ -40,21 +40,21 @@ TEST(Aligned, MemoryIsAlignedAndWhole) {
 // A producer and a consumer close together: bytes of a pattern that never repeats with the
 // size of a block. For ThreadSanitizer and for real processors.
 TEST(CBuff, NoByteIsLostBetweenAProducerAndAConsumer) {
-  constexpr std::uint64_t kTotal = 300000;
-  const std::string all = pattern(kTotal);
   for (const std::uint64_t block : {1U, 3U, 16U, 300U}) {
+    const std::uint64_t total = 1000 * block;
+    const std::string all = pattern(total);
     CBuff buffer(block);
     std::atomic<bool> ended{false};
     std::thread producer([&] {
       std::minstd_rand random(1);
-      for (std::uint64_t at = 0; at < kTotal;) {
+      for (std::uint64_t at = 0; at < total;) {
         if (buffer.fill() > 2 * block) {
           std::this_thread::yield();
           continue;
         }
         const auto room = random() % 4 == 0 ? buffer.sealAndReserve() : buffer.reserve();
         const auto count =
-            std::min<std::uint64_t>({1 + random() % room.size(), room.size(), kTotal - at});
+            std::min<std::uint64_t>({1 + random() % room.size(), room.size(), total - at});
         std::copy_n(bytes_of(all).begin() + static_cast<std::ptrdiff_t>(at), count, room.begin());
         buffer.commit(count);
         at += count;

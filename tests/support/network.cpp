@@ -439,7 +439,8 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t
     char* list[2];
     in_addr address;
   };
-  if (size < sizeof(Found) + 8 + found->second.size()) return ERANGE;
+  constexpr size_t kNeeded = 1500;  // more than is tried first
+  if (size < kNeeded) return ERANGE;
   auto* const kept = new (space + (8 - reinterpret_cast<std::uintptr_t>(space) % 8)) Found{};
   if (inet_pton(AF_INET, found->second.c_str(), &kept->address) == 1) {
     kept->list[0] = reinterpret_cast<char*>(&kept->address);
