@@ -92,6 +92,7 @@ const Answer kAnswers[] = {
     {"MoreSegmentsThanAllowed", As::kVariant, "", "#EXTM3U\n" + std::string(kLargest - 8, '\n'), 0},
     {"OneSegmentOf15MB", As::kVariant, "", "#EXTM3U\n" + std::string(15000000, 'u'), 0},
     {"MoreThanADocument", As::kVariant, "", "#EXTM3U\n" + lines("u\n", kLargest + 1000000), 0},
+    {"OneVariantOf15MB", As::kMaster, "", "#EXTM3U\n" + std::string(15000000, 'u'), 0},
     {"LongVariants", As::kMaster, "", "#EXTM3U\n" + lines(kLong + '\n', kLargest - 9), 279},
     {"MoreVariantsThanAllowed", As::kMaster, "", "#EXTM3U\n" + std::string(4097, '\n'), 0},
     {"MostVariants", As::kMaster, "", "#EXTM3U\n" + std::string(4096, '\n'), 4096},

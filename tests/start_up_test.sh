@@ -53,8 +53,27 @@ read -r _ _ _ soft hard _ < <(grep '^Max open files' "/proc/$first/limits")
 [ "$soft" = "$hard" ] || fail "the descriptor limit is $soft of $hard"
 
 expect 0 "Couldn't bind listening socket." 1000000
-kill "$first"
-wait "$first" || true
+
+# lasts SECONDS URL: how long a stream takes to fail, by the real clock and the real network.
+# The simulation of the other tests has these times, too.
+lasts() {
+  local start=$EPOCHREALTIME took
+  exec 3<>/dev/tcp/127.0.0.1/7744
+  printf 'GET /stream?url=%s HTTP/1.1\r\n\r\n' "$2" >&3
+  cat <&3 >/dev/null
+  exec 3>&-
+  took=$(((${EPOCHREALTIME/./} - ${start/./}) / 1000))
+  ((took >= $1 * 1000 - 20 && took < $1 * 1000 + 5000)) || fail "$2 lasted $took ms instead of $1 s"
+}
+python3 -c 'import socket, time; s = socket.create_server(("127.0.0.1", 8001)); time.sleep(30)' &
+mute=$!
+lasts 12 http://127.0.0.1:8002/refuses &
+refused=$!
+sleep 1
+lasts 6 http://127.0.0.1:8001/says/nothing
+wait "$refused"
+kill "$first" "$mute"
+wait "$first" "$mute" || true
 
 # With too few descriptors it ends, with threads and connections still there.
 ulimit -n 14

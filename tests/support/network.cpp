@@ -213,15 +213,18 @@ int connect_to_host(Socket& socket, Host& host) {
   if (host.kind == Host::Kind::kRefuses) {
     socket.connected = there;
     socket.error = ECONNREFUSED;
-  } else if (host.kind != Host::Kind::kSilent) {
-    ++host.connections;
+  } else if (host.kind == Host::Kind::kSilent) {
+    socket.error = socket.blocking ? ETIMEDOUT : 0;
+  } else {
     socket.in = std::make_shared<Pipe>();
     socket.out = std::make_shared<Pipe>();
     socket.out->capacity = host.capacity;
     socket.connected = there;
     socket.host = &host;
   }
-  return socket.connected == now() && socket.error == 0 ? 0 : fail(EINPROGRESS);
+  if (!socket.blocking) return there == now() && socket.error == 0 ? 0 : fail(EINPROGRESS);
+  sleep_until(host.kind == Host::Kind::kSilent ? now() + std::chrono::seconds(127) : there);
+  return socket.error == 0 ? 0 : fail(std::exchange(socket.error, 0));
 }
 
 }  // namespace

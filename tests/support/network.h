@@ -44,7 +44,6 @@ struct Host {
   Time latency = std::chrono::milliseconds(1);  // of a connection; 0 connects at once
   size_t capacity = 256 << 10;                  // what is on the way to it at most
   std::function<void(std::string& received, Pipe& to_program)> request;
-  int connections = 0;
 };
 
 extern std::map<std::string, Host> hosts;         // "10.0.0.1:80"
