@@ -182,11 +182,11 @@ TEST(Conversation, HostsThatCannotBeReachedAreTriedAgain) {
   world.at(101500ms, [] { refuse("socket", 0); });
   ask(100, "later", Host::Kind::kServes, 0s, 3002ms);
   world.at(99s, [] { names.erase("late"); });
-  world.at(121s, [] { names["late"] = "10.0.0.1"; });
+  world.at(120500ms, [] { names["late"] = "10.0.0.1"; });
   ask(120, "late", Host::Kind::kServes, 0s, 2002ms);
   ask(140, "addressless", Host::Kind::kServes, 0s, 2004ms);
   world.at(139s, [] { names["addressless"] = ""; });
-  world.at(141s, [] { names["addressless"] = "10.0.0.1"; });
+  world.at(140500ms, [] { names["addressless"] = "10.0.0.1"; });
   asks.push_back({160s, "/stream?url=http://10.0.0.1/m", stream("/1"), 161002ms});
   asks.push_back({180s, "/stream?url=ftp://o/m", stream(""), 192s});
   world.play(asks);
