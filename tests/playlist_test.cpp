@@ -98,27 +98,21 @@ TEST(Playlist, SelectionFollowsTheSpeed) {
   }
 }
 
+// The conversations have the rest.
 TEST(Playlist, CurrentVariantIsKeptInsideItsBandOrWithAnAdequateBuffer) {
-  std::vector<Variant> variants = variants_of({800000, 1600000});
-  EXPECT_EQ(keep_or_change({}, 1562, 0, 1000), Decision::kChange);
-  Selection current = *choose_variant(variants, 1562);
-  EXPECT_EQ(shown(current), "1600000 1600000 " + std::to_string(kNone));
-  EXPECT_EQ(keep_or_change(current, 1562, 0, 1000), Decision::kKeep);
-  EXPECT_EQ(keep_or_change(current, 1561, 600, 1000), Decision::kKeep);
-  EXPECT_EQ(keep_or_change(current, 1561, 599, 1000), Decision::kChange);
-  current = *choose_variant(variants, 1561);
-  EXPECT_EQ(shown(current), "800000 0 1920000");
-  EXPECT_EQ(keep_or_change(current, 1874, 0, 1000), Decision::kKeep);
-  EXPECT_EQ(keep_or_change(current, 1875, 1000, 1000), Decision::kChange);
-  // An invalid one is kept by neither its band nor the buffer.
-  current.variant->invalid = true;
-  EXPECT_EQ(keep_or_change(current, 1874, 1000, 1000), Decision::kChange);
-  current.band.low = 1600000;
-  EXPECT_EQ(keep_or_change(current, 1561, 1000, 1000), Decision::kChange);
-  current.variant = nullptr;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(keep_or_change(current, 1874, 0, 1000), Decision::kFail);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unable no variant chosen!\n");
+  Variant variant{1600000, "", false};
+  const std::tuple<Selection, std::uint64_t, std::uint64_t, Decision> cases[] = {
+      {{&variant, {1600000, kNone}}, 1562, 0, Decision::kKeep},
+      {{&variant, {1600000, kNone}}, 1561, 600, Decision::kKeep},
+      {{&variant, {1600000, kNone}}, 1561, 599, Decision::kChange},
+      {{&variant, {0, 1920000}}, 1874, 0, Decision::kKeep},
+      {{&variant, {0, 1920000}}, 1875, 1000, Decision::kChange},
+      {{nullptr, {0, 1920000}}, 1874, 1000, Decision::kFail},
+      {{}, 1562, 0, Decision::kChange},
+  };
+  for (const auto& [current, kbps, held, decision] : cases) {
+    EXPECT_EQ(keep_or_change(current, kbps, held, 1000), decision) << kbps << " " << held;
+  }
 }
 
 }  // namespace
