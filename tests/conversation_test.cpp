@@ -46,7 +46,7 @@ const std::string kEnd = "#EXT-X-ENDLIST";
 std::string key(const std::string& url) { return "#EXT-X-KEY:METHOD=AES-128,URI=\"" + url + "\""; }
 
 // The pages of a stream of one variant, the segments of which are named as they read.
-Pages film(const std::string& variant, Pages more = {}) {
+Pages vod(const std::string& variant, Pages more = {}) {
   more.insert({{"/m", {ok(master({"1 http://o/v"}))}}, {"/v", {ok(variant)}}});
   for (const std::string path : {"/1", "/2", "/3", "/4", "/5", "/6", "/7", "/8", "/9"}) {
     more.insert({path, {ok(path)}});
@@ -124,31 +124,31 @@ TEST(Conversation, HeadsAreReadAsTheyCome) {
   unavailable.push_back(ok("+"));
   World world;
   world.origin(
-      "o", film(list(1, {"/206", "/pieces", "/10", "/100", "/one", "/blank", "/302", "/icy",
-                         "/empty", "/cut", "/none", "/head", "/stall", "/503", "/unknown",
-                         "/negative", "/less", "/zero", kEnd}),
-                {{"/206", odd(raw("HTTP/1.1 206 P\r\nContent-Length: 3\r\n\r\n206"))},
-                 {"/pieces", odd({{{0s, ok11 + "A"},
-                                   {1s, ": 1\r\nno colon\r\n Content-Length: 9\r\nConte"},
-                                   {1s, "nt-Length: \t 3 \r\nContent-Length: 5\r\n\r"},
-                                   {1s, "\nab"},
-                                   {1s, "c"}}})},
-                 {"/10", odd(raw("HTTP/1.0 200 OK\r\nContent-Length: 1\r\n\r\nten", End::kClose))},
-                 {"/100", odd(raw("HTTP/1.0 2\r\nA: 1\r\n\r\n+", End::kClose))},
-                 {"/one", odd(raw("HTTP/1.1\r\n\r\n"))},
-                 {"/blank", odd(raw("HTTP/1.1  200 OK\r\n\r\n"))},
-                 {"/302", odd(raw("HTTP/1.0 302 Found\r\n\r\nHTTP/1.1 junk"))},
-                 {"/icy", odd(raw("ICY 200 OK\r\n"))},
-                 {"/empty", odd(raw("\r\n" + ok11))},
-                 {"/cut", odd({{{0s, "HTTP/1.1 200 OK"}, {1s, "\r\n"}}})},
-                 {"/none", odd(raw("", End::kClose))},
-                 {"/head", odd(raw(ok11 + "Content-Le", End::kClose))},
-                 {"/stall", odd(raw(ok11 + "Content-Length: 1\r\n", End::kStall))},
-                 {"/503", unavailable},
-                 {"/unknown", odd(raw(ok11 + "content-length: 2\r\n\r\nxx"))},
-                 {"/negative", odd(raw(ok11 + "Content-Length: -1\r\n\r\nabc", End::kClose))},
-                 {"/less", odd(raw(ok11 + "Content-Length: 2\r\n\r\nabc"))},
-                 {"/zero", odd(ok(""))}}));
+      "o", vod(list(1, {"/206", "/pieces", "/10", "/100", "/one", "/blank", "/302", "/icy",
+                        "/empty", "/cut", "/none", "/head", "/stall", "/503", "/unknown",
+                        "/negative", "/less", "/zero", kEnd}),
+               {{"/206", odd(raw("HTTP/1.1 206 P\r\nContent-Length: 3\r\n\r\n206"))},
+                {"/pieces", odd({{{0s, ok11 + "A"},
+                                  {1s, ": 1\r\nno colon\r\n Content-Length: 9\r\nConte"},
+                                  {1s, "nt-Length: \t 3 \r\nContent-Length: 5\r\n\r"},
+                                  {1s, "\nab"},
+                                  {1s, "c"}}})},
+                {"/10", odd(raw("HTTP/1.0 200 OK\r\nContent-Length: 1\r\n\r\nten", End::kClose))},
+                {"/100", odd(raw("HTTP/1.0 2\r\nA: 1\r\n\r\n+", End::kClose))},
+                {"/one", odd(raw("HTTP/1.1\r\n\r\n"))},
+                {"/blank", odd(raw("HTTP/1.1  200 OK\r\n\r\n"))},
+                {"/302", odd(raw("HTTP/1.0 302 Found\r\n\r\nHTTP/1.1 junk"))},
+                {"/icy", odd(raw("ICY 200 OK\r\n"))},
+                {"/empty", odd(raw("\r\n" + ok11))},
+                {"/cut", odd({{{0s, "HTTP/1.1 200 OK"}, {1s, "\r\n"}}})},
+                {"/none", odd(raw("", End::kClose))},
+                {"/head", odd(raw(ok11 + "Content-Le", End::kClose))},
+                {"/stall", odd(raw(ok11 + "Content-Length: 1\r\n", End::kStall))},
+                {"/503", unavailable},
+                {"/unknown", odd(raw(ok11 + "content-length: 2\r\n\r\nxx"))},
+                {"/negative", odd(raw(ok11 + "Content-Length: -1\r\n\r\nabc", End::kClose))},
+                {"/less", odd(raw(ok11 + "Content-Length: 2\r\n\r\nabc"))},
+                {"/zero", odd(ok(""))}}));
   // A speed that is no number, as that of the last one, is none.
   world.play({{0s, kM, stream("206abcten++++++++++++abcabc"), 13002ms},
               {14s, "/stats.json", stats(0, 6004799503160661, 0, 0), 14s}});
@@ -162,14 +162,14 @@ TEST(Conversation, HostsThatCannotBeReachedAreTriedAgain) {
   const std::string one = list(1, {"/1", kEnd});
   const auto ask = [&](int second, const std::string& host, Host::Kind kind, Time heals, Time ended,
                        const std::string& got = "/1") -> Host& {
-    Host& origin = world.origin(host, film(one));
+    Host& origin = world.origin(host, vod(one));
     origin.kind = kind;
     const Time start = std::chrono::seconds(second);
     world.at(start + heals, [&origin] { origin.kind = Host::Kind::kServes; });
     asks.push_back({start, "/stream?url=http://" + host + "/m", stream(got), start + ended});
     return origin;
   };
-  world.origin("o", film(one));
+  world.origin("o", vod(one));
   ask(0, "refuses:81", Host::Kind::kRefuses, 1500ms, 3005ms);
   ask(20, "silent", Host::Kind::kSilent, 10500ms, 13002ms);
   ask(40, "unreachable", Host::Kind::kUnreachable, 2500ms, 4002ms);
@@ -232,7 +232,7 @@ TEST(Conversation, ResumesExactlyWhereAStallBrokeOff) {
   add("/secret", secret);
   lines.push_back(kEnd);
   World world;
-  world.origin("o", film(list(1, lines), pages));
+  world.origin("o", vod(list(1, lines), pages));
   world.play({{0s, kM, stream(all), 823002ms}});
 }
 
@@ -249,7 +249,7 @@ TEST(Conversation, OffsetComesFromTheContentRange) {
     replies.push_back(raw(part(range), End::kStall));
   }
   replies.push_back(ok("-"));
-  world.origin("o", film(list(1, {"/s", "/s", "/s", kEnd}), {{"/s", replies}}));
+  world.origin("o", vod(list(1, {"/s", "/s", "/s", kEnd}), {{"/s", replies}}));
   world.play({{0s, kM, stream("abababababababab-"), 23002ms}});
   world.compare_transcript();
 }
@@ -289,9 +289,9 @@ TEST(Conversation, FullBufferHoldsTheDownloadBackAndKeepsTheVariant) {
   const std::vector<std::string> lines = {"/a", "/a", "/a", "/a", "/a", "/a",
                                           "/b", "/b", "/b", "/b", kEnd};
   world.origin(
-      "o", film(list(1, lines, 4), {{"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
-                                    {"/a", {slow(media, 60000, 10ms)}},
-                                    {"/b", {slow(media, 60000, 32ms)}}}));
+      "o", vod(list(1, lines, 4), {{"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
+                                   {"/a", {slow(media, 60000, 10ms)}},
+                                   {"/b", {slow(media, 60000, 32ms)}}}));
   std::string all;
   for (int i = 0; i < 10; ++i) all += media;
   world.play({{0s, kM, stream(all), 18600ms, std::string::npos, 200ms},
@@ -302,9 +302,9 @@ TEST(Conversation, FullBufferHoldsTheDownloadBackAndKeepsTheVariant) {
 TEST(Conversation, LivePlaylistIsLoadedAgainUntilNothingIsNew) {
   World world;
   world.origin(
-      "o", film("", {{"/v",
-                      {ok(list(1, {"/1", "/2", "/3", "/4", "/5"}, 4)),
-                       ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), ok(list(6, {"/6", "/7"}, 8))}}}));
+      "o", vod("", {{"/v",
+                     {ok(list(1, {"/1", "/2", "/3", "/4", "/5"}, 4)),
+                      ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), ok(list(6, {"/6", "/7"}, 8))}}}));
   world.play({{0s, kM + "&startFrom=-2", stream("/4/5/6/7"), 20008ms},
               {60s, kM + "&startFrom=4294967298", stream("/6/7"), 80007ms}});
   world.compare_transcript();
@@ -312,13 +312,13 @@ TEST(Conversation, LivePlaylistIsLoadedAgainUntilNothingIsNew) {
 
 // The number 0 is never fetched.
 TEST(Conversation, PlaylistsMayBeOdd) {
-  Pages pages = film(
-      "#EXTM3U \r\n#EXT-X-VERSION:3\r\n#EXT-X-ENDLIST\nhttp://o/1\n#EXTINF:4,\r\n"
-      " http://o/2 \r\n#EXT-X-MEDIA-SEQUENCE:x\nhttp://o/3\nhttp://o/4\n"
-      "#EXT-X-MEDIA-SEQUENCE:-1\nhttp://o/5\nhttp://o/6\n#EXT-X-ENDLIST",
-      {{"/n", {ok("#EXTM3U\nhttp://o/none\n#EXT-X-STREAM-INF:RESOLUTION=1x1\nx")}},
-       {"/x", {ok("#EXTM3U8\n1 http://o/v\n")}},
-       {"/e", {ok("")}}});
+  Pages pages =
+      vod("#EXTM3U \r\n#EXT-X-VERSION:3\r\n#EXT-X-ENDLIST\nhttp://o/1\n#EXTINF:4,\r\n"
+          " http://o/2 \r\n#EXT-X-MEDIA-SEQUENCE:x\nhttp://o/3\nhttp://o/4\n"
+          "#EXT-X-MEDIA-SEQUENCE:-1\nhttp://o/5\nhttp://o/6\n#EXT-X-ENDLIST",
+          {{"/n", {ok("#EXTM3U\nhttp://o/none\n#EXT-X-STREAM-INF:RESOLUTION=1x1\nx")}},
+           {"/x", {ok("#EXTM3U8\n1 http://o/v\n")}},
+           {"/e", {ok("")}}});
   pages["/m"] = {
       ok("\t#EXTM3U \r\n#EXT-X-VERSION:3\n#EXT-X-STREAM-INF:A=1,"
          "AVERAGE-BANDWIDTH=5,BANDWIDTH=9\r\n http://o/v \r\n\n"
@@ -335,8 +335,8 @@ TEST(Conversation, PlaylistsMayBeOdd) {
 TEST(Conversation, SegmentsThatCannotBeHadAreLeftOutUntilTheFourthInARow) {
   const std::vector<Reply> lengthless = {raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nmedia")};
   World world;
-  world.origin("o", film(list(1, {"/a", "/a", "/a", "/1", "/a", "/a", "/a", "/a", "/2"}),
-                         {{"/a", lengthless}}));
+  world.origin("o", vod(list(1, {"/a", "/a", "/a", "/1", "/a", "/a", "/a", "/a", "/2"}),
+                        {{"/a", lengthless}}));
   world.play({{0s, kM, stream("/1"), 22002ms}});
   world.compare_transcript();
 }
@@ -345,14 +345,14 @@ TEST(Conversation, KeysAreLoadedOnceAndForgottenByAClearSegment) {
   const std::string secret = encrypt("media", kKey);
   const std::string other = encrypt("other", "short");
   World world;
-  world.origin("o", film(list(1, {key("http://o/k"), "/s", "/s", key(""), "/1", key("http://o/k"),
-                                  "/s", key("http://o/n"), "/s", "/s", key("http://o/short"),
-                                  "/other", "#EXT-X-KEY:METHOD=NONE", "/s",
-                                  "#EXT-X-KEY:URI=\"http://o/k\",IV=0", "/s", kEnd}),
-                         {{"/s", {ok(secret)}},
-                          {"/other", {ok(other), ok(other)}},
-                          {"/k", {ok(kKey)}},
-                          {"/short", {ok("short")}}}));
+  world.origin("o", vod(list(1, {key("http://o/k"), "/s", "/s", key(""), "/1", key("http://o/k"),
+                                 "/s", key("http://o/n"), "/s", "/s", key("http://o/short"),
+                                 "/other", "#EXT-X-KEY:METHOD=NONE", "/s",
+                                 "#EXT-X-KEY:URI=\"http://o/k\",IV=0", "/s", kEnd}),
+                        {{"/s", {ok(secret)}},
+                         {"/other", {ok(other), ok(other)}},
+                         {"/k", {ok(kKey)}},
+                         {"/short", {ok("short")}}}));
   world.play({{0s, kM,
                stream("mediamedia/1" + secret + secret + secret + "other" +
                       decrypt(secret, "short") + decrypt(secret, "short")),
@@ -385,10 +385,10 @@ TEST(Conversation, VariantsThatCannotBeLoadedAreMarked) {
   World world;
   world.origin("silent").kind = Host::Kind::kSilent;
   world.origin(
-      "o", film("", {{"/m", {ok(master({"5 http://o/gone", "7 http://o/empty", "6 http://o/v"}))}},
-                     {"/v", {ok(list(1, {"/1"}, 1)), ok("")}},
-                     {"/empty", {ok("#EXTM3U\n")}},
-                     {"/n", {ok(master({"5 http://silent/v", "7 http://o/v"}))}}}));
+      "o", vod("", {{"/m", {ok(master({"5 http://o/gone", "7 http://o/empty", "6 http://o/v"}))}},
+                    {"/v", {ok(list(1, {"/1"}, 1)), ok("")}},
+                    {"/empty", {ok("#EXTM3U\n")}},
+                    {"/n", {ok(master({"5 http://silent/v", "7 http://o/v"}))}}}));
   world.play({{0s, kM, stream("/1"), 2010ms},
               // He is gone when the first one is given up; the other isn't tried.
               {10s, "/stream?url=http://o/n", stream(""), 70002ms}});
@@ -406,17 +406,17 @@ TEST(Conversation, StreamsEndWithoutDataAndWithoutAReader) {
     return std::vector{ok(master({"1 " + variant}))};
   };
   world.origin("o",
-               film(list(1, {"/1"}, 60), {{"/idle", only("http://o/many")},
-                                          {"/many", {ok(list(1, {"/a", "/a", "/c", "/a"}, 60))}},
-                                          {"/c", {slow(large, 100000, 1s)}},
-                                          {"/a", {ok(large)}},
-                                          {"/leave", only("http://o/slow")},
-                                          {"/slow", {ok(list(1, {"/b"}, 60))}},
-                                          {"/b", {slow(large, 10000, 500ms)}},
-                                          {"/late", only("http://o/trickle")},
-                                          {"/trickle", {slow(list(1, {"/1"}, 60), 4, 1s)}},
-                                          {"/deaf", only("http://o/d")},
-                                          {"/d", {ok(list(1, {"http://deaf/longer/than/ten"}))}}}));
+               vod(list(1, {"/1"}, 60), {{"/idle", only("http://o/many")},
+                                         {"/many", {ok(list(1, {"/a", "/a", "/c", "/a"}, 60))}},
+                                         {"/c", {slow(large, 100000, 1s)}},
+                                         {"/a", {ok(large)}},
+                                         {"/leave", only("http://o/slow")},
+                                         {"/slow", {ok(list(1, {"/b"}, 60))}},
+                                         {"/b", {slow(large, 10000, 500ms)}},
+                                         {"/late", only("http://o/trickle")},
+                                         {"/trickle", {slow(list(1, {"/1"}, 60), 4, 1s)}},
+                                         {"/deaf", only("http://o/d")},
+                                         {"/d", {ok(list(1, {"http://deaf/longer/than/ten"}))}}}));
   world.play({{0s, kM, stream("/1"), 17002ms},
               {20s, "/stream?url=http://o/idle", nothing, 60s, nothing.size(), 40s},
               // Nobody takes from the buffer now.
@@ -449,7 +449,7 @@ TEST(Conversation, SegmentsOfEverySizeArriveWhole) {
     add(odd, decrypt(odd, kKey));
   }
   lines.push_back(kEnd);
-  world.origin("o", film(list(1, lines), pages));
+  world.origin("o", vod(list(1, lines), pages));
   world.play({{0s, kM, stream(all), 1002ms}});
 }
 
@@ -504,11 +504,11 @@ TEST(Conversation, ThreadsAndMemoryThatCannotBeHad) {
     world.at(to, [call] { refuse(call, 0); });
   };
   World world;
-  world.origin("o", film(list(1, {"/a", key("http://o/k"), "/b", "/c", kEnd}),
-                         {{"/k", {ok(kKey)}},
-                          {"/a", {slow("0123456789", 1, 1s)}},
-                          {"/b", {ok(encrypt("b", kKey))}},
-                          {"/c", {ok(encrypt("c", kKey))}}}));
+  world.origin("o", vod(list(1, {"/a", key("http://o/k"), "/b", "/c", kEnd}),
+                        {{"/k", {ok(kKey)}},
+                         {"/a", {slow("0123456789", 1, 1s)}},
+                         {"/b", {ok(encrypt("b", kKey))}},
+                         {"/c", {ok(encrypt("c", kKey))}}}));
   refused("pthread_create", 0s, 500us, world);            // the request's
   refused("pthread_create", 20s, 20500us + 20s, world);   // the timer's
   refused("pthread_create", 50001500us, 52500ms, world);  // that of the first passes
@@ -640,7 +640,7 @@ TEST_P(FaultTest, IsContained) {
   }
   // One beside them that doesn't notice.
   const std::string calm = pattern(120000);
-  pages.merge(film(list(1, {"/calm", kEnd}), {{"/calm", {slow(calm, 1000, 1s)}}}));
+  pages.merge(vod(list(1, {"/calm", kEnd}), {{"/calm", {slow(calm, 1000, 1s)}}}));
   asks.push_back({0s, kM, stream(calm), 121002ms});
   world.origin("o", pages);
   world.play(asks);
@@ -681,7 +681,7 @@ class ArgumentTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(ArgumentTest, IsReadAsFarAsItIsANumber) {
   World world({GetParam()});
-  world.origin("o", film(list(1, {"/1", kEnd}, 60)));
+  world.origin("o", vod(list(1, {"/1", kEnd}, 60)));
   refuse("select", EINTR);
   world.at(1s, [] { refuse("select", 0); });
   world.play({{1s, kM, stream(""), 17002ms}});

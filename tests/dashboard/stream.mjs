@@ -25,7 +25,7 @@ export async function eventually(what, attempt, seconds = 20) {
   throw new Error(`waited in vain for ${what}`);
 }
 
-// Serves the page, and a film in variants of the given bits a second.
+// Serves the page, and a video in variants of the given bits a second.
 export async function startOrigin(bandwidths) {
   const origin = { rate: 1e6 }; // bytes a second
   const at = 'http://127.0.0.1:8080';
