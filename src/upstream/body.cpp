@@ -49,12 +49,11 @@ BodyResult read_segment_to_end(Connection& connection, const Response& response,
 
 }  // namespace
 
-BodyResult download_document(Connection& connection, Response& response, std::string& out,
-                             std::uint64_t& received) {
+BodyResult download_document(Connection& connection, Response& response, std::string& out) {
   Document document(out);
-  received = 0;
   const std::optional<std::uint64_t> length = body_length(response);
   if (!length) return BodyResult::kLengthUnknown;
+  std::uint64_t received = 0;
   for (std::string piece = std::move(response.rest);;) {
     if (!document.append(piece)) {
       connection.fail_receive("recv error");

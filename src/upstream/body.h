@@ -27,7 +27,7 @@ struct Progress {
 
 // Reads a document into `out`. One beyond Document::kMaxSize fails like a receive.
 [[nodiscard]] BodyResult download_document(Connection& connection, Response& response,
-                                           std::string& out, std::uint64_t& received);
+                                           std::string& out);
 
 // Reads a segment into the sink. The stop flag ends that between two receives. This, and
 // running out of memory, closes the connection and counts as delivered.

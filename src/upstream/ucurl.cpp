@@ -134,8 +134,8 @@ bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive
 bool UCurl::get_document(const std::string& url, std::string& out) {
   Response response;
   if (!get_head(url, response, false, 0, "get common")) return false;
-  std::uint64_t received = 0;
-  const BodyResult body = download_document(connection_, response, out, received);
+  const BodyResult body = download_document(connection_, response, out);
+  // Without a length no byte of the body was received.
   if (body == BodyResult::kLengthUnknown) server_.invalidate_cache_server();
   return body == BodyResult::kDelivered;
 }

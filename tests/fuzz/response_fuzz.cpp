@@ -26,7 +26,7 @@ static void run(unsigned kind, const std::string& text, int sock) {
   std::string document;
   Progress progress;
   if ((kind & 1) != 0) {
-    (void)download_document(connection, response, document, progress.received);
+    (void)download_document(connection, response, document);
   } else {
     const std::atomic<bool> stop{false};
     Decryptor decryptor;
