@@ -124,7 +124,7 @@ class Simulation {
     while (world.since_start() < end_) {
       sleep(std::chrono::milliseconds(below(30000)));
       if (one_in(20)) {  // never asks
-        EXPECT_EQ(world.get({0s, "", "", {}, 0}), "");
+        EXPECT_EQ(world.get({0s, "", 0}), "");
         continue;
       }
       const size_t number = players_.size();
@@ -135,7 +135,7 @@ class Simulation {
       const size_t leaves = stays ? std::string::npos : static_cast<size_t>(200 + below(1 << 20));
       const Time pause = one_in(3) ? std::chrono::milliseconds(below(2000)) : Time(0);
       const int starved_before = starved_;
-      const std::string got = world.get({0s, resource, "", {}, leaves, pause});
+      const std::string got = world.get({0s, resource, leaves, pause});
       const Player& player = players_[number];
       sum.hours += static_cast<double>((now() - player.began).count()) / 3.6e12;
       // There was no thread for him, or no memory for what he should have got.

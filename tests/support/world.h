@@ -39,12 +39,10 @@ void respond(std::string& received, Pipe& out,
 // By path: what it answers in turn, the last again and again; 404 elsewhere.
 using Pages = std::map<std::string, std::vector<Reply>>;
 
-// What a client asks, and what has to come of it.
+// What a client asks.
 struct Ask {
   Time at;
-  std::string resource;  // of a GET, or all that is sent, if there is a space in it
-  std::string got = {};
-  Time ended = {};                    // the connection
+  std::string resource;               // of a GET, or all that is sent, if there is a space in it
   size_t leaves = std::string::npos;  // after so many bytes
   Time pause = {};                    // before each read, which takes 64 KiB at most
 };
@@ -52,7 +50,6 @@ struct Ask {
 std::string head(const std::string& status, const std::string& type);
 // The answer to a stream that delivers this.
 std::string stream(const std::string& media);
-std::string stats(long last, long average, long buffered, long profile);
 extern const std::string kOk, kMapSet;
 
 class World {
@@ -64,20 +61,22 @@ class World {
 
   // Names get addresses from 10.0.0.1 on.
   Host& origin(const std::string& name_and_port, Pages pages = {});
-  // Asks all of them, and returns when all is quiet again. Differences are failures.
-  void play(const std::vector<Ask>& asks);
+  // Asks, and returns what came.
   std::string get(const Ask& ask);
-  // The transcript is the one in tests/transcripts/ that has the name of the test. With
-  // UPDATE_TRANSCRIPTS in the environment it is written there instead, to be reviewed.
-  void compare_transcript();
+  // Asks all of them, and returns when all is quiet again.
+  void play(const std::vector<Ask>& asks);
+  // And compares the transcript with the one in tests/transcripts/ that has the name of the
+  // test. With UPDATE_TRANSCRIPTS in the environment that is written instead, to be reviewed.
+  void converse(const std::vector<Ask>& asks);
   void at(Time time, std::function<void()> act);
 
   Time since_start() const { return now() - start_; }
-  // Everything logged, asked of an origin ("> ") or else noticed ("~ "), behind the times
-  // at which it was; problems begin with "! ". Without what every request logs, unless whole.
+  // Everything logged, asked of an origin ("> ") or else noticed ("~ ", what clients got among
+  // it), behind the times at which it was; problems begin with "! ". Without what every
+  // request logs and every answer has, unless whole.
   std::string transcript;
   bool marker = false;
-  bool whole = false;
+  bool whole = false, only_answers = false;
 
  private:
   void note(const std::string& line);
