@@ -16,35 +16,6 @@ using End = Reply::End;
 const std::string kKey = "0123456789abcdef";
 const std::string kM = "/stream?url=http://o/m";
 
-// A master playlist of variants "BANDWIDTH URL"; any other line stands as it is.
-std::string master(const std::vector<std::string>& variants) {
-  std::string text = "#EXTM3U\n";
-  for (const std::string& variant : variants) {
-    const size_t space = variant.find(' ');
-    if (space == std::string::npos) {
-      text += variant + "\n";
-    } else {
-      text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant.substr(0, space) + "\n" +
-              variant.substr(space + 1) + "\n";
-    }
-  }
-  return text;
-}
-
-// A variant playlist whose first segment has that number.
-std::string list(int first, const std::vector<std::string>& lines, int duration = 10) {
-  std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(duration) +
-                     "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
-  for (const std::string& line : lines) {
-    text += (line[0] == '/' ? "http://o" : "") + line + "\n";
-  }
-  return text;
-}
-
-const std::string kEnd = "#EXT-X-ENDLIST";
-
-std::string key(const std::string& url) { return "#EXT-X-KEY:METHOD=AES-128,URI=\"" + url + "\""; }
-
 // The pages of a stream of one variant, the segments of which are named as they read.
 Pages vod(const std::string& variant, Pages more = {}) {
   more.insert({{"/m", {ok(master({"1 http://o/v"}))}}, {"/v", {ok(variant)}}});

@@ -21,6 +21,8 @@ int weir_main(int argc, char** argv);
 namespace weir::test {
 
 const std::string kOk = head("200 OK", "application/json");
+std::ptrdiff_t live_bytes = 0;
+std::ptrdiff_t peak_bytes = 0;
 const std::string kMapSet = kOk + "\"OK\"\n";
 
 namespace {
@@ -68,7 +70,7 @@ std::string shown(const std::string& bytes, size_t most) {
     if (bytes[at] < ' ' || bytes[at] > '~' || bytes[at] == '\\')
       std::snprintf(code, sizeof code, "\\x%02hhx", bytes[at]);
     for (size_t times = run > 3 ? 1 : run; times > 0 && line.size() < most; --times) line += code;
-    if (run > 3 && line.size() < most) line += "{" + std::to_string(run) + "}";
+    if (run > 3 && line.size() < most) line.append("{").append(std::to_string(run)).append("}");
     at += run;
   }
   char rest[64];
@@ -122,6 +124,28 @@ Reply slow(const std::string& body, size_t piece, Time pause) {
   }
   return reply;
 }
+
+std::string master(const std::vector<std::string>& variants) {
+  std::string text = "#EXTM3U\n";
+  for (const std::string& variant : variants) {
+    const size_t space = variant.find(' ');
+    if (space != std::string::npos)
+      text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant.substr(0, space) + "\n";
+    text += variant.substr(space + 1) + "\n";
+  }
+  return text;
+}
+
+std::string list(int first, const std::vector<std::string>& lines, long duration) {
+  std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(duration) +
+                     "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
+  for (const std::string& line : lines) {
+    text += (line[0] == '/' ? "http://o" : "") + line + "\n";
+  }
+  return text;
+}
+
+std::string key(const std::string& url) { return "#EXT-X-KEY:METHOD=AES-128,URI=\"" + url + "\""; }
 
 std::string head(const std::string& status, const std::string& type) {
   return "HTTP/1.0 " + status + "\r\nContent-Type: " + type +

@@ -32,6 +32,13 @@ Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
 // The head, then the body in pieces.
 Reply slow(const std::string& body, size_t piece, Time pause);
 
+// A master playlist of variants "BANDWIDTH URL"; any other line stands as it is.
+std::string master(const std::vector<std::string>& variants);
+// A variant playlist whose first segment has that number. Paths are those of a host "o".
+std::string list(int first, const std::vector<std::string>& lines, long duration = 10);
+std::string key(const std::string& url);
+inline const std::string kEnd = "#EXT-X-ENDLIST";
+
 // Answers the requests that are whole, as long as the connection is good for any.
 void respond(std::string& received, Pipe& out,
              const std::function<Reply(const std::string& request)>& reply_to);
@@ -51,6 +58,7 @@ std::string head(const std::string& status, const std::string& type);
 // The answer to a stream that delivers this.
 std::string stream(const std::string& media);
 extern const std::string kOk, kMapSet;
+extern std::ptrdiff_t live_bytes, peak_bytes;  // that the program has and had allocated
 
 class World {
  public:
