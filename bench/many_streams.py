@@ -1,10 +1,12 @@
 """Many live streams: one weir beside as many relays, and as many of each peer.
 
-A channel of MPEG-TS in segments of two seconds is served from nginx on loopback.
-Each program in turn plays it as often as asked: weir and the relays to a player
-that throws the bytes away, a peer to /dev/null. Printed are the CPU and the memory
-(PSS) of all of its processes, and the CPU in ratio to that of the relays, which do
-nothing else than pass on a segment every two seconds, as a Markdown table.
+A channel of MPEG-TS in segments of two seconds is served from nginx on loopback. Each program
+in turn plays it as often as asked: weir and the relays to players that compare every byte with
+the video, a peer to /dev/null. Printed are, as Markdown tables, the CPU and the memory (PSS) of
+all of its processes, and the CPU in ratio to that of the first program, which may be the relays,
+that do nothing else than pass on a segment every two seconds; and for each weir what a stream
+costs, how fast the statistics were answered, and what was left afterwards. The status is 0 only
+when every stream was whole and weir has given everything back.
 """
 
 import argparse
@@ -13,27 +15,30 @@ import os
 import selectors
 import socket
 import subprocess
+import sys
 import threading
 import time
 from collections.abc import Callable
+from itertools import accumulate
 from pathlib import Path
-from typing import NamedTuple
 
 from programs import PEERS
 from weirlab import client, procfs, tables
-from weirlab.lab import TOP, Lab, Process
+from weirlab.lab import TOP, Lab, Process, wait_until
 from weirlab.network import own_network
-from weirlab.video import make_noise, media_playlist, replace
+from weirlab.plots import plot
+from weirlab.poller import Poller
+from weirlab.video import make_noise, media_playlist, replace, segments_in
 
 SECONDS = 2  # a segment
 WINDOW = 10  # segments
 ORIGIN, RELAYS = 9000, 9100  # the relays' first port; all below those of connections
 BASE = f"http://127.0.0.1:{ORIGIN}"
+OPEN_RATE = 100  # streams a second
+RETURN_LIMIT = 90  # seconds
+TELLING = 20 * 188  # bytes at the beginning of a segment that no other segment has
 
-
-class Run(NamedTuple):
-    cpu: float  # % of a core
-    memory: float  # MiB of PSS
+Figures = dict[str, float]
 
 
 class Channel(threading.Thread):
@@ -60,85 +65,159 @@ class Channel(threading.Thread):
             self.publish(first)
 
 
-class Players(threading.Thread):
-    """Connections whose bytes are thrown away unread."""
+class Video:
+    """What the players must get, from the beginning of one segment on."""
 
-    def __init__(self) -> None:
+    def __init__(self, lab: Lab) -> None:
+        segments = [path.read_bytes() for path in segments_in(lab.www / "clear")]
+        self.bytes, self.starts = b"".join(segments), [0, *accumulate(map(len, segments))]
+
+    def place(self, beginning: bytes) -> int:
+        """Of a segment that begins so; 0, where something else stands, if none does."""
+        return next((start for start in self.starts if self.bytes.startswith(beginning, start)), 0)
+
+
+class Player:
+    """One connection: how much came, and whether it was right."""
+
+    def __init__(self, connection: socket.socket, video: Video) -> None:
+        self.connection, self.video = connection, video
+        self.place, self.beginning = -1, b""  # of the next byte; what came before that is known
+        self.received, self.right = 0, True
+
+    def take(self, piece: bytes) -> None:
+        self.received += len(piece)
+        if self.place < 0:
+            self.beginning += piece
+            head, end, media = self.beginning.partition(b"\r\n\r\n")
+            piece = media if end and head.startswith(b"HTTP/") else self.beginning
+            if len(piece) < TELLING:
+                return
+            self.place = self.video.place(piece[:TELLING])
+        self.right = self.right and self.video.bytes.startswith(piece, self.place)
+        self.place += len(piece)
+
+
+class Players(threading.Thread):
+    """All connections to one program, or to many of it."""
+
+    def __init__(self, video: Video) -> None:
         super().__init__(daemon=True)
-        self.selector, self.received, self.left = selectors.DefaultSelector(), 0, False
-        self.began = time.monotonic()
+        self.selector, self.left, self.video = selectors.DefaultSelector(), False, video
+        self.all: list[Player] = []
+        self.complete = time.monotonic()
+        self.before = 0  # bytes that had come when the last stream began
         self.start()
 
-    def add(self, player: socket.socket) -> None:
-        self.selector.register(player, selectors.EVENT_READ)
+    def received(self) -> int:
+        return sum(player.received for player in self.all)
+
+    def add(self, connection: socket.socket) -> None:
+        self.complete, self.before = time.monotonic(), self.received()
+        self.all.append(Player(connection, self.video))
+        self.selector.register(connection, selectors.EVENT_READ, self.all[-1])
 
     def run(self) -> None:
-        scratch = bytearray(1 << 18)
         while not self.left:
             for key, _ in self.selector.select(0.5):
-                assert isinstance(key.fileobj, socket.socket)
-                count = key.fileobj.recv_into(scratch, len(scratch), socket.MSG_TRUNC)
-                if count == 0:
+                if piece := key.data.connection.recv(1 << 18):
+                    key.data.take(piece)
+                else:
                     self.selector.unregister(key.fileobj)
-                self.received += count
 
-    def leave(self) -> tuple[int, float]:
-        """How many still played, and the bits a second of all."""
-        rate = 8 * self.received / (time.monotonic() - self.began)
+    def leave(self, mbit: float) -> tuple[int, Figures]:
+        """How many played to the end, with every byte and at their pace; and what all got."""
+        now, received = time.monotonic(), self.received()
         self.left = True
         self.join()
-        players = [key.fileobj for key in self.selector.get_map().values()]
-        for player in players:
-            assert isinstance(player, socket.socket)
-            player.close()
-        return len(players), rate
+        due = (now - self.complete - SECONDS) * mbit * 1e6 / 8
+        playing = [key.data for key in self.selector.get_map().values()]
+        for player in self.all:
+            player.connection.close()
+        return (sum(player.right and player.received > 0.8 * due for player in playing),
+                {"mbit": (received - self.before) * 8 / (now - self.complete) / 1e6,
+                 "mb": received / 1e6})
 
 
 class Bench:
     def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
         self.lab, self.options = lab, options
-        self.segments = len(make_noise(lab, BASE, WINDOW + 8 + options.seconds // SECONDS + 10,
-                                       SECONDS, int(options.mbit * 1e6)))
+        opening = max(options.streams) / OPEN_RATE
+        self.segments = len(make_noise(
+            lab, BASE, WINDOW + int(opening + options.seconds) // SECONDS + 18, SECONDS,
+            int(options.mbit * 1e6)))
+        self.video = Video(lab)
+        self.weirs: list[dict[str, object]] = []
+        self.costs: list[Figures] = []
+        self.sound = True
         lab.origin(ORIGIN)
 
-    def measure(self, kind: str, add: Callable[[int], object], processes: list[Process]) -> Run:
+    def measure(self, kind: str, count: int, add: Callable[[int], object],
+                processes: list[Process]) -> Figures:
         """`add` adds the stream of that number."""
         channel = Channel(self.lab, kind, self.segments)
-        for number in range(self.options.streams):
+        for number in range(count):
             add(number)
-            time.sleep(2 * SECONDS / self.options.streams)
+            time.sleep(max(1 / OPEN_RATE, 2 * SECONDS / count))
         time.sleep(2 * SECONDS)
-        began, before = time.monotonic(), cpu(processes)
+        began, before = time.monotonic(), total(cpu, processes)
         time.sleep(self.options.seconds)
-        used = 100 * (cpu(processes) - before) / (time.monotonic() - began)
-        memory = sum(procfs.sample(process.pid)["pss"] for process in processes)
+        seconds = time.monotonic() - began
+        result = {name: 100 * (value - before[name]) / seconds
+                  for name, value in total(cpu, processes).items()} | total(procfs.sample, processes)
         assert channel.is_alive(), "the video is too short"
         channel.done.set()
         channel.join()
-        return Run(used, memory)
-
-    def measure_played(self, kind: str, connect: Callable[[int], socket.socket],
-                       processes: list[Process]) -> Run:
-        players = Players()
-        result = self.measure(kind, lambda number: players.add(connect(number)), processes)
-        playing, rate = players.leave()
-        self.end(processes, playing)
-        assert rate > 0.8e6 * self.options.mbit * playing, f"only {rate:.0f} bit/s"
         return result
 
-    def end(self, processes: list[Process], playing: int) -> None:
-        for process in processes:
-            process.terminate()
-        for process in processes:
-            self.lab.end(process)
-        assert playing == self.options.streams, f"{playing} streams are left"
+    def measure_played(self, kind: str, count: int, connect: Callable[[int], socket.socket],
+                       processes: list[Process]) -> Figures:
+        players = Players(self.video)
+        result = self.measure(kind, count, lambda number: players.add(connect(number)), processes)
+        whole, got = players.leave(self.options.mbit)
+        self.expect(whole, count)
+        return result | got
 
-    def weir(self, kind: str) -> Run:
+    def expect(self, whole: int, count: int) -> None:
+        if whole != count:
+            self.sound = False
+            print(f"only {whole} of {count} streams were whole", file=sys.stderr)
+
+    def weir(self, kind: str, count: int) -> Figures:
+        poller = Poller(0.2)
+        process = self.lab.weir(self.options.build / "weir", self.options.buffer)
+        idle = procfs.sample(process.pid)
+        silent = [socket.create_connection(("127.0.0.1", client.WEIR))
+                  for _ in range(self.options.silent)]
+        wait_until("the silent connections", lambda: procfs.threads(process.pid) > len(silent))
+        quiet, began = procfs.sample(process.pid), time.monotonic()
+        poller.start()
         path = client.stream_path(f"{BASE}/{kind}/master.m3u8", -3)
-        return self.measure_played(kind, lambda _: client.connect(path),
-                                   [self.lab.weir(self.options.build / "weir", 32 << 20)])
+        cost = self.measure_played(kind, count, lambda _: client.connect(path), [process])
+        cost["stream seconds"] = (time.monotonic() - began) * count
+        polls = poller.stop()
+        for connection in silent:
+            connection.close()
+        wait_until("weir to be idle", lambda: procfs.threads(process.pid) == 1, RETURN_LIMIT)
+        after = procfs.sample(process.pid)
+        self.sound &= polls["failures"] == 0 and after["descriptors"] == idle["descriptors"]
+        process.terminate()
+        _, process.returncode, usage = os.wait4(process.pid, 0)
+        answers = [f"{1000 * polls[name]:.1f}" for name in ("median", "99 %", "longest")]
+        self.costs.append(cost)
+        self.weirs.append({
+            "streams": count, "media": kind, "Mbit/s": f"{cost['mbit']:.0f}", "MB": f"{cost['mb']:,.0f}",
+            "CPU %, system": f"{cost['cpu']:.1f}, {cost['system']:.1f}",
+            "PSS a stream, MiB": f"{(cost['pss'] - quiet['pss']) / count:.2f}",
+            "threads, descriptors": f"{cost['threads']:.0f}, {cost['descriptors']:.0f}",
+            "switches/s a stream":
+                f"{(usage.ru_nvcsw + usage.ru_nivcsw) / cost['stream seconds']:.0f}",
+            "answers: median, 99 %, longest, ms": ", ".join(answers),
+            "failed of": f"{polls['failures']} of {polls['polls']}",
+            "PSS before, after": f"{idle['pss']:.1f}, {after['pss']:.1f}"})
+        return cost
 
-    def relay(self, kind: str) -> Run:
+    def relay(self, kind: str, count: int) -> Figures:
         processes: list[Process] = []
         key = self.lab.www / "key" if kind == "aes" else ""
 
@@ -147,49 +226,94 @@ class Bench:
                                              ORIGIN, f"/{kind}/", 1000, key, SECONDS]))
             return client.connect_soon("/", RELAYS + number)
 
-        return self.measure_played(kind, connect, processes)
-
-    def peer(self, command: str, kind: str) -> Run:
-        words, processes = command.format(f"{BASE}/{kind}/master.m3u8").split(), list[Process]()
-        result = self.measure(kind, lambda _: processes.append(self.lab.start(
-            words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)), processes)
-        self.end(processes, sum(process.poll() is None for process in processes))
+        result = self.measure_played(kind, count, connect, processes)
+        self.end(processes)
         return result
 
-    def report(self, kind: str) -> None:
+    def peer(self, command: str, kind: str, count: int) -> Figures:
+        words, processes = command.format(f"{BASE}/{kind}/master.m3u8").split(), list[Process]()
+        result = self.measure(kind, count, lambda _: processes.append(self.lab.start(
+            words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)), processes)
+        self.expect(sum(process.poll() is None for process in processes), count)
+        self.end(processes)
+        return result
+
+    def end(self, processes: list[Process]) -> None:
+        for process in processes:
+            process.terminate()
+        for process in processes:
+            self.lab.end(process)
+
+    def report(self, kind: str, count: int) -> None:
         every = {"relay": self.relay, "weir": self.weir}
         every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
-        results = tables.in_turn({name: functools.partial(every[name], kind)
-                                  for name in self.options.programs.split(",")}, self.options.rounds)
-        floor = [run.cpu for run in next(iter(results.values()))]
+        results = tables.in_turn({name: functools.partial(every[name], kind, count)
+                                  for name in self.options.programs}, self.options.rounds)
+        floor = [run["cpu"] for run in next(iter(results.values()))]
         for name, rows in results.items():
-            cpus = [run.cpu for run in rows]
-            tables.print_row(kind, f"{self.options.streams} x {name}", tables.spread(cpus, 1),
-                             tables.ratio(cpus, floor), f"{max(run.memory for run in rows):.0f}")
+            cpus = [run["cpu"] for run in rows]
+            tables.print_row(kind, f"{count} x {name}", tables.spread(cpus, 1),
+                             tables.ratio(cpus, floor), f"{max(run['pss'] for run in rows):.0f}")
+
+    def plot(self, path: Path) -> None:
+        streams = [float(str(row["streams"])) for row in self.weirs]
+
+        def line(name: str) -> tuple[list[float], list[float]]:
+            return streams, [cost[name] for cost in self.costs]
+
+        plot(path, "live streams", {
+            "% of a core": {"user and system": line("cpu"), "system": line("system")},
+            "MiB, whole process": {"RSS": line("rss"), "PSS": line("pss")}}, "o-")
 
 
-def cpu(processes: list[Process]) -> float:
-    return sum(procfs.cpu(process.pid) for process in processes)
+def cpu(pid: int) -> Figures:
+    """Seconds."""
+    return {"cpu": procfs.cpu(pid), "system": procfs.user_and_system(pid)[1]}
+
+
+def total(figures_of: Callable[[int], Figures], processes: list[Process]) -> Figures:
+    each = [figures_of(process.pid) for process in processes]
+    return {name: sum(figures[name] for figures in each) for name in each[0]}
+
+
+def words(text: str) -> list[str]:
+    return text.split(",")
+
+
+def numbers(text: str) -> list[int]:
+    return [int(word) for word in words(text)]
 
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", type=Path, default=TOP / "build/bench")
-    parser.add_argument("--streams", type=int, default=200)
+    parser.add_argument("--streams", type=numbers, default=[200], help="or several numbers: 10,50,100")
+    parser.add_argument("--silent", type=int, default=0, help="connections that never say a word")
     parser.add_argument("--mbit", type=float, default=4, help="of each stream")
     parser.add_argument("--seconds", type=int, default=20, help="of measuring")
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--kinds", default="clear,aes")
-    parser.add_argument("--programs", default="relay,weir,ffmpeg",
+    parser.add_argument("--kinds", type=words, default=["clear", "aes"])
+    parser.add_argument("--buffer", type=int, default=32 << 20, help="bytes, weir's argument")
+    parser.add_argument("--programs", type=words, default=["relay", "weir", "ffmpeg"],
                         help="streamlink takes 50 MiB a stream")
+    parser.add_argument("--plot", type=Path, help="SVG of weir's costs; needs python3-matplotlib")
     options = parser.parse_args()
     own_network()
     os.nice(19 - os.nice(0))  # as weir's threads, so that no side pushes the other away
     with Lab("/dev/shm") as lab:
         bench = Bench(lab, options)
         tables.print_head("media", "program", "CPU, % of a core", "ratio", "PSS, MiB")
-        for kind in options.kinds.split(","):
-            bench.report(kind)
+        for kind in options.kinds:
+            for count in options.streams:
+                bench.report(kind, count)
+        if bench.weirs:
+            print()
+            tables.print_head(*bench.weirs[0])
+        for row in bench.weirs:
+            tables.print_row(*row.values())
+    if options.plot:
+        bench.plot(options.plot)
+    sys.exit(not bench.sound)
 
 
 if __name__ == "__main__":

@@ -88,8 +88,10 @@ def make_noise(lab: Lab, base: str, segments: int, seconds: int = 5,
     `base` is the URL of the web root; there are clear/master.m3u8, aes/master.m3u8 and the key.
     """
     clear, noise = lab.www / "clear", lab.work / "noise.ts"
-    ffmpeg(lab, "-v", "fatal", "-f", "lavfi", "-i", f"nullsrc=s=480x272:r=25:d={seconds},geq=random(1)*255",
-           "-c:v", "mpeg2video", "-g", 25, "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", "2M",
+    side = int((bitrate / 120) ** 0.5) // 16 * 16  # noise of larger pictures would take more bits
+    ffmpeg(lab, "-v", "fatal", "-f", "lavfi", "-i",
+           f"nullsrc=s={side}x{side}:r=25:d={seconds},geq=random(1)*255", "-c:v", "mpeg2video", "-g", 25,
+           "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", "2M",
            "-muxrate", bitrate * 21 // 20, noise)
     ffmpeg(lab, "-stream_loop", segments - 1, "-i", noise, "-c", "copy", *in_segments(clear, seconds))
     shutil.copytree(clear, lab.www / "aes")
