@@ -49,6 +49,10 @@ TEST(Conversation, RequestsAreAnsweredExactly) {
       {16s, "/update-cache-map?playlist="},
       {17s, "POST /stats.json HTTP/1.1\r\n\r\n" + pattern(60000)},
       {18s, "/", 0},
+      {19s, "/live%2Fa+b%2bc%00%7F%80%fF%2525%zzb%4zb%%41%-1"s + '\0' + "%41%"},
+      {20s, "/%4?/%zz?a%20b"},
+      {21s, "GET /a\tHTTP/1.1 \xA0\xFF \r\n\r\n"},
+      {22s, " GET / \v\f\r\n\r\n"},
   });
 }
 
@@ -262,7 +266,7 @@ TEST(Conversation, LivePlaylistIsLoadedAgainUntilNothingIsNew) {
 TEST(Conversation, PlaylistsMayBeOdd) {
   Pages pages =
       vod("#EXTM3U \r\n#EXT-X-VERSION:3\r\n#EXT-X-ENDLIST\nhttp://o/1\n#EXTINF:4,\r\n"
-          " http://o/2 \r\n#EXT-X-MEDIA-SEQUENCE:x\nhttp://o/3\nhttp://o/4\n"
+          " http://o/2 \v\f\r\n#EXT-X-MEDIA-SEQUENCE:x\nhttp://o/3\nhttp://o/4\n"
           "#EXT-X-MEDIA-SEQUENCE:-1\nhttp://o/5\nhttp://o/6\n#EXT-X-ENDLIST",
           {{"/n", {ok("#EXTM3U\nhttp://o/none\n#EXT-X-STREAM-INF:RESOLUTION=1x1\nx")}},
            {"/x", {ok("#EXTM3U8\n1 http://o/v\n")}},

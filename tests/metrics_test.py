@@ -33,7 +33,7 @@ def check_transcripts(room: lab.Lab) -> None:
     for transcript in sorted((lab.TOP / "tests/transcripts").iterdir()):
         text = transcript.read_text(encoding="latin-1")
         lines = re.findall(r"^  (?![>~] )(?:! )?(.*\n)", text, re.MULTILINE)
-        (room.work / "log").write_text("".join(lines), encoding="latin-1")
+        (room.work / "log").write_text("".join(lines), encoding="utf-8")
         counted += f"== {transcript.stem}\n" + "".join(
             f"{value:.0f} {name}\n" for name, value in sorted(metrics.of_log(room.work / "log").items()))
     if "UPDATE_TRANSCRIPTS" in os.environ:

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/time.h>
+#include <ucontext.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -37,9 +38,6 @@ extern "C" void AnnotateIgnoreReadsEnd(const char* file, int line);
 extern "C" void AnnotateIgnoreWritesBegin(const char* file, int line);
 extern "C" void AnnotateIgnoreWritesEnd(const char* file, int line);
 #endif
-#if !defined(__x86_64__)
-#include <ucontext.h>
-#endif
 
 namespace __cxxabiv1 {
 extern "C" void* __cxa_get_globals() noexcept;
@@ -62,11 +60,7 @@ struct Fiber {
   Waiters joiners;
   std::vector<Waiters*> waiting;
   void* exceptions[2] = {};  // what the C++ library keeps of a thread
-#if defined(__x86_64__)
-  void* context = nullptr;
-#else
   ucontext_t context{};
-#endif
   void* shadow = nullptr;  // the sanitizer's
 
   void leave_lists() {
@@ -115,13 +109,6 @@ void make_ready(Fiber* fiber, bool woken) {
   std::abort();
 }
 
-#if defined(__x86_64__)
-extern "C" void weir_sim_switch(void** from, void* to);
-asm(".globl weir_sim_switch; weir_sim_switch: "
-    "push %rbp; push %rbx; push %r12; push %r13; push %r14; push %r15; mov %rsp, (%rdi); "
-    "mov %rsi, %rsp; pop %r15; pop %r14; pop %r13; pop %r12; pop %rbx; pop %rbp; ret");
-#endif
-
 void free_ended() {
   if (ended == nullptr) return;
 #if WEIR_ASAN
@@ -168,11 +155,7 @@ void switch_to(Fiber* next, bool for_good = false) {
   __sanitizer_start_switch_fiber(for_good ? nullptr : &from->shadow, next->stack, next->size);
 #endif
   if (for_good) ended = from;
-#if defined(__x86_64__)
-  weir_sim_switch(&from->context, next->context);
-#else
   swapcontext(&from->context, &next->context);
-#endif
   arrived();
   std::memcpy(__cxxabiv1::__cxa_get_globals(), from->exceptions, sizeof from->exceptions);
   errno = error;
@@ -243,18 +226,10 @@ Fiber* new_fiber(std::function<void()> run, Of whose) {
 #elif WEIR_TSAN
   fiber->shadow = __tsan_create_fiber(0);
 #endif
-#if defined(__x86_64__)
-  auto* const top = reinterpret_cast<void**>(fiber->stack + kStack) - 1;
-  top[0] = nullptr;  // where fiber_main() would return to
-  top[-1] = reinterpret_cast<void*>(fiber_main);
-  std::fill_n(top - 7, 6, nullptr);
-  fiber->context = top - 7;
-#else
   getcontext(&fiber->context);
   fiber->context.uc_stack.ss_sp = fiber->stack;
   fiber->context.uc_stack.ss_size = kStack;
   makecontext(&fiber->context, fiber_main, 0);
-#endif
   ready.push_back(fiber);
   return fiber;
 }

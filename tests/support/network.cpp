@@ -42,7 +42,6 @@ struct Socket {
   int error = 0;
   Time receive_timeout = kNever, send_timeout = kNever;
   std::deque<int> backlog;
-  bool of_program = true;
   Waiters changed;
 };
 
@@ -263,15 +262,9 @@ bool is_listening() { return !listeners.empty() && find(listeners.begin()->secon
 
 int open_sockets() { return static_cast<int>(sockets.size()); }
 
-void close_sockets_of_program() {
+void close_all_sockets() {
   const Inside inside;
-  std::vector<int> fds;
-  for (const auto& [fd, socket] : sockets) {
-    if (socket.of_program) fds.push_back(fd);
-  }
-  for (const int fd : fds) {
-    if (find(fd) != nullptr) close_socket(fd);
-  }
+  while (!sockets.empty()) close_socket(sockets.begin()->first);
 }
 
 }  // namespace weir::test
@@ -312,12 +305,9 @@ int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
 }
 
 int __wrap_socket(int, int, int) {
-  const bool of_program = in_program();
   const Inside inside;
   if (const int error = refused("socket")) return fail(error);
-  const int fd = new_socket();
-  find(fd)->of_program = of_program;
-  return fd;
+  return new_socket();
 }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t) {

@@ -54,6 +54,6 @@ void set_log_stuck(int fd, bool stuck);
 
 bool is_listening();
 int open_sockets();
-void close_sockets_of_program();  // as at the end of a process
+void close_all_sockets();  // as at the end of a process
 
 }  // namespace weir::test

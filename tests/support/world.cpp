@@ -192,7 +192,7 @@ World::World(const std::vector<std::string>& arguments) : start_(now()) {
         const Inside inside;
         note("~ status " + std::to_string(status));
         running_ = false;
-        close_sockets_of_program();
+        close_all_sockets();
       },
       Of::kProgram);
   while (running_ && !is_listening()) sleep(0s);
