@@ -73,25 +73,29 @@ class World {
   std::string get(const Ask& ask);
   // Asks all of them, and returns when all is quiet again.
   void play(const std::vector<Ask>& asks);
-  // And compares the transcript with the one in tests/transcripts/ that has the name of the
-  // test. With UPDATE_TRANSCRIPTS in the environment that is written instead, to be reviewed.
+  // And compares the transcript.
   void converse(const std::vector<Ask>& asks);
   void at(Time time, std::function<void()> act);
 
   Time since_start() const { return now() - start_; }
   // Everything logged, asked of an origin ("> ") or else noticed ("~ ", what clients got among
-  // it), behind the times at which it was; problems begin with "! ". Without what every
-  // request logs and every answer has, unless whole.
+  // it), behind the times at which it was; problems begin with "! ". The loop shows for the
+  // first 50 seconds.
   std::string transcript;
   bool marker = false;
-  bool whole = false, only_answers = false;
+  bool only_answers = false;
 
  private:
   void note(const std::string& line);
   Time start_;
   Time noted_ = kNever;
   bool running_ = true;
+  int loops_ = 0;
   int acts_ = 0;  // that are still to come
 };
+
+// With the one in tests/transcripts/ that has the name of the test. With UPDATE_TRANSCRIPTS
+// in the environment that is written instead, to be reviewed.
+void compare(const std::string& transcript);
 
 }  // namespace weir::test
