@@ -268,6 +268,8 @@ TEST(Conversation, PlaylistsMayBeOdd) {
           "#EXT-X-MEDIA-SEQUENCE:-1\nhttp://o/5\nhttp://o/6\n#EXT-X-ENDLIST",
           {{"/n", {ok("#EXTM3U\nhttp://o/none\n#EXT-X-STREAM-INF:RESOLUTION=1x1\nx")}},
            {"/x", {ok("#EXTM3U8\n1 http://o/v\n")}},
+           {"/y", {ok(master({"9 http://o/none", "7 http://o/z", "7 http://o/none"}))}},
+           {"/z", {ok("#EXTM3U8\nhttp://o/1\n")}},
            {"/e", {ok("")}}});
   pages["/m"] = {
       ok("\t#EXTM3U \r\n#EXT-X-VERSION:3\n#EXT-X-STREAM-INF:A=1,"
@@ -278,7 +280,8 @@ TEST(Conversation, PlaylistsMayBeOdd) {
   world.converse({{0s, kM},
                   {30s, "/stream?url=http://o/n"},
                   {60s, "/stream?url=http://o/x"},
-                  {61s, "/stream?url=http://o/e"}});
+                  {61s, "/stream?url=http://o/e"},
+                  {62s, "/stream?url=http://o/y"}});
 }
 
 TEST(Conversation, SegmentsThatCannotBeHadAreLeftOutUntilTheFourthInARow) {
@@ -293,15 +296,59 @@ TEST(Conversation, KeysAreLoadedOnceAndForgottenByAClearSegment) {
   const std::string secret = encrypt("media", kKey);
   const std::string other = encrypt("other", "short");
   World world;
-  world.origin("o", vod(list(1, {key("http://o/k"), "/s", "/s", key(""), "/1", key("http://o/k"),
-                                 "/s", key("http://o/n"), "/s", "/s", key("http://o/short"),
-                                 "/other", "#EXT-X-KEY:METHOD=NONE", "/s",
-                                 "#EXT-X-KEY:URI=\"http://o/k\",IV=0", "/s", kEnd}),
+  world.origin("o", vod(list(1, {key("http://o/k"),
+                                 "/s",
+                                 "/s",
+                                 key(""),
+                                 "/1",
+                                 key("http://o/k"),
+                                 "/s",
+                                 key("http://o/n"),
+                                 "/s",
+                                 "/s",
+                                 key("http://o/short"),
+                                 "/other",
+                                 "#EXT-X-KEY:METHOD=NONE",
+                                 "/s",
+                                 "#EXT-X-KEY:URI=",
+                                 "/1",
+                                 "#EXT-X-KEY:URI=\"",
+                                 "/1",
+                                 "#EXT-X-KEY:URI=\"http://o/k\",IV=0",
+                                 "/s",
+                                 kEnd}),
                         {{"/s", {ok(secret)}},
                          {"/other", {ok(other), ok(other)}},
                          {"/k", {ok(kKey)}},
                          {"/short", {ok("short")}}}));
   world.converse({{0s, kM}});
+}
+
+// By another CRC-32: bits 16 to 30 of that of the first two segments, modulo the living.
+TEST(Conversation, PathsChooseTheirServers) {
+  World world;
+  Pages pages;
+  std::vector<Ask> asks = {
+      {0s, "/update-cache-map?playlist=s0:80,s1:80,s2:80,s3:80,s4:80,s5:80,s6:80;o:80"}};
+  const auto ask = [&](const std::string& path) {
+    pages["/" + path] = {ok("")};
+    asks.push_back({1s * asks.size(), "/stream?url=http://~/" + path});
+  };
+  // Bits 16 to 31 of "ch286472/hd" are all ones.
+  for (const char* path :
+       {"abc/def/x.m3u8", "_live/abc/def/x.ts", "abc/def", "abc/", "abc", "vod/film?x=1",
+        "vod?x=/a/b", "_live/ch1/720p/seg1.ts", "_live/ch1/720p/seg2.ts", "ch286472/hd/1.ts",
+        "a/_live/b/c", "_lives/x/y", "_live//x/y", "_live/", "", "\xE9/x/y"}) {
+    ask(path);
+  }
+  for (const char* name : {"s0", "s1", "s2", "s3", "s4", "s5", "s6", "o"})
+    world.origin(name, pages);
+  // Then they die, and one after the other is found out.
+  world.at(1s * asks.size() - 1ms, [] {
+    for (auto& [address, host] : hosts) host.kind = Host::Kind::kRefuses;
+  });
+  ask("abc");
+  world.converse(asks);
 }
 
 TEST(Conversation, RingsGiveWayWhenTheirServersFail) {
