@@ -46,7 +46,8 @@ TEST(Conversation, RequestsAreAnsweredExactly) {
       {14s, "/update-cache-map?a&playlist=b&=c&pl+ylist=d&playlist=e%"},
       {15s, "/update-cache-map?playlist&chunk"},
       {16s, "/update-cache-map?playlist="},
-      {17s, "POST /stats.json HTTP/1.1\r\n\r\n" + pattern(60000)},
+      {17s, "POST /stats.json HTTP/1.1\r\n\r\n" + pattern(65536)},
+      {17500ms, "POST /stats.json HTTP/1.1\r\n\r\n" + pattern(65537)},
       {18s, "/", 0},
       {19s, "/live%2Fa+b%2bc%00%7F%80%fF%2525%zzb%4zb%%41%-1"s + '\0' + "%41%"},
       {20s, "/%4?/%zz?a%20b"},
@@ -164,7 +165,7 @@ TEST(Conversation, UrlsAreTakenApart) {
                {{"/m", {ok(master({"1 http://p/v"}))}},
                 {"/v",
                  {ok(list(1, {"http://o:81", "http://o:81/a:b?c=d:e", "http://o", "https://o/a:b",
-                              "http://p/1", "http://@/x/y/z", "http://@", kEnd}))}},
+                              "http://p/1", "http://@/x/y/z", "http://@", "ftp://o", kEnd}))}},
                 {"/1", {ok("5")}}});
   world.converse({{0s, "/update-cache-map?chunk=c:8080"}, {1s, "/stream?url=http://p/m"}});
 }
@@ -476,21 +477,33 @@ TEST(Conversation, StuckLogReaderStopsNeitherTheLoopNorTheWatchdog) {
 }
 
 TEST(Conversation, ThreadsAndMemoryThatCannotBeHad) {
-  const auto refused = [](const char* call, Time from, Time to, World& world) {
-    world.at(from, [call] { refuse(call, EAGAIN); });
-    world.at(to, [call] { refuse(call, 0); });
-  };
   World world;
-  world.origin("o", vod(list(1, {"/a", key("http://o/k"), "/b", "/c", kEnd}),
-                        {{"/k", {ok(kKey)}},
-                         {"/a", {slow("0123456789", 1, 1s)}},
-                         {"/b", {ok(encrypt("b", kKey))}},
-                         {"/c", {ok(encrypt("c", kKey))}}}));
-  refused("pthread_create", 0s, 500us, world);            // the request's
-  refused("pthread_create", 20s, 20500us + 20s, world);   // the timer's
-  refused("pthread_create", 50001500us, 52500ms, world);  // that of the first passes
-  refused("malloc", 100s, 105500ms, world);
-  world.converse({{250us, "/stats.json"}, {19999500us, kM}, {50s, kM}, {100s, kM}});
+  const auto refused = [&](const char* call, Time from, Time to, int what = EAGAIN) {
+    world.at(from, [=] { refuse(call, what); });
+    world.at(to, [=] { refuse(call, 0); });
+  };
+  // A playlist with one more segment each time.
+  const auto live = [](int number) {
+    return ok(
+        list(number, {key(number == 1 ? "" : "http://o/k"), "/e", number == 5 ? kEnd : "#"}, 1));
+  };
+  world.origin("o",
+               vod(list(1, {"/a", kEnd}), {{"/k", {ok(kKey)}},
+                                           {"/a", {slow("0123456789", 1, 1s)}},
+                                           {"/live", {ok(master({"1 http://o/l"}))}},
+                                           {"/l", {live(1), live(2), live(3), live(4), live(5)}},
+                                           {"/e", {slow(encrypt(kKey, kKey), 16, 100ms)}}}));
+  refused("pthread_create", 0s, 500us);            // the request's
+  refused("pthread_create", 20s, 20500us + 20s);   // the timer's
+  refused("pthread_create", 50001500us, 52500ms);  // that of the first passes
+  Time start = 99500ms;
+  // Everything, a block of the buffer, what is decrypted, what is to be decrypted.
+  for (const int what : {EAGAIN, 524288 + 23, 131103 + 23, 131071 + 23}) {
+    refused("malloc", start, start + 900ms, what);
+    start += 1s;
+  }
+  world.converse(
+      {{250us, "/stats.json"}, {19999500us, kM}, {50s, kM}, {100s, "/stream?url=http://o/live"}});
 }
 
 // Of a stream of a clear segment and two encrypted ones, one answer fails again and again.

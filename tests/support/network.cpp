@@ -169,6 +169,8 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 
 ssize_t write_log(int fd, const void* from, size_t size) {
   while (stuck[fd]) (void)wait({&unstuck});
+  static bool interrupted = false;  // at first, always
+  if ((interrupted = !interrupted)) return fail(EINTR);
   log_line(fd, {static_cast<const char*>(from), size});
   return static_cast<ssize_t>(size);
 }
@@ -459,7 +461,11 @@ int __wrap_malloc_trim(size_t) {
 void* __real_malloc(size_t size);
 void* __wrap_malloc(size_t size) {
   constexpr size_t kLarge = 100'000;
-  if (size >= kLarge && refused("malloc") != 0) return nullptr;
+  // All that is large, or what has that very size.
+  if (size >= kLarge) {
+    const auto what = static_cast<size_t>(refused("malloc"));
+    if (what == EAGAIN || what == size) return nullptr;
+  }
   return __real_malloc(size);
 }
 }

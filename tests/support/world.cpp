@@ -255,6 +255,7 @@ std::string World::get(const Ask& ask) {
   while (got.size() < ask.leaves) {
     if (ask.pause > 0s) sleep(ask.pause);
     const ssize_t count = read(fd, piece.data(), std::min(piece.size(), ask.leaves - got.size()));
+    if (count < 0) note("~ reset");
     if (count <= 0) break;
     got.append(piece, 0, static_cast<size_t>(count));
   }
