@@ -34,7 +34,8 @@ endif()
 
 if(WEIR_SANITIZE)
   target_compile_options(weir_build INTERFACE
-    -fsanitize=${WEIR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${WEIR_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    -D_GLIBCXX_ASSERTIONS)
   target_link_options(weir_build INTERFACE -fsanitize=${WEIR_SANITIZE})
 endif()
 
