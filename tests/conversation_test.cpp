@@ -231,7 +231,6 @@ TEST(Conversation, VariantsFollowTheSpeed) {
     lines.push_back("/" + std::to_string(lines.size()) + "at" + std::to_string(kbps));
     pages[lines.back()] = {at_kbps(kbps, "abcdefghijkl"[lines.size() - 1])};
   }
-  lines.push_back(kEnd);
   pages["/low"] = pages["/middle"] = pages["/high"] = {ok(list(1, lines, 1))};
   World world({"20000"});
   world.origin("o", pages);
@@ -243,8 +242,20 @@ TEST(Conversation, VariantsFollowTheSpeed) {
 TEST(Conversation, FullBufferHoldsTheDownloadBackAndKeepsTheVariant) {
   const std::string media(600000, 'a');
   World world({" +1000000x"});
-  const std::vector<std::string> lines = {"/a", "/a", "/a", "/a", "/a", "/a",
-                                          "/b", "/b", "/b", "/b", kEnd};
+  const std::vector<std::string> lines = {"/a",
+                                          "/a",
+                                          "/a",
+                                          "/a",
+                                          "/a",
+                                          "/a",
+                                          "/b",
+                                          "/b",
+                                          "/b",
+                                          "/b",
+                                          "/a",
+                                          "/a",
+                                          "#EXT-X-MEDIA-SEQUENCE:1",
+                                          "/a"};
   world.origin(
       "o", vod(list(1, lines, 4), {{"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
                                    {"/a", {slow(media, 60000, 10ms)}},
@@ -337,7 +348,7 @@ TEST(Conversation, PathsChooseTheirServers) {
   };
   // Bits 16 to 31 of "ch286472/hd" are all ones.
   for (const char* path :
-       {"abc/def/x.m3u8", "_live/abc/def/x.ts", "abc/def", "abc/", "abc", "vod/film?x=1",
+       {"abc/def/x.m3u8", "_live/abc/def/x.ts", "abc//def", "abc/", "abc", "vod/film?x=1",
         "vod?x=/a/b", "_live/ch1/720p/seg1.ts", "_live/ch1/720p/seg2.ts", "ch286472/hd/1.ts",
         "a/_live/b/c", "_lives/x/y", "_live//x/y", "_live/", "", "\xE9/x/y"}) {
     ask(path);
