@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <set>
+#include <sstream>
 
 #include "support/world.h"
 
@@ -49,6 +51,62 @@ struct Player {
   }
 };
 
+// What the program decides, as its log says, against what follows from the lines before.
+class Judge {
+  // Of a variant: the speed, and which of them it allows.
+  struct Choice {
+    unsigned long long kbps;
+    std::set<unsigned long long> best;
+  };
+
+ public:
+  void hear(const std::string& line) {
+    const auto after = [&line](const std::string& text) {
+      const size_t at = line.find(text);
+      return at == std::string::npos ? "" : line.substr(at + text.size(), std::string::npos);
+    };
+    unsigned long long low = 0, high = 0;
+    Choice& choice = choices_[pthread_self()];
+    if (const std::string map = after("setting map to: "); !map.empty()) {
+      auto& rings = rings_[map.back()] = {};
+      std::istringstream ring_texts(map);
+      for (std::string ring, server; std::getline(ring_texts, ring, ';');) {
+        std::istringstream servers(ring);
+        rings.emplace_back();
+        while (std::getline(servers, server, ',')) rings.back().insert(server);
+      }
+    } else if (const std::string dead = after("Invalidating cache server "); !dead.empty()) {
+      for (auto& ring : rings_[dead.back()]) ring.erase(dead);
+    } else if (const std::string server = after(" selected server: "); !server.empty()) {
+      const auto ring =
+          std::find_if_not(rings_[server.back()].begin(), rings_[server.back()].end(), is_dead);
+      EXPECT_TRUE(ring != rings_[server.back()].end() && ring->contains(server)) << line;
+    } else if (line == "no valid ring found") {
+      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& entry) {
+        return std::all_of(entry.second.begin(), entry.second.end(), is_dead);
+      }));
+    } else if (const std::string bits = after("curr avg in bps: "); !bits.empty()) {
+      choice.kbps = std::stoull(bits) / 1024;
+    } else if (std::sscanf(line.c_str(), "SELECT: min: %llu max: %llu", &low, &high) == 2) {
+      choice.best = {low};
+      // Between the lowest and the highest there is one, which may be invalid.
+      for (auto next = low; next <= high && next / 1024 <= choice.kbps; next *= 2) {
+        if (next == high) choice.best.clear();
+        choice.best.insert(next);
+      }
+    } else if (std::sscanf(line.c_str(), "selected variant bitrate: %llu", &low) == 1) {
+      EXPECT_TRUE(choice.best.contains(low)) << line;
+    }
+  }
+
+ private:
+  using Ring = std::set<std::string>;  // servers that live
+  static bool is_dead(const Ring& ring) { return ring.empty(); }
+
+  std::map<char, std::vector<Ring>> rings_;  // of each map, by the last digit of its ports
+  std::map<pthread_t, Choice> choices_;
+};
+
 class Simulation {
  public:
   explicit Simulation(unsigned seed) : random_(seed), faults_(below(4) == 0 ? 0 : 2 + below(14)) {
@@ -57,8 +115,12 @@ class Simulation {
 
   void run() {
     World world({std::to_string(1 << (10 + below(12)))});
-    log_line = [this](int, const std::string& line) {
-      starved_ += line.starts_with("no data for") ? 1 : 0;
+    log_line = [this](int, const std::string& text) {
+      std::istringstream lines(text);
+      for (std::string line; std::getline(lines, line);) {
+        judge_.hear(line);
+        starved_ += line.starts_with("no data for") ? 1 : 0;
+      }
     };
     noticed = [&](const std::string& call) {
       EXPECT_TRUE(call != "restarts" || world.since_start() > end_);  // there are pings till then
@@ -67,7 +129,8 @@ class Simulation {
       channels_.push_back({below(2) == 0, below(2) == 0, 1 + below(3),
                            std::chrono::seconds(1 + below(10)), 5 + below(60)});
     }
-    for (const char* name : {"keys", "c0", "c1", "c2", "c3"}) {
+    for (const char* name :
+         {"keys", "c0:80", "c1:80", "c2:80", "c3:80", "c0:81", "c1:81", "c2:81", "c3:81"}) {
       world.origin(name).request = [this](std::string& received, Pipe& out) {
         respond(received, out, [this](const std::string& request) { return answer(request); });
       };
@@ -92,13 +155,15 @@ class Simulation {
 
   // Maps, caches that die and return, statistics, pings, threads that can't be had.
   void rule(World& world) {
-    const std::string maps[] = {"c0:80,c1:80;c2:80,c3:80", "c3:80;c0:80,c2:80,c1:80",
-                                "c1:80,c0:80,c3:80"};
+    const std::string maps[] = {"chunk=c0:80,c1:80;c2:80,c3:80&playlist=c3:81;c0:81,c2:81,c1:81",
+                                "chunk=c1:80;c0:80;c3:80&playlist=c0:81,c1:81,c2:81,c3:81",
+                                "chunk=c1:80,c0:80,c3:80", "playlist=c2:81;c1:81"};
+    std::string map = maps[below(2)];
     while (world.since_start() < end_) {
-      const std::string& map = maps[below(3)];
-      EXPECT_EQ(world.get({0s, "/update-cache-map?chunk=" + map + "&playlist=" + map}), kMapSet);
+      EXPECT_EQ(world.get({0s, "/update-cache-map?" + map}), kMapSet);
+      map = maps[below(4)];
       for (int turn = below(20); turn >= 0; --turn) {
-        auto host = std::next(hosts.begin(), 1 + below(4));  // not the first, which has the keys
+        auto host = std::next(hosts.begin(), 1 + below(8));  // not the first, which has the keys
         const Host::Kind kinds[] = {Host::Kind::kServes, Host::Kind::kServes, Host::Kind::kRefuses,
                                     Host::Kind::kSilent};
         host->second.kind = faults_ == 0 ? Host::Kind::kServes : kinds[below(4)];
@@ -271,6 +336,7 @@ class Simulation {
   const Time end_ = std::chrono::minutes(5 + below(40));
   std::vector<Channel> channels_;
   std::deque<Player> players_;
+  Judge judge_;
   int starved_ = 0;  // streams closed for want of data
 };
 
