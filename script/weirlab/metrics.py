@@ -2,11 +2,14 @@
 
 import re
 import subprocess
+import tempfile
 from pathlib import Path
 
 from weirlab.lab import TOP
 
-MTAIL = ("mtail", "--progs", TOP / "examples/mtail", "--logtostderr", "--emit_prog_label=false")
+UNIT = (TOP / "examples/mtail/mtail.service.d/weir.conf").read_text(encoding="utf-8")
+MTAIL = ("mtail", "--progs", TOP / "examples/mtail", "--logtostderr", "--emit_prog_label=false",
+         "--one_shot", "--one_shot_format=prometheus", "--logs")
 
 
 def parse(text: str) -> dict[str, float]:
@@ -17,6 +20,9 @@ def parse(text: str) -> dict[str, float]:
 
 
 def of_log(log: Path) -> dict[str, float]:
-    run = subprocess.run([*MTAIL, "--one_shot", "--one_shot_format=prometheus", "--logs", log],
-                         capture_output=True, text=True, check=True)
+    """Through the filter of the unit."""
+    printable = re.findall(r"^ *(.* tr .*); ", UNIT, re.MULTILINE)[0]
+    with log.open("rb") as raw, tempfile.NamedTemporaryFile() as filtered:
+        subprocess.run(printable, shell=True, stdin=raw, stdout=filtered, check=True)
+        run = subprocess.run([*MTAIL, filtered.name], capture_output=True, text=True, check=True)
     return parse(run.stdout)
