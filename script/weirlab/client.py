@@ -31,9 +31,10 @@ def request(path: str) -> bytes:
     return f"GET {path} HTTP/1.1\r\n\r\n".encode()
 
 
-def connect(path: str, port: int = WEIR, timeout: float | None = None) -> socket.socket:
+def connect(path: str, port: int = WEIR, timeout: float | None = None,
+            host: str = "127.0.0.1") -> socket.socket:
     """A connection on which the request is sent."""
-    connection = socket.create_connection(("127.0.0.1", port), timeout)
+    connection = socket.create_connection((host, port), timeout)
     connection.sendall(request(path))
     return connection
 

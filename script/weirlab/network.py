@@ -1,25 +1,68 @@
-"""A network namespace, in which weir's fixed port is free and nobody else is."""
+"""Network namespaces, in which weir's fixed port is free and nobody else is."""
 
 import ctypes
 import os
 import subprocess
 from pathlib import Path
 
-NEW_USER, NEW_NETWORK = 0x10000000, 0x40000000
+NEW_MOUNTS, NEW_USER, NEW_NETWORK = 0x20000, 0x10000000, 0x40000000
+LIBC = ctypes.CDLL(None, use_errno=True)
+HERE = "/proc/thread-self/ns/net"
 
 
-def own_network() -> None:
+def own_network(mounts: bool = False) -> None:
     """Moves this process there. To be called before anything is started or listens.
 
     An ordinary user becomes root of a user namespace first, where the system allows it.
+    With `mounts`, what this process mounts is seen by nobody else either.
     """
     uid, gid = os.geteuid(), os.getegid()
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(NEW_NETWORK | (NEW_USER if uid else 0)) != 0:
+    if LIBC.unshare(NEW_NETWORK | (NEW_MOUNTS if mounts else 0) | (NEW_USER if uid else 0)) != 0:
         raise SystemExit(f"no network of its own: {os.strerror(ctypes.get_errno())}; try it as root")
     if uid:
         for name, text in (("setgroups", "deny"), ("uid_map", f"0 {uid} 1"), ("gid_map", f"0 {gid} 1")):
             Path("/proc/self", name).write_text(text, encoding="ascii")
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    if mounts:
+        subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    ip("link set lo up")
     # Thousands of connections at once, and ports below them for servers.
     Path("/proc/sys/net/ipv4/ip_local_port_range").write_text("10240 65000", encoding="ascii")
+
+
+def ip(command: str) -> None:
+    subprocess.run(["ip", *command.split()], check=True)
+
+
+def make_bridge(address: str) -> None:
+    """Joins the network where this thread is to the hosts made there from now on."""
+    ip("link add bridge type bridge")
+    ip(f"address add {address}/24 dev bridge")
+    ip("link set bridge up")
+
+
+class Host:
+    """A machine of its own, as far as the network goes: `with host:` this thread is there."""
+
+    def __init__(self, address: str) -> None:
+        self.address = address
+        self.outside: list[int] = []
+        port = "host" + address.rpartition(".")[2]
+        home = os.open(HERE, os.O_RDONLY)
+        LIBC.unshare(NEW_NETWORK)
+        self.there = os.open(HERE, os.O_RDONLY)
+        for command in ("link set lo up",
+                        f"link add eth0 type veth peer name {port} netns /proc/{os.getpid()}/fd/{home}",
+                        f"address add {address}/24 dev eth0", "link set eth0 up"):
+            ip(command)
+        LIBC.setns(home, NEW_NETWORK)
+        os.close(home)
+        ip(f"link set {port} up master bridge")
+
+    def __enter__(self) -> "Host":
+        self.outside.append(os.open(HERE, os.O_RDONLY))
+        LIBC.setns(self.there, NEW_NETWORK)
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        LIBC.setns(self.outside[-1], NEW_NETWORK)
+        os.close(self.outside.pop())

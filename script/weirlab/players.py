@@ -1,6 +1,7 @@
 """Players of live channels: each has every byte of its stream checked as it comes."""
 
 import asyncio
+import threading
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -34,6 +35,7 @@ class StreamCheck:
         self.first_wrong = ""
         self.header: bytes | None = None  # what has come of it, until it is whole
         self.name, self.sequence = "", 0
+        self.first = 0  # sequence
         self.size = self.left = self.at = 0
 
     def feed(self, data: bytes) -> None:
@@ -88,6 +90,7 @@ class StreamCheck:
         elif self.sequence:
             self.missing += [(channel, s) for s in range(self.sequence + 1, sequence)]
         self.name, self.sequence = name, sequence
+        self.first = self.first or sequence
         self.left, self.at = self.size - HEADER, Content.offset(name)
 
     def _note_wrong(self, count: int) -> None:
@@ -105,6 +108,7 @@ class Player(asyncio.Protocol):
         self.rate = rate
         self.head: bytes | None = b""
         self.started = self.last = time.monotonic()
+        self.first = 0.0  # when media came for the first time
         self.longest_gap = 0.0  # seconds between two arrivals
         self.error: Exception | None = None
         self.ended = asyncio.get_running_loop().create_future()
@@ -123,6 +127,8 @@ class Player(asyncio.Protocol):
             if not separator:
                 return
             self.head = None
+        if data:
+            self.first = self.first or now
         self.found.feed(data)
         if self.rate is not None:
             self.transport.pause_reading()
@@ -143,10 +149,11 @@ class Player(asyncio.Protocol):
 
 
 async def open_stream(content: Content, master: str, start_from: int = -3,
-                      rate: float | None = None) -> Player:
+                      rate: float | None = None, host: str = "127.0.0.1",
+                      port: int = client.WEIR) -> Player:
     async with AT_ONCE:
         _, player = await asyncio.get_running_loop().create_connection(
-            lambda: Player(content, rate), "127.0.0.1", client.WEIR)
+            lambda: Player(content, rate), host, port)
     player.transport.write(client.request(client.stream_path(master, start_from)))
     return player
 
@@ -156,3 +163,50 @@ async def until(condition: Callable[[], object], seconds: float) -> None:
     deadline = time.monotonic() + seconds
     while not condition() and time.monotonic() < deadline:
         await asyncio.sleep(0.2)
+
+
+class Seat:
+    """A player that begins again at once when its stream ends."""
+
+    def __init__(self) -> None:
+        self.players: list[Player] = []
+        self.lost: list[float] = []  # when each but the last one ended
+
+    async def watch(self, content: Content, master: str, host: str, port: int) -> None:
+        while True:
+            self.players.append(await open_stream(content, master, host=host, port=port))
+            await self.players[-1].ended
+            self.lost.append(time.monotonic())
+            if not self.players[-1].first:
+                await asyncio.sleep(0.1)
+
+    def playing(self) -> bool:
+        return len(self.players) > len(self.lost) and self.players[-1].found.first > 0
+
+    def pause(self) -> float:
+        """The longest without media, since that was set to 0."""
+        return max(self.players[-1].longest_gap, time.monotonic() - self.players[-1].last)
+
+
+class Audience:
+    """Seats in a thread of their own, so that nobody else holds the players up."""
+
+    def __init__(self, content: Content, host: str, port: int) -> None:
+        self.content, self.host, self.port = content, host, port
+        self.seats: list[Seat] = []
+        self.loop = asyncio.new_event_loop()
+        threading.Thread(target=self.loop.run_forever, daemon=True).start()
+
+    def add(self, master: str) -> None:
+        self.seats.append(Seat())
+        asyncio.run_coroutine_threadsafe(
+            self.seats[-1].watch(self.content, master, self.host, self.port), self.loop)
+
+    def lost(self) -> int:
+        """Streams so far."""
+        return sum(len(seat.lost) for seat in self.seats)
+
+    def total(self, name: str) -> int:
+        """Of what the checks of all streams have found."""
+        values = [getattr(player.found, name) for seat in self.seats for player in seat.players]
+        return sum(len(value) if isinstance(value, list) else value for value in values)
