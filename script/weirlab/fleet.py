@@ -29,10 +29,10 @@ class Weir:
         self.environment = settings("fleet/weir-fleet", COPY=lab.work / name / "maps")
         self.process: Process
 
-    def run(self, unit: str, key: str = "ExecStart") -> None:
+    def run(self, unit: str, key: str = "ExecStart", **more: str) -> None:
         with self.host:
             for command in commands(unit, key, self.environment):
-                subprocess.run(command, env=self.environment, check=True, stderr=self.said)
+                subprocess.run(command, env=self.environment | more, check=True, stderr=self.said)
 
     def start(self) -> None:
         """Up to where its maps are sent."""
@@ -41,8 +41,8 @@ class Weir:
         with self.host:
             self.process = self.lab.weir(self.binary, BUFFER, progress=True)
 
-    def get_ready(self) -> None:
-        self.run(DROP_IN, "ExecStartPost")
+    def get_ready(self, **other: str) -> None:
+        self.run(DROP_IN, "ExecStartPost", **other)
 
     def watch(self) -> None:
         with self.host:
