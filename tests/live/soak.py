@@ -19,7 +19,7 @@ from pathlib import Path
 from typing import Any
 
 from weirlab import client, procfs, tables
-from weirlab.faults import PLAYLIST_FAULTS, SEGMENT_FAULTS, FaultProxy, Journal
+from weirlab.faults import FaultProxy, Journal
 from weirlab.lab import TOP, Lab, Process
 from weirlab.live import Channels, Content
 from weirlab.network import own_network
@@ -209,95 +209,51 @@ class Soak:
         self.polls = self.poller.stop()
 
 
-class Report:
-    """What came of a soak: a table on the standard output, and a file with all of it."""
-
-    def __init__(self, soak: Soak, seconds: float) -> None:
-        self.soak, self.seconds = soak, seconds
-        totals, left, base = soak.audience.totals, soak.left, soak.base
-        self.failures = [name for name, holds in {
-            "the run itself failed": soak.broken,
-            "wrong bytes": totals["wrong bytes"], "segments repeated": totals["segments repeated"],
-            "unexplained short segments": soak.audience.unexplained,
-            "threads not returned": left["threads"] > base["threads"],
-            "descriptors not returned": left["descriptors"] > base["descriptors"],
-            "memory not returned": left["pss"] > base["pss"] + KEPT}.items() if holds]
-
-    def slope(self, name: str, since: float) -> float:
-        """MiB an hour, by least squares."""
-        rows = [row for row in self.soak.samples if row["seconds"] > since]
-        if len(rows) < 3:
-            return 0.0
-        hours = [row["seconds"] / 3600 for row in rows]
-        return round(statistics.linear_regression(hours, [row[name] for row in rows]).slope, 2)
-
-    def course(self, name: str) -> str:
-        values = [row[name] for row in self.soak.samples]
-        return f"{values[0]:.0f} / {values[-1]:.0f} / {max(values):.0f}"
-
-    def complaints(self) -> dict[str, int]:
-        """weir's own words, by kind."""
-        lines = (re.sub(r"http\S+|\d+|HTTP/.*", "", line).strip()
-                 for line in self.soak.lab.log.read_text(errors="replace").splitlines())
-        return dict(Counter(lines).most_common(20))
-
-    def figures(self) -> dict[str, object]:
-        soak, audience, warm = self.soak, self.soak.audience, min(300, self.seconds / 5)
-        counts = soak.journal.counts()
-        return {
-            "result": "failed: " + ", ".join(self.failures) if self.failures else "passed",
-            "what failed of the run itself": soak.broken,
-            "duration, minutes": round(self.seconds / 60, 1),
-            **audience.totals,
-            "first wrong byte": audience.first_wrong,
-            "short segments, unexplained": audience.unexplained,
-            "faults injected": {name: counts[name] for name in
-                                sorted({*SEGMENT_FAULTS, *PLAYLIST_FAULTS, "kill", "revival", "map"})},
-            "seconds in which weir knew no living cache": counts["no server"],
-            "players served": dict(audience.served),
-            "ends of streams": dict(sorted(audience.ends.items())),
-            "RSS slope after warm-up, MiB/h": self.slope("rss", warm),
-            "RSS slope of the second half, MiB/h": self.slope("rss", self.seconds / 2),
-            "PSS slope after warm-up, MiB/h": self.slope("pss", warm),
-            **{f"{name} first / last / max": self.course(name)
-               for name in ("rss", "threads", "descriptors")},
-            "before the first player": soak.base,
-            "after the last player": soak.left,
-            "statistics": soak.polls,
-            "weir's complaints": self.complaints(),
-        }
-
-    def write(self, path: Path) -> None:
-        figures = self.figures()
-        path.write_text(json.dumps({"figures": figures, "samples": self.soak.samples,
-                                    "events": self.soak.journal.events}, indent=1))
-        tables.print_head("", "")
-        for name, value in figures.items():
-            tables.print_row(name, cell(value))
-
-    def plot(self, path: Path) -> None:
-        """Memory and descriptors over time, and below them every fault, in a row for each kind."""
-        events = self.soak.journal.events
-        minutes = [row["seconds"] / 60 for row in self.soak.samples]
-        panels = {label: {name: (minutes, [row[name] for row in self.soak.samples]) for name in names}
-                  for label, names in (("MiB", ("rss", "pss")),
-                                       ("number", ("descriptors", "threads", "players")))}
-        panels["faults"] = {}
-        for row, kind in enumerate([*SEGMENT_FAULTS, "no server"]):
-            times = [event.when / 60 for event in events if event.kind == kind]
-            panels["faults"][kind] = (times, [row] * len(times))
-        colours = {"kill": "red", "revival": "green"}
-        plot(path, "minutes; red: a cache is killed, green: one is revived", panels, ".-", [
-            (event.when / 60, colours[event.kind]) for event in events
-            if event.kind in colours and not event.what])
+def failures(soak: Soak) -> list[str]:
+    totals, left, base = soak.audience.totals, soak.left, soak.base
+    return [name for name, holds in {
+        "the run itself failed": soak.broken,
+        "wrong bytes": totals["wrong bytes"], "segments repeated": totals["segments repeated"],
+        "unexplained short segments": soak.audience.unexplained,
+        "threads not returned": left["threads"] > base["threads"],
+        "descriptors not returned": left["descriptors"] > base["descriptors"],
+        "memory not returned": left["pss"] > base["pss"] + KEPT}.items() if holds]
 
 
-def cell(value: object) -> str:
-    if isinstance(value, dict):
-        return ", ".join(f"{name} {cell(each)}" for name, each in value.items()) or "none"
-    if isinstance(value, (list, str)):
-        return str(value) if value else "none"
-    return f"{value:,}" if isinstance(value, int) else f"{value:.4g}"
+def slope(rows: list[dict[str, float]], name: str) -> float:
+    """MiB an hour, by least squares."""
+    hours = [row["seconds"] / 3600 for row in rows]
+    return statistics.linear_regression(hours, [row[name] for row in rows]).slope if rows[2:] else 0
+
+
+def figures(soak: Soak) -> dict[str, object]:
+    """What there is to tell; weir's own words are put together by kind."""
+    audience, samples = soak.audience, soak.samples
+    said = (re.sub(r"http\S+|\d+|HTTP/.*", "", line).strip()
+            for line in soak.lab.log.read_text(errors="replace").splitlines())
+    return {
+        "failures": failures(soak), "of the run itself": soak.broken,
+        "minutes": round(samples[-1]["seconds"] / 60, 1) if samples else 0,
+        **audience.totals,
+        "first wrong byte": audience.first_wrong, "unexplained": audience.unexplained,
+        "faults and other events": soak.journal.counts(),
+        "players": audience.served, "ends of streams": audience.ends,
+        **{f"{name}, MiB/h after the first quarter":
+           round(slope(samples[len(samples) // 4:], name), 2) for name in ("rss", "pss")},
+        "before the first player": soak.base, "after the last player": soak.left,
+        "most": {name: max((row[name] for row in samples), default=0) for name in soak.base},
+        "statistics": soak.polls, "what weir said": dict(Counter(said).most_common(20))}
+
+
+def plot_course(soak: Soak, path: Path) -> None:
+    """Memory, descriptors and threads over time."""
+    minutes = [row["seconds"] / 60 for row in soak.samples]
+    panels = {label: {name: (minutes, [row[name] for row in soak.samples]) for name in names}
+              for label, names in (("MiB", ("rss", "pss")),
+                                   ("number", ("descriptors", "threads", "players")))}
+    plot(path, "minutes; red: a cache is killed", panels, ".-",
+         [(event.when / 60, "red") for event in soak.journal.events
+          if event.kind == "kill" and not event.what])
 
 
 def main() -> None:
@@ -315,11 +271,14 @@ def main() -> None:
     with Lab("/dev/shm") as lab:
         soak = Soak(lab, options)
         asyncio.run(soak.run())
-        report = Report(soak, time.time() - soak.journal.began)
-        report.write(options.out / "soak.json")
+        told = figures(soak)
+        (options.out / "soak.json").write_text(json.dumps(
+            {"figures": told, "samples": soak.samples, "events": soak.journal.events}, indent=1))
+        for name, value in told.items():
+            tables.print_row(name, json.dumps(value))
         if options.plot:
-            report.plot(options.out / "soak.svg")
-    sys.exit(bool(report.failures))
+            plot_course(soak, options.out / "soak.svg")
+    sys.exit(bool(told["failures"]))
 
 
 if __name__ == "__main__":
