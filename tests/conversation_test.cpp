@@ -3,6 +3,7 @@
 // tests/transcripts/, line by line.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -242,20 +243,9 @@ TEST(Conversation, VariantsFollowTheSpeed) {
 TEST(Conversation, FullBufferHoldsTheDownloadBackAndKeepsTheVariant) {
   const std::string media(600000, 'a');
   World world({" +1000000x"});
-  const std::vector<std::string> lines = {"/a",
-                                          "/a",
-                                          "/a",
-                                          "/a",
-                                          "/a",
-                                          "/a",
-                                          "/b",
-                                          "/b",
-                                          "/b",
-                                          "/b",
-                                          "/a",
-                                          "/a",
-                                          "#EXT-X-MEDIA-SEQUENCE:1",
-                                          "/a"};
+  std::vector<std::string> lines(14, "/a");
+  std::fill_n(lines.begin() + 6, 4, "/b");
+  lines[12] = "#EXT-X-MEDIA-SEQUENCE:1";
   world.origin(
       "o", vod(list(1, lines, 4), {{"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
                                    {"/a", {slow(media, 60000, 10ms)}},
