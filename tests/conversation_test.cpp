@@ -92,10 +92,11 @@ TEST(Conversation, HeadsAreReadAsTheyCome) {
   unavailable.push_back(ok("+"));
   World world;
   world.origin(
-      "o", vod(list(1, {"/206", "/pieces", "/10", "/100", "/one", "/blank", "/302", "/icy",
-                        "/empty", "/cut", "/none", "/head", "/stall", "/503", "/unknown",
-                        "/negative", "/less", "/zero", kEnd}),
-               {{"/206", odd(raw("HTTP/1.1 206 P\r\nContent-Length: 3\r\n\r\n206"))},
+      "o", vod(list(1, {"/206",     "/pieces",   "/10",   "/100",    "/one",  "/blank", "/302",
+                        "/icy",     "/empty",    "/cut",  "/none",   "/head", "/stall", "/503",
+                        "/unknown", "/negative", "/less", "/blanks", "/zero", kEnd}),
+               {{"/m", {raw("ICY 200 OK\r\n"), ok(master({"1 http://o/v"}))}},
+                {"/206", odd(raw("HTTP/1.1 206 P\r\nContent-Length: 3\r\n\r\n206"))},
                 {"/pieces", odd({{{0s, ok11 + "A"},
                                   {1s, ": 1\r\nno colon\r\n Content-Length: 9\r\nConte"},
                                   {1s, "nt-Length: \t 3 \r\nContent-Length: 5\r\n\r"},
@@ -108,6 +109,7 @@ TEST(Conversation, HeadsAreReadAsTheyCome) {
                 {"/302", odd(raw("HTTP/1.0 302 Found\r\n\r\nHTTP/1.1 junk"))},
                 {"/icy", odd(raw("ICY 200 OK\r\n"))},
                 {"/empty", odd(raw("\r\n" + ok11))},
+                {"/blanks", odd(raw(ok11 + "\r\n\r\nabc"))},
                 {"/cut", odd({{{0s, "HTTP/1.1 200 OK"}, {1s, "\r\n"}}})},
                 {"/none", odd(raw("", End::kClose))},
                 {"/head", odd(raw(ok11 + "Content-Le", End::kClose))},
@@ -212,7 +214,13 @@ TEST(Conversation, OffsetComesFromTheContentRange) {
     replies.push_back(raw(part(range), End::kStall));
   }
   replies.push_back(ok("-"));
-  world.origin("o", vod(list(1, {"/s", "/s", "/s", kEnd}), {{"/s", replies}}));
+  world.origin("o",
+               vod(list(1, {"/s", "/s", "/s", key("http://o/k"), "/x", "/y", key(""), "/1", kEnd}),
+                   {{"/s", replies},
+                    {"/k", {ok(kKey)}},
+                    // Without its length a segment's rest isn't decrypted.
+                    {"/x", {raw("HTTP/1.1 206 P\r\nContent-Range: bytes 9-\r\n\r\n"), ok("rest")}},
+                    {"/y", {cut(encrypt(kKey, kKey), 20), ok("", "404 No")}}}));
   world.converse({{0s, kM}});
 }
 
