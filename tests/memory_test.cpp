@@ -57,7 +57,7 @@ const Answer kAnswers[] = {
      "#EXTM3U\n" + std::string(65536, 'u') + "\nhttp://o/s\n" + kEnd, 2},
     {"TooLongASegment", As::kVariant, "", "#EXTM3U\n" + std::string(65537, 'u') + "\nhttp://o/s",
      0},
-    {"MoreSegmentsThanAllowed", As::kVariant, "", "#EXTM3U\n" + std::string(kLargest - 8, '\n'), 0},
+    {"MoreSegmentsThanAllowed", As::kVariant, "", "#EXTM3U\n" + std::string(50001, '\n'), 0},
     {"OneSegmentOf15MB", As::kVariant, "", "#EXTM3U\n" + std::string(15000000, 'u'), 0},
     {"MoreThanADocument", As::kVariant, "", "#EXTM3U\n" + lines("u\n", kLargest + 1000000), 0},
     {"OneVariantOf15MB", As::kMaster, "", "#EXTM3U\n" + std::string(15000000, 'u'), 0},
@@ -69,7 +69,6 @@ const Answer kAnswers[] = {
     {"LongestHead", As::kMaster, "a:" + std::string(262110, 'a') + "\r\n", "#EXTM3U\nu", 1},
     {"TooLongAHead", As::kMaster, "a:" + std::string(262111, 'a') + "\r\n", "#EXTM3U\nu", 0},
     {"LongHeadOfASegment", As::kSegment, lines("a:\r\n", 250000), "media", 5},
-    {"EndlessHeadOfASegment", As::kSegment, lines("a:\r\n", kLargest), "media", 0},
 };
 
 TEST(Memory, OneAnswerTakesNoMoreThanIsPromised) {
