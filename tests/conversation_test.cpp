@@ -240,7 +240,7 @@ TEST(Conversation, VariantsFollowTheSpeed) {
     lines.push_back("/" + std::to_string(lines.size()) + "at" + std::to_string(kbps));
     pages[lines.back()] = {at_kbps(kbps, "abcdefghijkl"[lines.size() - 1])};
   }
-  pages["/low"] = pages["/middle"] = pages["/high"] = {ok(list(1, lines, 1))};
+  pages["/low"] = pages["/middle"] = pages["/high"] = {ok(list(1, lines, 2))};
   World world({"20000"});
   world.origin("o", pages);
   world.converse({{0s, kM}, {4500500us, "/stats.json"}});
@@ -265,8 +265,8 @@ TEST(Conversation, LivePlaylistIsLoadedAgainUntilNothingIsNew) {
   World world;
   world.origin(
       "o", vod("", {{"/v",
-                     {ok(list(1, {"/1", "/2", "/3", "/4", "/5"}, 4)),
-                      ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), ok(list(6, {"/6", "/7"}, 8))}}}));
+                     {ok(list(1, {"/1", "/2", "/3", "/4", "/5"}, 4)), ok(list(1, {"/1"}, 4)),
+                      ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), ok(list(6, {"/6", "/7"}, 9))}}}));
   world.converse({{0s, kM + "&startFrom=-2"}, {60s, kM + "&startFrom=4294967298"}});
 }
 
