@@ -1,4 +1,4 @@
-// What script/check javascript holds the dashboard and its tests to.
+// What script/check javascript holds the dashboard, its tests and the adapter to.
 import { createRequire } from 'node:module';
 
 const packages = createRequire(new URL('../../build/dashboard/', import.meta.url));
@@ -9,8 +9,19 @@ export default [
   // The tests hand functions over to the browser.
   { files: ['**/*.mjs'], languageOptions: { globals: { ...globals.node, ...globals.browser } } },
   {
-    files: ['**/*.js'],
+    files: ['dashboard/**/*.js'],
     languageOptions: { sourceType: 'script', globals: { ...globals.browser, uPlot: 'readonly' } },
+  },
+  // What njs 0.7 knows.
+  {
+    files: ['examples/adapter/*.js'],
+    languageOptions: { globals: { ngx: 'readonly', crypto: 'readonly', Buffer: 'readonly' } },
+    rules: {
+      'no-restricted-syntax': [
+        'error', 'ArrayPattern', 'ClassDeclaration', 'ClassExpression', 'ForOfStatement', 'ObjectPattern',
+        'CallExpression > AwaitExpression.arguments',
+      ],
+    },
   },
   {
     rules: {
