@@ -1,23 +1,37 @@
 """An origin within this process, for what nginx can't do."""
 
+import contextlib
 import socketserver
+import ssl
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Collection
+
+BROKEN_AT = 200  # bytes
+STALL, SILENCE = 4, 7  # seconds: longer than weir waits in a body (2) and before a head (6)
 
 
 class Origin(socketserver.ThreadingTCPServer):
-    """Answers GET requests, ranges included, with what `read` has for a path.
+    """Answers requests, ranges included, with what `read` has for a path; if nothing, with 404.
 
-    It listens at every address, waits `delay` seconds before each answer, and runs in
-    daemon threads of its own.
+    It listens at every address, or at one, with TLS where there is a certificate, waits `delay`
+    seconds before each answer, and runs in daemon threads of its own. `faults` has what goes wrong
+    with a path: short, stall (once), silent; status=NUMBER, http10, icy, long-head, lower (the
+    fields' names), no-length, chunked; no-range.
     """
     daemon_threads = allow_reuse_address = True
     request_queue_size = 128
 
-    def __init__(self, port: int, read: Callable[[str], bytes]) -> None:
-        super().__init__(("0.0.0.0", port), Handler)
-        self.read, self.delay = read, 0.0
+    def __init__(self, port: int, read: Callable[[str], bytes],
+                 faults: Callable[[str], Collection[str]] = lambda _: (),
+                 address: str = "0.0.0.0", certificate: str = "") -> None:
+        super().__init__((address, port), Handler)
+        self.read, self.faults, self.delay = read, faults, 0.0
+        self.stalled: set[str] = set()
+        if certificate:
+            tls = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+            tls.load_cert_chain(certificate)
+            self.socket = tls.wrap_socket(self.socket, server_side=True)
         threading.Thread(target=self.serve_forever, daemon=True).start()
 
 
@@ -26,20 +40,50 @@ class Handler(socketserver.StreamRequestHandler):
     server: Origin
 
     def handle(self) -> None:
-        try:
+        with contextlib.suppress(OSError):  # the client has dropped the connection
             while line := self.rfile.readline():
-                self.answer(line.split()[1].decode())
-        except OSError:
-            pass  # weir has dropped the connection
+                fields = dict(text.partition(": ")[::2] for text in iter(self.read_field, ""))
+                method, path, _ = line.decode().split()
+                if not self.answer(method, path, fields.get("Range", "bytes=0-")[6:]):
+                    return
 
-    def answer(self, path: str) -> None:
-        start = 0
-        while field := self.rfile.readline().strip():
-            if field.startswith(b"Range: bytes="):
-                start = int(field[13:-1])
-        whole = self.server.read(path)
-        size = len(whole)
-        status = f"206 Part\r\nContent-Range: bytes {start}-{size - 1}/{size}" if start else "200 OK"
-        time.sleep(self.server.delay)
-        self.wfile.write(f"HTTP/1.1 {status}\r\nContent-Length: {size - start}\r\n\r\n".encode()
-                         + whole[start:])
+    def read_field(self) -> str:
+        return self.rfile.readline().decode().strip()
+
+    def answer(self, method: str, path: str, wanted: str) -> bool:
+        """Whether another request may follow."""
+        faults, data = self.server.faults(path), self.server.read(path)
+        time.sleep(SILENCE if "silent" in faults else self.server.delay)
+        first, _, last = wanted.partition("-")
+        start = int(first) if first else max(0, len(data) - int(last))
+        if "no-range" in faults or "chunked" in faults:
+            start = 0
+        stalls = "stall" in faults and path not in self.server.stalled
+        body = (data or b"no")[start:]
+        head = head_of(data, start, faults)
+        if "chunked" in faults:
+            body = b"%x\r\n%s\r\n0\r\n\r\n" % (len(body), body)
+        if stalls or "short" in faults:
+            body = body[:BROKEN_AT]
+        self.wfile.write(head if method == "HEAD" else head + body)
+        if stalls:
+            self.server.stalled.add(path)
+            time.sleep(STALL)
+        return not stalls and not {"short", "http10", "no-length"}.intersection(faults)
+
+
+def head_of(data: bytes, start: int, faults: Collection[str]) -> bytes:
+    version = "HTTP/1.0" if "http10" in faults else "ICY" if "icy" in faults else "HTTP/1.1"
+    status = next((fault[7:] for fault in faults if fault.startswith("status=")),
+                  "206" if start else "200" if data else "404")
+    lines = [f"{version} {status} x"]
+    if "long-head" in faults:
+        lines.append("X: " + "x" * (300 << 10))
+    if start:
+        lines.append(f"Content-Range: bytes {start}-{len(data) - 1}/{len(data)}")
+    if "chunked" in faults:
+        lines.append("Transfer-Encoding: chunked")
+    elif "no-length" not in faults:
+        name = "content-length" if "lower" in faults else "Content-Length"
+        lines.append(f"{name}: {len(data or b'no') - start}")
+    return "\r\n".join([*lines, "\r\n"]).encode()

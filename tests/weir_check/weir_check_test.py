@@ -23,7 +23,7 @@ from pathlib import Path
 TOP = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TOP / "script"), str(TOP / "tools")]
 
-from case import GRADES, Case, Origin, cases  # noqa: E402
+from case import GRADES, Case, cases, serve  # noqa: E402
 from weir_check.main import main as weir_check  # noqa: E402
 from weirlab.client import connect, get, stream_path  # noqa: E402
 from weirlab.lab import Lab  # noqa: E402
@@ -65,7 +65,8 @@ def complaint(case: Case, program: Path, certificate: str) -> str:
     """About one case; empty if all is well."""
     own_network()
     subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)  # a wall
-    Origin(case, 8000), Origin(case, 8001), Origin(case, 8443, certificate)
+    for address in CHECKED, PLAYED:
+        serve(case, address, 8000), serve(case, address, 8001), serve(case, address, 8443, certificate)
     urls = [case.url.replace("$N", name) if "//" in case.url else f"http://{name}:8000{case.url}"
             for name in (CHECKED, PLAYED)]
     words, real = case.args.split(), list[int]()

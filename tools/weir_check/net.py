@@ -115,7 +115,8 @@ def receive(connection: socket.socket, answer: Answer) -> Answer:
     data = b""
     try:
         data = connection.recv(4096)
-        line, ended, data = data.partition(b"\r\n")
+        line, ended, fields = data.partition(b"\r\n")
+        data = ended + fields
         words = line.decode("latin-1").split(" ")
         if not ended or words[0] not in ("HTTP/1.0", "HTTP/1.1"):
             return replace(answer, code="not-http", what=f"answers {line[:20]!r}")
