@@ -2,13 +2,11 @@
 //
 // A page of memory that is shared with the driver (the file $WEIR_TORTURE) says
 // which call of which function that is, counted from the arming, and takes down
-// how many calls there were, where the failing one came from, and how many
-// allocations are alive. Sleeps last a tenth, those from a second on a
+// how many calls there were and how many allocations are alive. Sleeps last a tenth, those from a second on a
 // hundredth, so that thousands of streams pass.
 //
 // Threads: any; all of the page is atomic, and nothing here allocates or logs.
 #include <dlfcn.h>
-#include <execinfo.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -68,17 +66,13 @@ struct Page {
   std::atomic<std::int64_t> error;  // errno of the failure; 0 is a time-out
   std::atomic<std::int64_t> fired;  // set last
   std::atomic<std::int64_t> alive;  // allocations
-  std::atomic<std::int64_t> depth;  // of the trace
-  std::atomic<std::int64_t> counts[26];
-  void* trace[32];
+  std::atomic<std::int64_t> counts[kCalls];
 };
 
-Page before_the_start{{-1}, {0}, {0}, {0}, {0}, {0}, {}, {}};
+Page before_the_start{{-1}, {0}, {0}, {0}, {0}, {}};
 Page* page = &before_the_start;
 
 __attribute__((constructor)) void begin() {
-  void* unused[1];
-  (void)backtrace(unused, 1);  // loads what it needs now
   const char* const name = std::getenv("WEIR_TORTURE");
   const int fd = name == nullptr ? -1 : open(name, O_RDWR | O_CLOEXEC);
   void* const memory = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -90,7 +84,6 @@ __attribute__((constructor)) void begin() {
 bool fails(Call call) {
   const std::int64_t number = ++page->counts[call];
   if (page->armed != call || page->nth != number) return false;
-  page->depth = backtrace(page->trace, 32);
   errno = static_cast<int>(page->error.load());
   page->fired = 1;
   return true;
