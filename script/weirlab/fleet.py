@@ -83,6 +83,7 @@ class Fleet:
             weir.get_ready()
             weir.watch()
         self.haproxy = self.start_haproxy(HAPROXY)
+        wait_until("HAProxy to know all weirs", lambda: set(self.column("check_status").values()) == {"L7OK"})
 
     def install(self) -> None:
         """Where users copy the files to, seen by nobody but what this starts."""
