@@ -165,17 +165,20 @@ class Story:
         self.say("", f"all weirs have them after {took:.2f} s, and keep them when etcd gets no maps")
 
     def kill_cache(self) -> None:
-        def send() -> None:
+        def left_out() -> bool:
             positions = {weir: weir.position() for weir in self.weirs.values()}
             time.sleep(2 * SECONDS)
-            for weir, at in positions.items():
-                check(not weir.lines(f"selected server: {CACHE1}$", at), "a dead cache is used")
+            return not any(weir.lines(f"selected server: {CACHE1}$", at) for weir, at in positions.items())
+
+        def send() -> None:
+            for weir in self.weirs.values():
                 weir.run("fleet/weir-maps.service")
 
         self.say("cache1 is killed")
-        self.everywhere("leave it out", f"^  server: {CACHE1} DEAD$",
-                        lambda: self.fleet.lab.kill_with_children(self.fleet.caches[0]))
+        self.fleet.lab.kill_with_children(self.fleet.caches[0])
+        wait_until("all weirs to leave it out", left_out)
         self.fleet.caches[0] = self.fleet.start_cache(0)
+        check(left_out(), "a dead cache is used")
         self.everywhere("use it again", f"selected server: {CACHE1}$", send)
         self.say("", "it comes back, and all weirs use it when the timer has sent the maps")
 
