@@ -101,7 +101,8 @@ class Story:
     def try_forbidden(self) -> None:
         for path in ("/watchdog", "/update-cache-map?chunk=", "/stats.json"):
             check(status(path) == 404, f"players get {path}")
-        for query in ("url=http://127.0.0.1:7744/watchdog", "a&url=http://~/x&url=http://127.0.0.1/"):
+        for query in ("url=http://127.0.0.1:7744/watchdog", "a&url=http://~/x&url=http://127.0.0.1/",
+                      "url=http://~/%+A", "url=http://~/%80"):
             check(status(f"/stream?{query}") == 403, f"players get {query}")
         try:
             socket.create_connection((WEIRS["weir1"], client.WEIR), SLACK).close()
