@@ -41,7 +41,7 @@ STORY = ((TAKES, r"weir takes \2, \1 bit/s"),
 
 
 class StartOver(Exception):
-    """weir has fetched the whole video before its trouble, because this script was late."""
+    """The machine stood still: this script was late, or weir gave up a cache that lives."""
 
 
 class Log:
@@ -108,8 +108,14 @@ class Demo:
                     raise StartOver
                 raise SystemExit(f"the video is over without {what}")
             if time.monotonic() > deadline:
+                if self.has_lost_the_living():
+                    raise StartOver
                 raise SystemExit(f"gave up waiting for {what}")
             time.sleep(0.1)
+
+    def has_lost_the_living(self) -> bool:
+        """weir takes a cache that says nothing for two seconds for dead, until the next map."""
+        return any(self.log.matches(f"Invalidating cache server {self.address(name)}$") for name in self.caches)
 
     def wait_for(self, what: str, seconds: float, pattern: str, since: int) -> re.Match[str]:
         """The last match of the line in weir's log."""
@@ -262,8 +268,8 @@ def attempt(options: argparse.Namespace, last: bool) -> bool:
             demo.run()
         except StartOver:
             if last:
-                raise SystemExit("the video was over too early, again and again") from None
-            demo.say("the video is over too early; once more")
+                raise SystemExit("the machine stood still, again and again") from None
+            demo.say("the machine stood still; once more")
             return False
         except SystemExit as error:
             if isinstance(error.code, str):

@@ -53,7 +53,8 @@ NOT_FETCHED = (
 Answer = tuple[int, Message, bytes]  # status, fields, body
 
 
-def ask(path: str, first: int = 0, port: int = 7750) -> Answer:
+def ask(path: str, first: int = 0, port: int = 7750, tries: int = 3) -> Answer:
+    """Once more after 504: its server may only have stood still."""
     fields = {"Range": f"bytes={first}-"} if first else {}
     request = urllib.request.Request(f"http://127.0.0.1:{port}/{path}", headers=fields)
     try:
@@ -61,6 +62,8 @@ def ask(path: str, first: int = 0, port: int = 7750) -> Answer:
     except urllib.error.HTTPError as error:
         answer = error
     with answer:
+        if answer.status == 504 and tries > 1:
+            return ask(path, first, port, tries - 1)
         return answer.status, answer.headers, answer.read()
 
 
