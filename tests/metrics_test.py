@@ -155,9 +155,12 @@ def run_demo() -> None:
 
 
 def main() -> None:
-    if sys.argv[1] == "--demo":
+    demo = sys.argv[1] == "--demo"
+    # The demo wants an ordinary user to be one, and not root of a namespace.
+    if not demo or os.geteuid() == 0:
+        network.own_network()
+    if demo:
         return run_demo()
-    network.own_network()
     if ctypes.CDLL(None).unshare(NEW_MOUNTS) != 0:
         raise SystemExit("no file system of its own; try it as root")
     for mount in ("--make-rprivate /", "-t tmpfs tmpfs /run", f"--bind {lab.TOP}/examples/mtail /etc/mtail",
