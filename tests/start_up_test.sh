@@ -50,6 +50,7 @@ listens 7744
 for fd in 0 1 2; do
   [ "$(readlink "/proc/$first/fd/$fd")" = /dev/null ] || fail "descriptor $fd is not /dev/null"
 done
+[ "$(ss -ltnH 'sport = 7744' | awk '{ print $3 }')" = 5 ] || fail "not 5 connections may wait"
 read -r _ _ _ soft hard _ < <(grep '^Max open files' "/proc/$first/limits")
 [ "$soft" = "$hard" ] || fail "the descriptor limit is $soft of $hard"
 
