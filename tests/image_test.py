@@ -110,13 +110,14 @@ def main() -> None:
     assert wanted == compose(), (wanted, compose())
     assert wanted["threads"] == setting("debian/weir.service", "TasksMax")
     assert wanted["files"] == setting("debian/weir.service", "LimitNOFILE")
-    assert wanted["memory"] == wanted["swap"] == setting("examples/weir.service.d/memory.conf", "MemoryMax").lower()
+    most = setting("examples/weir.service.d/memory.conf", "MemoryMax").lower()
+    assert wanted["memory"] == wanted["swap"] == most
     assert (wanted["caps"], wanted["locked"], wanted["restart"]) == ("all", "True", "always")
     network.own_network()
     with tempfile.TemporaryDirectory() as directory:
         root = Path(directory, "root")
         name, config = unpack(Path(sys.argv[1]), root)
-        assert (name, config["User"], config["Cmd"]) == (wanted["image"], wanted["user"], [wanted["argument"]])
+        assert [name, config["User"], *config["Cmd"]] == [wanted[key] for key in ("image", "user", "argument")]
         assert [f"{port.removesuffix('/tcp')}:7744" for port in config["ExposedPorts"]] == [wanted["port"]]
         (root / "etc/resolv.conf").write_text("nameserver 127.0.0.1\n", encoding="ascii")
         threading.Thread(target=answer_names, daemon=True).start()
