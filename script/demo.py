@@ -115,7 +115,8 @@ class Demo:
 
     def has_lost_the_living(self) -> bool:
         """weir takes a cache that says nothing for two seconds for dead, until the next map."""
-        return any(self.log.matches(f"Invalidating cache server {self.address(name)}$") for name in self.caches)
+        return any(self.log.matches(f"Invalidating cache server {self.address(name)}$")
+                   for name in self.caches)
 
     def wait_for(self, what: str, seconds: float, pattern: str, since: int) -> re.Match[str]:
         """The last match of the line in weir's log."""

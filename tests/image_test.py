@@ -117,7 +117,8 @@ def main() -> None:
     with tempfile.TemporaryDirectory() as directory:
         root = Path(directory, "root")
         name, config = unpack(Path(sys.argv[1]), root)
-        assert [name, config["User"], *config["Cmd"]] == [wanted[key] for key in ("image", "user", "argument")]
+        made = [name, config["User"], *config["Cmd"]]
+        assert made == [wanted[key] for key in ("image", "user", "argument")]
         assert [f"{port.removesuffix('/tcp')}:7744" for port in config["ExposedPorts"]] == [wanted["port"]]
         (root / "etc/resolv.conf").write_text("nameserver 127.0.0.1\n", encoding="ascii")
         threading.Thread(target=answer_names, daemon=True).start()
