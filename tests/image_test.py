@@ -18,7 +18,7 @@ import threading
 from pathlib import Path
 from typing import Any
 
-import yaml
+import yaml  # type: ignore
 from weirlab import client, network
 
 TITLES = {f"org.opencontainers.image.{name}" for name in
@@ -48,7 +48,8 @@ def compose() -> dict[str, str]:
 
 
 def setting(file: str, key: str) -> str:
-    return re.findall(f"^{key}=(.*)$", Path(file).read_text(encoding="utf-8"), re.M)[-1]
+    found: list[str] = re.findall(f"^{key}=(.*)$", Path(file).read_text(encoding="utf-8"), re.M)
+    return found[-1]
 
 
 def unpack(archive: Path, root: Path) -> tuple[str, dict[str, Any]]:

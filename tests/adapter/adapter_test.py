@@ -168,14 +168,14 @@ def check_answers(www: Path, keyed: str, chunked: bytes) -> None:
     for path, host in ("master/master.m3u8", "~"), ("vod/list.m3u8?weir=0", "@"):
         text = text_of(f"{PLAIN}/{path}", 7751)
         check(set(re.findall("http://([^/]*)", text)) == {host}, text)
-    for playlist, segment in (f"{keyed}/low", media(4)), (f"{CHUNKED}/vod/list.m3u8", chunked):
-        urls = re.findall(r"http://127.0.0.1:7750/(http-segment\S+)", text_of(f"{playlist}?weir=0"))
+    for path, segment in (f"{keyed}/low", media(4)), (f"{CHUNKED}/vod/list.m3u8", chunked):
+        urls = re.findall(r"http://127.0.0.1:7750/(http-segment\S+)", text_of(f"{path}?weir=0"))
         for turn in "new", "kept":
             status, fields, body = ask(urls[3], 100)
             size = len(segment)
             check((status, fields["Content-Range"], fields["Content-Length"], body)
                   == (206, f"bytes 100-{size - 1}/{size}", str(size - 100), segment[100:]),
-                  playlist, turn, status, fields)
+                  path, turn, status, fields)
     said = subprocess.run([sys.executable, TOP / "tools/weir-check", STREAMS[1]],
                           capture_output=True, text=True, check=False)
     check(said.returncode == 0, said)

@@ -85,6 +85,7 @@ class Case:
 def read_case(text: str) -> Case:
     name, *lines = text.split("\n")
     case, texts = Case(name), dict[Any, str]()
+    at: str | float = 0.0
     for line in lines:
         word, _, rest = line.partition(" ")
         if word == "---":

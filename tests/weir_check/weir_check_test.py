@@ -66,7 +66,8 @@ def complaint(case: Case, program: Path, certificate: str) -> str:
     own_network()
     subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)  # a wall
     for address in CHECKED, PLAYED:
-        serve(case, address, 8000), serve(case, address, 8001), serve(case, address, 8443, certificate)
+        for port, proof in (8000, ""), (8001, ""), (8443, certificate):
+            serve(case, address, port, proof)
     urls = [case.url.replace("$N", name) if "//" in case.url else f"http://{name}:8000{case.url}"
             for name in (CHECKED, PLAYED)]
     words, real = case.args.split(), list[int]()
