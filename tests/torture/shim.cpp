@@ -2,8 +2,8 @@
 //
 // A page of memory that is shared with the driver (the file $WEIR_TORTURE) says
 // which call of which function that is, counted from the arming, and takes down
-// how many calls there were and how many allocations are alive. Sleeps last a tenth, those from a second on a
-// hundredth, so that thousands of streams pass.
+// how many calls there were and how many allocations are alive. Sleeps last a tenth, those from a
+// second on a hundredth, so that thousands of streams pass.
 //
 // Threads: any; all of the page is atomic, and nothing here allocates or logs.
 #include <dlfcn.h>
