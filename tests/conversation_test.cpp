@@ -500,6 +500,8 @@ TEST(Conversation, ThreadsAndMemoryThatCannotBeHad) {
     return ok(
         list(number, {key(number < 3 ? "" : "http://o/k"), "/e", number == 6 ? kEnd : "#"}, 1));
   };
+  const std::string secret = encrypt(kKey, kKey);
+  const Reply paced = slow(secret, 16, 100ms);
   world.origin(
       "o",
       vod(list(1, {"/a", kEnd}),
@@ -507,8 +509,7 @@ TEST(Conversation, ThreadsAndMemoryThatCannotBeHad) {
            {"/a", {slow("0123456789", 1, 1s)}},
            {"/live", {ok(master({"1 http://o/l"}))}},
            {"/l", {live(1), live(2), live(3), live(4), live(5), live(6)}},
-           {"/e",
-            {raw("HTTP/1.0 200 OK\r\nA: 1\r\n\r\n."), slow(encrypt(kKey, kKey), 16, 100ms)}}}));
+           {"/e", {raw("HTTP/1.0 200 OK\r\nA: 1\r\n\r\n."), paced, paced, ok(secret), paced}}}));
   refused("pthread_create", 0s, 500us);            // the request's
   refused("pthread_create", 20s, 20500us + 20s);   // the timer's
   refused("pthread_create", 50001500us, 52500ms);  // that of the first passes
