@@ -254,10 +254,13 @@ TEST(Conversation, FullBufferHoldsTheDownloadBackAndKeepsTheVariant) {
   std::vector<std::string> lines(14, "/a");
   std::fill_n(lines.begin() + 6, 4, "/b");
   lines[12] = "#EXT-X-MEDIA-SEQUENCE:1";
-  world.origin(
-      "o", vod(list(1, lines, 4), {{"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
-                                   {"/a", {slow(media, 60000, 10ms)}},
-                                   {"/b", {slow(media, 60000, 32ms)}}}));
+  // After one without a new segment.
+  std::vector<Reply> lists(6, ok(list(1, lines, 4)));
+  lists.push_back(ok(list(13, {"/b", "/b", "/b", lines[12], "/a"}, 4)));
+  world.origin("o", vod("", {{"/v", lists},
+                             {"/m", {ok(master({"30000000 http://o/v", "1 http://o/v"}))}},
+                             {"/a", {slow(media, 60000, 10ms)}},
+                             {"/b", {slow(media, 60000, 32ms)}}}));
   world.converse({{0s, kM, std::string::npos, 200ms}, {3s, "/stats.json"}});
 }
 
