@@ -297,7 +297,7 @@ TEST(Conversation, PlaylistsMayBeOdd) {
                   {62s, "/stream?url=http://o/y"}});
 }
 
-TEST(Conversation, SegmentsThatCannotBeHadAreLeftOutUntilTheFourthInARow) {
+TEST(Conversation, FailedSegmentsAreLeftOutUntilTheFourthInARow) {
   const std::vector<Reply> lengthless = {raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nmedia")};
   World world;
   world.origin("o", vod(list(1, {"/a", "/a", "/a", "/1", "/a", "/a", "/a", "/a", "/2"}),
@@ -492,7 +492,7 @@ TEST(Conversation, StuckLogReaderStopsNeitherTheLoopNorTheWatchdog) {
                   {350s, "/watchdog"}});
 }
 
-TEST(Conversation, ThreadsAndMemoryThatCannotBeHad) {
+TEST(Conversation, RefusedThreadsAndMemoryAreSurvived) {
   World world;
   const auto refused = [&](const char* call, Time from, Time to, int what = EAGAIN) {
     world.at(from, [=] { refuse(call, what); });
