@@ -51,7 +51,8 @@ struct Player {
   }
 };
 
-// What the program decides, as its log says, against what follows from the lines before.
+// What the program decides, as its log says, against what follows from the lines before. The
+// lines of its threads come in the order in which it took its locks.
 class Judge {
   // Of a variant: the speed, and which of them it allows.
   struct Choice {
@@ -63,7 +64,7 @@ class Judge {
   void hear(const std::string& line) {
     const auto after = [&line](const std::string& text) {
       const size_t at = line.find(text);
-      return at == std::string::npos ? "" : line.substr(at + text.size(), std::string::npos);
+      return at == std::string::npos ? "" : line.substr(at + text.size());
     };
     unsigned long long low = 0, high = 0;
     Choice& choice = choices_[pthread_self()];

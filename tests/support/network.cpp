@@ -169,7 +169,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 
 ssize_t write_log(int fd, const void* from, size_t size) {
   while (stuck[fd]) (void)wait({&unstuck});
-  static bool interrupted = false;  // at first, always
+  static bool interrupted = false;  // every line is, once
   if ((interrupted = !interrupted)) return fail(EINTR);
   log_line(fd, {static_cast<const char*>(from), size});
   return static_cast<ssize_t>(size);
