@@ -1,0 +1,177 @@
+"""What mtail counts in weir's log, and that neither it nor a full log stops a stream.
+
+metrics_test.py WEIR: in transcripts, and in a log that the real program writes as the units in
+kit/ have it, word for word, in a network and a file system of its own.
+metrics_test.py --demo: in the log of script/demo, against what that says.
+"""
+
+import collections
+import ctypes
+import difflib
+import os
+import re
+import shlex
+import signal
+import subprocess
+import sys
+import tempfile
+import urllib.request
+from itertools import pairwise
+from pathlib import Path
+
+from mtail import of_log, parse
+from weirlab import client, lab, network, video
+from weirlab.origin import Origin
+
+SEGMENTS, ORIGIN, MTAIL_PORT, NEW_MOUNTS = 40, 8000, 3903, 0x20000
+PROGRESS, PROBLEMS = Path("/run/weir/progress"), Path("/run/weir/problems")
+COUNTED = lab.TOP / "kit/metrics/test/metrics.txt"
+
+
+def check_transcripts(room: lab.Lab) -> None:
+    """Everything counted in each transcript of the simulation is what COUNTED has."""
+    counted = ""
+    for transcript in sorted((lab.TOP / "tests/transcripts").iterdir()):
+        text = transcript.read_text(encoding="latin-1")
+        lines = re.findall(r"^  (?![>~] )(?:! )?(.*\n)", text, re.MULTILINE)
+        (room.work / "log").write_text("".join(lines), encoding="latin-1")
+        counted += f"== {transcript.stem}\n" + "".join(
+            f"{value:.0f} {name}\n" for name, value in sorted(of_log(room.work / "log").items()))
+    if "UPDATE_TRANSCRIPTS" in os.environ:
+        COUNTED.write_text(counted)
+    wanted = COUNTED.read_text()
+    if counted != wanted:
+        raise SystemExit("\n".join(difflib.unified_diff(wanted.splitlines(), counted.splitlines(), n=9)))
+
+
+def setting(file: str, key: str) -> str:
+    """The last one of that name in an example."""
+    text = (lab.TOP / "kit" / file).read_text(encoding="utf-8").replace("\\\n", "").replace("$$", "$")
+    found: list[str] = re.findall(rf'^(?:Environment=")?{key}=-?(.*?)"?$', text, re.MULTILINE)
+    return found[-1]
+
+
+def command(file: str, key: str = "ExecStart") -> list[str]:
+    return shlex.split(setting(file, key))
+
+
+def scrape() -> dict[str, float]:
+    with urllib.request.urlopen(f"http://127.0.0.1:{MTAIL_PORT}/metrics") as answer:
+        return parse(answer.read().decode())
+
+
+def check_feed(room: lab.Lab, binary: Path) -> None:
+    """A stream must go on whoever has stopped reading, and be counted by who reads."""
+    segments = {f"/{i}.ts": bytes([i]) * 188 for i in range(SEGMENTS)}
+    urls = [f"http://127.0.0.1:{ORIGIN}{path}" for path in segments]
+    files = segments | {"/list": video.media_playlist(urls, 1).encode(),
+                        "/master": video.master_playlist({f"http://127.0.0.1:{ORIGIN}/list": 1}).encode()}
+    Origin(ORIGIN, files.__getitem__)
+
+    def play() -> None:
+        client.ask("/%80")  # behind which Debian 12's mtail by itself reads no further
+        path = client.stream_path(f"http://127.0.0.1:{ORIGIN}/master")
+        if client.ask(path, timeout=10).partition(b"\r\n\r\n")[2] != b"".join(segments.values()):
+            raise SystemExit("a stream is not whole")
+
+    def counted(name: str = f"segments server=127.0.0.1:{ORIGIN}") -> float:
+        return scrape().get(name, 0)
+
+    drop_in, mtail_unit = "service/weir.service.d/metrics.conf", "metrics/mtail.service.d/weir.conf"
+    with open(setting(drop_in, "StandardOutput").removeprefix("append:"), "ab") as out, \
+            open(setting(drop_in, "StandardError").removeprefix("append:"), "ab") as err:
+        mtail = room.start(command(mtail_unit), stderr=subprocess.DEVNULL,
+                           env=os.environ | {"EXTRA_ARGS": setting(mtail_unit, "EXTRA_ARGS")})
+        journal = (room.work / "journal").open("wb")
+        tail = room.start(command("metrics/weir-problems.service"), stdout=journal, stderr=journal)
+        lab.wait_until("mtail to answer", lambda: client.answers(MTAIL_PORT))
+
+        def reading() -> bool:
+            """Whether mtail has found the beginning of both files, which is now past."""
+            subprocess.run(command(drop_in, "ExecStartPre"), stdout=out, check=True)
+            os.write(err.fileno(), b"not found\n")
+            return counted("starts") > 0 and counted("rejected_requests status=404") > 0
+
+        lab.wait_until("mtail to read", reading)
+        weir = [lab.TOP / "script/without-reboot", binary, 1 << 20]
+        crashing = room.start(weir, stdout=out, stderr=err)
+        lab.wait_until("weir to answer", lambda: client.answers(client.WEIR))
+        with client.connect(client.stream_path("http://127.0.0.1:1/refused")):
+            lab.wait_until("a stream to be counted", lambda: counted("streams") == 1)
+            room.end(crashing, signal.SIGKILL)
+        reading()
+        room.start(weir, stdout=out, stderr=err)
+        lab.wait_until("weir to answer again", lambda: client.answers(client.WEIR))
+        play()
+        lab.wait_until("the first stream to be counted and over", lambda: counted() == SEGMENTS and not
+                       counted("streams") and counted("streams_ended") == 1)
+
+        for reader in (mtail, tail):
+            reader.send_signal(signal.SIGSTOP)
+        play()
+        with subprocess.Popen(["yes", "x" * 1000], stdout=out, stderr=subprocess.DEVNULL) as filler:
+            filler.wait(60)  # until there is no space left
+        play()
+        for reader in (mtail, tail):
+            reader.send_signal(signal.SIGCONT)
+        lab.wait_until("the second stream to be counted", lambda: counted() >= 2 * SEGMENTS)
+
+        room.start(command("metrics/weir-log.service"))
+        lab.wait_until("the log to be emptied", lambda: PROGRESS.stat().st_size < 1 << 20)
+        starts = counted("starts")
+        # Each try marks a line; all before one that is counted is. The first may end a line that was cut.
+        lab.wait_until("mtail to catch up", lambda: reading() and counted("starts") > starts)
+        before = counted()
+        play()
+        lab.wait_until("the fourth stream to be counted", lambda: counted() == before + SEGMENTS)
+        lab.wait_until("its end to be in the journal", lambda: (room.work / "journal").read_bytes()
+                       .count(b"mpl finish and cleanup!\n") >= 3)
+
+
+def run_demo() -> None:
+    with tempfile.NamedTemporaryFile() as log:
+        run = subprocess.run([lab.TOP / "script/demo", "--log", log.name], stdout=subprocess.PIPE, text=True)
+        print(run.stdout)
+        if run.returncode != 0:
+            raise SystemExit(run.returncode)
+        got = of_log(Path(log.name))
+    story = run.stdout.rpartition("making a video")[2]
+    rates = [int(rate) for rate in re.findall(r"weir takes .*, (\d+) bit/s", story)]
+    up, down = (sum((rate - last) * way > 0 for last, rate in pairwise(rates)) for way in (1, -1))
+    dead = collections.Counter(re.findall(r"weir marks dead (.*)", story))
+    expected = {
+        "streams_begun": 1, "streams_ended": 1, "stream_end_reasons reason=last segment": 1,
+        "selections": len(rates), "segments": int(re.findall(r"(\d+) of", story)[-1]) / 50,
+        "retries kind=segment resumed": len(re.findall(r"from byte [1-9]", story)),
+        **{f"server_invalidations server={server}": count for server, count in dead.items()},
+        "alive": len(re.findall(r"cache\d", story.splitlines()[1])) - len(dead)}
+    for name, total in (("segments", "segments server="), ("alive", "server_alive")):
+        got[name] = sum(value for key, value in got.items() if key.startswith(total))
+    # A switch that is due at the very end of the stream, or below the lowest variant, is not made.
+    ups, downs = (got.get(f"departures direction={way}", 0) for way in ("up", "down"))
+    wrong = {key: got.get(key, 0) for key, value in expected.items() if got.get(key, 0) != value}
+    if wrong or not (0 < up <= ups <= up + 1 and 0 < down <= downs + got.get("sudden_drops", 0)):
+        raise SystemExit(f"the story, {expected}, {up} up, {down} down, is not that of {wrong}, {got}")
+    print("the metrics fit the story:", expected)
+
+
+def main() -> None:
+    demo = sys.argv[1] == "--demo"
+    # The demo wants an ordinary user to be one, and not root of a namespace.
+    if not demo or os.geteuid() == 0:
+        network.own_network()
+    if demo:
+        return run_demo()
+    if ctypes.CDLL(None).unshare(NEW_MOUNTS) != 0:
+        raise SystemExit("no file system of its own; try it as root")
+    for mount in ("--make-rprivate /", "-t tmpfs tmpfs /run", f"--bind {lab.TOP}/kit/metrics /etc/mtail",
+                  f"-m -t tmpfs -o {setting('metrics/run-weir.mount', 'Options')} tmpfs /run/weir"):
+        subprocess.run(["mount", *mount.split()], check=True)
+    with lab.Lab() as room:
+        check_transcripts(room)
+        check_feed(room, Path(sys.argv[1]).resolve())
+    print("metrics: all transcripts and 4 streams counted")
+
+
+if __name__ == "__main__":
+    main()
