@@ -52,11 +52,9 @@ void let_wake_ups_coincide() {
 
 void release_free_memory() { (void)malloc_trim(0); }
 
-void ignore_sigpipe() { (void)std::signal(SIGPIPE, SIG_IGN); }
-
 void prepare_process() {
   open_standard_descriptors();
-  ignore_sigpipe();
+  (void)std::signal(SIGPIPE, SIG_IGN);
   raise_descriptor_limit();
   keep_freed_memory();
   let_wake_ups_coincide();

@@ -2,9 +2,6 @@
 
 namespace weir {
 
-// A write to a peer that has gone fails with an error instead of ending the process.
-void ignore_sigpipe();
-
 // Call before the process opens anything of its own. Standard descriptors that are closed
 // become /dev/null, so that no socket is ever taken for the log. SIGPIPE is ignored. The
 // descriptor limit is raised as far as allowed. Freed memory is kept for later blocks of

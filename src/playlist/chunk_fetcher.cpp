@@ -8,7 +8,7 @@
 #include "base/wait.h"
 #include "buffer/cbuff.h"
 #include "playlist/stream_control.h"
-#include "playlist/stream_stats.h"
+#include "playlist/streams.h"
 
 namespace weir {
 
@@ -37,11 +37,11 @@ struct ChunkFetcher::Pass {
   bool attempted = false;  // a segment was new, whether or not it could be downloaded
 };
 
-ChunkFetcher::ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats,
-                           StreamControl& control, std::int32_t start_from)
+ChunkFetcher::ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control,
+                           std::int32_t start_from)
     : buffer_(buffer),
-      max_buffer_(max_buffer),
-      stats_(stats),
+      streams_(streams),
+      stats_(streams.stats),
       control_(control),
       start_from_(start_from) {}
 
@@ -77,7 +77,7 @@ bool ChunkFetcher::take_chunk(Pass& pass) {
     ++pass.index;
     return true;
   }
-  if (buffer_.fill() >= max_buffer_) {
+  if (buffer_.fill() >= streams_.max_buffer) {
     log_out("buffer is full - not downloading more chunks ...");
     empty_reloads_ = 0;
     return false;

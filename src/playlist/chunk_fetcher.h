@@ -13,6 +13,7 @@ namespace weir {
 class CBuff;
 struct StreamControl;
 struct StreamStats;
+struct Streams;
 
 // Downloads the segments of a stream into its buffer, one after another, and decides
 // when the stream is over.
@@ -24,10 +25,9 @@ struct StreamStats;
 //            the stream. The reason is on the error stream.
 class ChunkFetcher {
  public:
-  // `max_buffer` in bytes: a pass ends when that much is buffered. `start_from`: how many
-  // segments the first pass skips; negative counts from the end of the playlist.
-  ChunkFetcher(CBuff& buffer, std::uint64_t max_buffer, StreamStats& stats, StreamControl& control,
-               std::int32_t start_from);
+  // `start_from`: how many segments the first pass skips; negative counts from the end of
+  // the playlist.
+  ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control, std::int32_t start_from);
 
   // One pass over the segments of the variant's playlist that are new. It ends early
   // when the buffer is full and when the average speed has left the variant's band.
@@ -49,7 +49,7 @@ class ChunkFetcher {
 
   // Set once.
   CBuff& buffer_;
-  const std::uint64_t max_buffer_;
+  const Streams& streams_;
   StreamStats& stats_;
   StreamControl& control_;
 

@@ -9,7 +9,7 @@
 #include "base/wait.h"
 #include "buffer/cbuff.h"
 #include "playlist/chunk_fetcher.h"
-#include "playlist/stream_stats.h"
+#include "playlist/streams.h"
 #include "upstream/ucurl.h"
 
 namespace weir {
@@ -21,13 +21,12 @@ constexpr size_t kEnoughChunks = 4;  // more than these are downloaded before a 
 
 }  // namespace
 
-MasterPlaylist::MasterPlaylist(std::string master_url, CBuff& buffer, std::uint64_t max_buffer,
-                               StreamStats& stats, std::int32_t start_from)
+MasterPlaylist::MasterPlaylist(std::string master_url, CBuff& buffer, Streams& streams,
+                               std::int32_t start_from)
     : master_url_(std::move(master_url)),
       buffer_(buffer),
-      max_buffer_(max_buffer),
-      stats_(stats),
-      fetcher_(std::make_unique<ChunkFetcher>(buffer, max_buffer, stats, control_, start_from)) {}
+      streams_(streams),
+      fetcher_(std::make_unique<ChunkFetcher>(buffer, streams, control_, start_from)) {}
 
 MasterPlaylist::~MasterPlaylist() = default;
 
@@ -61,9 +60,9 @@ bool MasterPlaylist::refresh_master() {
 
 // True when there is a current variant afterwards, kept or chosen anew.
 bool MasterPlaylist::select_variant() {
-  const std::uint64_t average = stats_.avg_speed.get();
+  const std::uint64_t average = streams_.stats.avg_speed.get();
   log_out("select variant, curr avg in bps: ", average * 1024);
-  const Decision decision = keep_or_change(current_, average, buffer_.fill(), max_buffer_);
+  const Decision decision = keep_or_change(current_, average, buffer_.fill(), streams_.max_buffer);
   if (decision != Decision::kChange) return decision == Decision::kKeep;
   chunklist_.reset();
   current_ = choose_variant(variants_, average).value_or(Selection{});

@@ -14,7 +14,7 @@ namespace weir {
 class CBuff;
 class ChunkFetcher;
 class Chunklist;
-struct StreamStats;
+struct Streams;
 
 // The engine of one stream: loads a master playlist, selects a variant by the
 // download speed, keeps the variant's playlist fresh and has its segments downloaded
@@ -24,14 +24,13 @@ struct StreamStats;
 //            thread turns once a second; when a refresh is due and no fill pass
 //            runs it selects a variant, loads its playlist and starts a fill
 //            pass on a thread of its own.
-// Ownership: the buffer and the statistics are the caller's and live longer.
+// Ownership: the buffer and the shared state are the caller's and live longer.
 // Failure:   false from start_refreshing(), later should_finish(); the reason is
 //            on the error stream.
 class MasterPlaylist {
  public:
-  // `max_buffer` in bytes and `start_from` in segments, both as ChunkFetcher has them.
-  MasterPlaylist(std::string master_url, CBuff& buffer, std::uint64_t max_buffer,
-                 StreamStats& stats, std::int32_t start_from);
+  // `start_from`: the segments that the first pass skips; negative counts from the end.
+  MasterPlaylist(std::string master_url, CBuff& buffer, Streams& streams, std::int32_t start_from);
   ~MasterPlaylist();
   MasterPlaylist(const MasterPlaylist&) = delete;
   MasterPlaylist& operator=(const MasterPlaylist&) = delete;
@@ -64,8 +63,7 @@ class MasterPlaylist {
   // Set once.
   const std::string master_url_;
   const CBuff& buffer_;
-  const std::uint64_t max_buffer_;
-  const StreamStats& stats_;
+  const Streams& streams_;
 
   StreamControl control_;
 

@@ -1,4 +1,4 @@
-// The thread of a connection, and what is served on which path.
+// The thread of a connection, and the routes.
 #include "server/request.h"
 
 #include <sys/socket.h>
@@ -8,26 +8,31 @@
 #include <utility>
 
 #include "base/log.h"
-#include "base/response_head.h"
-#include "base/text.h"
 #include "base/thread.h"
-#include "cachemap/answer_update.h"
+#include "server/endpoints.h"
 #include "server/http406.h"
-#include "server/stats_handler.h"
-#include "server/stream_handler.h"
-#include "watchdog/watchdog.h"
+#include "server/response_head.h"
 
 namespace weir {
 
 namespace {
+
 constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body
-constexpr const char* kStreamType = "application/octet-stream";
-constexpr const char* kJsonType = "application/json";
-constexpr const char* kTextType = "plain/text";  // deliberate: clients expect this
+
+struct Route {
+  std::string_view path;
+  void (*answer)(int fd, const RequestLine& request, Service& service);
+};
+
+constexpr Route kRoutes[] = {
+    {"/stream", answer_stream},           {"/stream.ts", answer_stream},
+    {"/update-cache-map", answer_update}, {"/stats.json", answer_stats},
+    {"/watchdog", answer_watchdog},
+};
+
 }  // namespace
 
-Request::Request(Fd fd, std::uint64_t max_buffer, StreamStats& stats, Watchdog& watchdog)
-    : fd_(std::move(fd)), max_buffer_(max_buffer), stats_(stats), watchdog_(watchdog) {}
+Request::Request(Fd fd, Service& service) : fd_(std::move(fd)), service_(service) {}
 
 Request::~Request() = default;
 
@@ -43,7 +48,7 @@ void* Request::thread_entry(void* self) {
   const std::unique_ptr<Request> request(static_cast<Request*>(self));
   log_out("do_request_start");
   lower_priority();
-  log_out("pthread_detach");  // by who started it; readers of the log know the line
+  log_out("pthread_detach");  // done in start_detached(); readers of the log expect the line
   request->start();
   log_out("after start");
   return nullptr;
@@ -74,50 +79,19 @@ void Request::parse_resource() {
 }
 
 void Request::dispatch() {
-  const std::string& path = line_.path;
-  if (path == "/stream" || path == "/stream.ts") {
-    serve_stream();
-  } else if (path == "/update-cache-map") {
-    answer_update(fd_.get(), line_.get_param("chunk"), line_.get_param("playlist"));
-  } else if (path == "/stats.json") {
-    serve_stats();
-  } else if (path == "/watchdog") {
-    serve_watchdog();
-  } else {
-    log_err("not found");
-    send_not_found(path);
+  for (const Route& route : kRoutes) {
+    if (line_.path == route.path) return route.answer(fd_.get(), line_, service_);
   }
-}
-
-void Request::serve_stream() {
-  if (line_.method == Method::kHead) return send_head("Will try to stream...", kStreamType);
-  const std::string* const from = line_.get_param("startFrom");
-  const auto start_from = static_cast<std::int32_t>(from == nullptr ? 0 : leading_number(*from));
-  const std::string* const url = line_.get_param("url");
-  if (url == nullptr) reject("Missing url parameter");
-  StreamHandler(*url, fd_.get(), max_buffer_, stats_, start_from).run();
-}
-
-void Request::serve_stats() {
-  if (line_.method == Method::kHead) return send_head("OK", kJsonType);
-  StatsHandler(fd_.get(), stats_).run();
-}
-
-void Request::serve_watchdog() {
-  if (line_.method != Method::kHead) watchdog_.ping();
-  send_head("OK", kJsonType);
-}
-
-void Request::send_head(const char* message, const char* content_type) {
-  ResponseHead(fd_.get(), 200, message, content_type).send();
+  log_err("not found");
+  send_not_found(line_.path);
 }
 
 void Request::send_not_found(const std::string& path) {
-  ResponseHead(fd_.get(), 404, path + " Not Found", kTextType).send();
+  send_head(fd_.get(), 404, path + " Not Found", kTextType);
 }
 
 void Request::send_not_acceptable(const std::string& message) {
-  ResponseHead(fd_.get(), 406, message, kTextType).send();
+  send_head(fd_.get(), 406, message, kTextType);
 }
 
 void Request::reject(const char* message) {
@@ -125,8 +99,8 @@ void Request::reject(const char* message) {
   throw rejection_.get();
 }
 
-// Closing with bytes left unread makes the kernel reset the connection and drop what it
-// hasn't sent yet. So what has already arrived of a body is discarded, without waiting.
+// Closing a socket with unread input makes the kernel reset the connection and drop unsent
+// output. So the part of a body that has already arrived is discarded, without waiting.
 void Request::close_connection() {
   std::array<char, 4096> discarded;
   for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {

@@ -14,9 +14,8 @@
 
 #include "base/log.h"
 #include "cachemap/cache_map.h"
-#include "playlist/stream_stats.h"
 #include "server/request.h"
-#include "watchdog/watchdog.h"
+#include "server/service.h"
 
 namespace weir {
 
@@ -31,17 +30,13 @@ constexpr timeval kTurn{1, 0};
 // stream that much sooner, 8 s at 4 Mbit/s.
 constexpr int kMaxUnsent = 256 * 1024;
 
-// What requests share. Never destroyed, because detached threads use it to the end.
-struct Shared {
-  explicit Shared(Device device) : watchdog(device) {
-    chunkCacheMap = new CacheMap;
-    playlistCacheMap = new CacheMap;
-  }
+// Keeps the service reachable when the server has gone.
+Service* the_service = nullptr;
 
-  Watchdog watchdog;
-  StreamStats stats;
-};
-Shared* shared = nullptr;
+Service& new_service(std::uint64_t max_buffer, Device device) {
+  the_service = new Service(max_buffer, device);
+  return *the_service;
+}
 
 // The crypto library and the resolver initialise themselves at their first use. If memory
 // runs out in the middle of that they crash, hang, or fail from then on. So it happens
@@ -58,7 +53,10 @@ void set_up_libraries() {
 
 Server::Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog,
                std::uint64_t max_buffer, Device device)
-    : address_(address), port_(port), backlog_(backlog), max_buffer_(max_buffer), device_(device) {}
+    : address_(address),
+      port_(port),
+      backlog_(backlog),
+      service_(new_service(max_buffer, device)) {}
 
 void Server::createListeningSocket() {
   listen_fd_.reset(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
@@ -80,12 +78,12 @@ void Server::createListeningSocket() {
 void Server::run() {
   createListeningSocket();
   set_up_libraries();
-  shared = new Shared(device_);
+  chunkCacheMap = new CacheMap;
+  playlistCacheMap = new CacheMap;
   for (;;) {
     log_out("loop");
-    shared->watchdog.check();
-    if (!wait_for_connection()) continue;
-    handleConnection(accept_connection(), shared->stats, shared->watchdog);
+    service_.watchdog.check();
+    if (wait_for_connection()) handleConnection(accept_connection());
   }
 }
 
@@ -118,9 +116,9 @@ Fd Server::accept_connection() const {
   return fd;
 }
 
-void Server::handleConnection(Fd fd, StreamStats& stats, Watchdog& watchdog) const {
+void Server::handleConnection(Fd fd) const {
   log_out("processing request");
-  Request::process(std::make_unique<Request>(std::move(fd), max_buffer_, stats, watchdog));
+  Request::process(std::make_unique<Request>(std::move(fd), service_));
   log_out("done processing request");
 }
 

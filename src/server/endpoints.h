@@ -1,0 +1,28 @@
+// The endpoints. Each sends its whole response, header block included.
+//
+// Threads:   any. answer_stream() blocks for as long as the player listens.
+// Ownership: the descriptor stays the caller's.
+// Failure:   not reported; a write that fails is not repeated.
+#pragma once
+
+namespace weir {
+
+struct RequestLine;
+struct Service;
+
+// "/stream", "/stream.ts": the media of the master playlist `url`, from segment `startFrom`
+// on (negative: counted from the end). The body ends when the stream is over and all of it
+// has been sent, when a write fails, and when nothing was readable for more than 15 s.
+// Without `url` the answer is 406.
+void answer_stream(int fd, const RequestLine& request, Service& service);
+
+// "/update-cache-map": replaces the maps given as `chunk` and `playlist`. Any text is a map.
+void answer_update(int fd, const RequestLine& request, Service& service);
+
+// "/stats.json": the figures of the stream that wrote last, zeros before the first one.
+void answer_stats(int fd, const RequestLine& request, Service& service);
+
+// "/watchdog": pings the watchdog, unless the method is HEAD.
+void answer_watchdog(int fd, const RequestLine& request, Service& service);
+
+}  // namespace weir

@@ -1,0 +1,88 @@
+// "/stream": sends the header block at once, starts the playlist engine, and pumps what
+// appears in the buffer to the player.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <span>
+
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/process.h"
+#include "base/text.h"
+#include "base/wait.h"
+#include "buffer/cbuff.h"
+#include "playlist/master_playlist.h"
+#include "server/endpoints.h"
+#include "server/request_line.h"
+#include "server/response_head.h"
+#include "server/service.h"
+
+namespace weir {
+
+namespace {
+
+constexpr size_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
+constexpr std::chrono::milliseconds kIdlePoll{50};
+constexpr std::chrono::seconds kNoDataLimit{15};
+
+// Whole seconds of the monotonic clock.
+time_t seconds_now() { return monotonic_now().tv_sec; }
+
+void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& stats,
+          time_t started) {
+  time_t last_sent = started;
+  for (;;) {
+    // In this order: after the flag is seen the fill count is final.
+    if (playlist.should_finish() && buffer.fill() == 0) return;
+    const std::span<const unsigned char> readable = buffer.peek();
+    stats.cbuff_size.set(buffer.fill() >> 10);
+    if (!readable.empty()) {
+      // Deliberate: everything offered is consumed. After a short write (the player took
+      // nothing for 10 s) the rest is lost instead of delaying what is live.
+      const std::span<const unsigned char> offered =
+          readable.first(std::min(readable.size(), kMaxWrite));
+      if (write(fd, offered.data(), offered.size()) < 0) return;
+      last_sent = seconds_now();
+      buffer.consume(offered.size());
+    } else if (seconds_now() - last_sent > kNoDataLimit.count()) {
+      log_err("no data for long time, closing stream");
+      return;
+    } else {
+      sleep_for(kIdlePoll);
+    }
+  }
+}
+
+// Everything the stream needs is freed when this returns.
+void stream(int fd, const std::string& url, std::int32_t start_from, Streams& streams) {
+  const time_t started = seconds_now();
+  send_head(fd, 200, "Streaming...", kStreamType);
+  CBuff buffer;
+  MasterPlaylist playlist(url, buffer, streams, start_from);
+  if (playlist.start_refreshing()) {
+    pump(fd, buffer, playlist, streams.stats, started);
+  } else {
+    log_err("start_refreshing failed!");
+  }
+  log_err("mpl finish and cleanup!");
+  playlist.finish();
+  buffer.clear();
+}
+
+}  // namespace
+
+void answer_stream(int fd, const RequestLine& request, Service& service) {
+  if (request.method == Method::kHead) {
+    return send_head(fd, 200, "Will try to stream...", kStreamType);
+  }
+  const std::string* const from = request.get_param("startFrom");
+  const auto start_from = static_cast<std::int32_t>(from == nullptr ? 0 : leading_number(*from));
+  const std::string* const url = request.get_param("url");
+  if (url == nullptr) return send_head(fd, 406, "Missing url parameter", kTextType);
+  stream(fd, *url, start_from, service.streams);
+  release_free_memory();
+}
+
+}  // namespace weir
