@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/units.h"
 #include "base/wait.h"
 #include "buffer/cbuff.h"
 #include "playlist/stream_control.h"
@@ -146,9 +147,9 @@ bool ChunkFetcher::note_success(const Chunk& chunk, const UCurl::Download& downl
   }
   const std::uint64_t speed = whole_kbps(download.speed_kbps);
   stats_.last_chunk_speed.set(speed);
-  stats_.cbuff_size.set(buffer_.fill() >> 10);
-  stats_.selected_profile.set(bandwidth >> 10);
-  if (speed < bandwidth >> 11) {
+  stats_.set_buffered(buffer_.fill());
+  stats_.selected_profile.set(kbps(bandwidth));
+  if (speed < kbps(bandwidth) / 2) {
     log_err("sudden speed drop! falling down immediately!");
     stats_.fall_to_speed(speed);
     refresh_at_once();

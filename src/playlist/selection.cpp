@@ -26,8 +26,8 @@ Variant* best_variant(std::vector<Variant>& variants, Variant* lowest, std::uint
   Variant* best = lowest;
   for (Variant& variant : variants) {
     if (variant.invalid) continue;
-    log_out("SELECT BEST kbps: ", best->bandwidth >> 10, "CUR bps: ", average);
-    if (variant.bandwidth > best->bandwidth && variant.bandwidth >> 10 <= average) {
+    log_out("SELECT BEST kbps: ", kbps(best->bandwidth), "CUR bps: ", average);
+    if (variant.bandwidth > best->bandwidth && kbps(variant.bandwidth) <= average) {
       best = &variant;
       log_out("SELECT NEW BEST: ", best->bandwidth);
     }

@@ -1,14 +1,14 @@
-// The adaptive choice of a variant: functions of their arguments alone, except that they
-// log what they find.
+// The adaptive choice of a variant. The functions depend on their arguments alone, and log
+// each step.
 //
-// Bandwidths are in bit/s and speeds in kbps, units of 1024 bit/s, so that a bandwidth
-// shifted right by 10 compares with a speed.
+// Bandwidths are in bit/s; speeds are in kbps of 1024 bit/s.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <vector>
 
+#include "base/units.h"
 #include "playlist/variant.h"
 
 namespace weir {
@@ -18,8 +18,8 @@ struct Band {
   std::uint64_t low = 0;   // bit/s; 0 is no lower limit
   std::uint64_t high = 0;  // bit/s; all ones is no upper limit
 
-  [[nodiscard]] std::uint64_t low_kbps() const { return low >> 10; }
-  [[nodiscard]] std::uint64_t high_kbps() const { return high >> 10; }
+  [[nodiscard]] std::uint64_t low_kbps() const { return kbps(low); }
+  [[nodiscard]] std::uint64_t high_kbps() const { return kbps(high); }
   [[nodiscard]] bool begins_above(std::uint64_t kbps) const { return kbps < low_kbps(); }
   [[nodiscard]] bool contains(std::uint64_t kbps) const {
     return !begins_above(kbps) && kbps < high_kbps();

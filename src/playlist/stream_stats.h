@@ -26,6 +26,8 @@ struct StreamStats {
     std::atomic<std::uint64_t> value_{0};
   };
 
+  void set_buffered(std::uint64_t bytes) { cbuff_size.set(bytes / 1024); }
+
   // Puts the speed of a download, in kbps, in front of the history and computes the average.
   void add_speed(std::uint64_t kbps);
 
@@ -35,8 +37,8 @@ struct StreamStats {
 
   Value last_chunk_speed;  // kbps, units of 1024 bit/s
   Value avg_speed;         // kbps, weighted average of speed_history
-  Value cbuff_size;        // bytes buffered >> 10
-  Value selected_profile;  // bandwidth of the variant being played >> 10
+  Value cbuff_size;        // KiB buffered
+  Value selected_profile;  // bandwidth of the variant being played, kbps
 
   std::array<Value, 5> speed_history;  // kbps, newest first
 };

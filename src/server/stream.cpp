@@ -37,7 +37,7 @@ void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& st
     // In this order: after the flag is seen the fill count is final.
     if (playlist.should_finish() && buffer.fill() == 0) return;
     const std::span<const unsigned char> readable = buffer.peek();
-    stats.cbuff_size.set(buffer.fill() >> 10);
+    stats.set_buffered(buffer.fill());
     if (!readable.empty()) {
       // Deliberate: everything offered is consumed. After a short write (the player took
       // nothing for 10 s) the rest is lost instead of delaying what is live.

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "base/log.h"
+#include "base/units.h"
 #include "base/wait.h"
 #include "upstream/response.h"
 #include "upstream/segment_sink.h"
@@ -28,10 +29,10 @@ double milliseconds_between(const timeval& from, const timeval& to) {
          static_cast<double>(to.tv_sec - from.tv_sec) * 1000;
 }
 
-// Bits per second, in units of 1024. A body that arrives with its head takes no
-// measurable time: the speed is then infinite, or no number at all.
-double kbps(std::uint64_t bytes, double milliseconds) {
-  return static_cast<double>(bytes) * 8 * 1000 / milliseconds * 0.0009765625;
+// Bit/s. A body that arrives with its header block takes no measurable time: the speed is
+// then infinite or NaN.
+double speed(std::uint64_t bytes, double milliseconds) {
+  return static_cast<double>(bytes) * 8 * 1000 / milliseconds;
 }
 
 std::string request_text(const ServerChoice& server, bool keep_alive, std::uint64_t from_bytes) {
@@ -157,7 +158,7 @@ std::optional<UCurl::Download> UCurl::get_stream(const std::string& url, CBuff& 
   cipher_.stop();
   if (body == BodyResult::kLengthUnknown) return std::nullopt;
   return Download{progress.received,
-                  kbps(progress.received, milliseconds_between(start, wall_clock()))};
+                  kbps(speed(progress.received, milliseconds_between(start, wall_clock())))};
 }
 
 // A resumed download continues with the context that the interrupted one left, in the
