@@ -86,10 +86,10 @@ bool ChunkFetcher::take_chunk(Pass& pass) {
   const Chunk chunk = std::move(chunks.front());
   chunks.pop_front();
   if (chunk.sequence > last_seq_) {
-    const std::optional<UCurl::Download> download = fetch_chunk(chunk);
-    if (!download) {
+    const Download download = fetch_chunk(chunk);
+    if (!download.done()) {
       note_failure();
-    } else if (!note_success(chunk, *download, pass.playing.variant->bandwidth)) {
+    } else if (!note_success(chunk, download, pass.playing.variant->bandwidth)) {
       return false;
     }
     if (!stays_in(pass.playing.band)) return false;
@@ -111,19 +111,19 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
   control_.end_stream();
 }
 
-// The successful attempt; nothing when all have failed.
-std::optional<UCurl::Download> ChunkFetcher::fetch_chunk(const Chunk& chunk) {
-  std::uint64_t offset = 0;
+// The successful attempt, or the last one.
+Download ChunkFetcher::fetch_chunk(const Chunk& chunk) {
+  std::uint64_t position = 0;
   for (int left = kAttempts;;) {
     log_out("getting chunk from ", chunk.url);
-    const std::optional<UCurl::Download> download = client_.get_stream(
-        chunk.url, buffer_, keys_.key_for(chunk), control_.should_finish, offset);
-    if (download) return download;
+    const Download download = client_.get_stream(chunk.url, buffer_, keys_.key_for(chunk),
+                                                 control_.should_finish, position);
+    if (download.done()) return download;
     log_err("chunk get from ", chunk.url, " FAILED");
-    if (--left == 0 || control_.is_over()) return std::nullopt;
+    if (--left == 0 || control_.is_over()) return download;
     sleep_for(kRetryPause);
-    offset = client_.position;
-    log_err("retry chunk get from ", chunk.url, " starting from byte ", offset);
+    position = download.position;
+    log_err("retry chunk get from ", chunk.url, " starting from byte ", position);
   }
 }
 
@@ -135,10 +135,10 @@ void ChunkFetcher::note_failure() {
 
 // False after a sudden drop of the speed, which ends the pass. The selection that follows
 // takes a lower variant, unless the buffer is well filled or there is none lower.
-bool ChunkFetcher::note_success(const Chunk& chunk, const UCurl::Download& download,
+bool ChunkFetcher::note_success(const Chunk& chunk, const Download& download,
                                 std::uint64_t bandwidth) {
   failed_chunks_ = 0;
-  log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", download.bytes,
+  log_out("got chunk (seq ", chunk.sequence, ") from ", chunk.url, " with size ", download.received,
           ", speed ", download.speed_kbps, " kbps");
   last_seq_ = chunk.sequence;
   if (chunk.last) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 #include "playlist/chunklist.h"
 #include "playlist/key_cache.h"
@@ -39,9 +38,9 @@ class ChunkFetcher {
   [[nodiscard]] std::int64_t begin_pass(const Pass& pass);
   [[nodiscard]] bool take_chunk(Pass& pass);
   void conclude_pass(const Pass& pass);
-  [[nodiscard]] std::optional<UCurl::Download> fetch_chunk(const Chunk& chunk);
+  [[nodiscard]] Download fetch_chunk(const Chunk& chunk);
   void note_failure();
-  [[nodiscard]] bool note_success(const Chunk& chunk, const UCurl::Download& download,
+  [[nodiscard]] bool note_success(const Chunk& chunk, const Download& download,
                                   std::uint64_t bandwidth);
   [[nodiscard]] bool stays_in(const Band& band);
   void refresh_in(std::int64_t seconds);

@@ -6,7 +6,6 @@
 
 #include "base/log.h"
 #include "upstream/connection.h"
-#include "upstream/document.h"
 #include "upstream/response.h"
 #include "upstream/segment_sink.h"
 
@@ -14,9 +13,10 @@ namespace weir {
 
 namespace {
 
+constexpr size_t kMaxDocument = 16 << 20;  // bytes
 constexpr auto kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 
-// Nothing, which is logged, where an HTTP/1.1 response doesn't state the length.
+// Nothing, and a log line, if an HTTP/1.1 response does not state the length.
 std::optional<std::uint64_t> body_length(const Response& response) {
   if (!response.http11()) return kToTheEnd;
   const std::optional<std::uint64_t> length = response.content_length();
@@ -25,73 +25,88 @@ std::optional<std::uint64_t> body_length(const Response& response) {
 }
 
 bool stopped(Connection& connection, const std::atomic<bool>& stop_flag) {
-  // Relaxed: it publishes nothing else, and one read later is soon enough.
+  // Relaxed: the flag publishes nothing else, and noticing it one read later is soon enough.
   if (!stop_flag.load(std::memory_order_relaxed)) return false;
   log_out("forced stream break. should finish");
   connection.close_if_open();
   return true;
 }
 
-BodyResult read_segment_to_end(Connection& connection, const Response& response, SegmentSink& sink,
-                               std::uint64_t& received) {
+Outcome read_segment_to_end(Connection& connection, const Response& response, SegmentSink& sink,
+                            std::uint64_t& received) {
   std::optional<std::string> piece = response.rest;
   do {
     received += piece->size();
     if (!sink.write_raw(*piece)) {
       connection.close_if_open();
-      return BodyResult::kDelivered;
+      return Outcome::kDone;
     }
     piece = connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
-    if (!piece) return BodyResult::kBroken;
+    if (!piece) return Outcome::kBroken;
   } while (!piece->empty());
-  return BodyResult::kDelivered;
+  return Outcome::kDone;
+}
+
+// Reads the body up to its length. Every failure but that of a receive counts as the end.
+Outcome read_segment(Connection& connection, const Response& response, SegmentSink& sink,
+                     const std::atomic<bool>& stop_flag, std::uint64_t& received) {
+  const std::optional<std::uint64_t> length = body_length(response);
+  if (!length) return Outcome::kUnusable;
+  received = response.rest.size();
+  auto step = sink.write(response.rest) ? SegmentSink::Step::kTaken : SegmentSink::Step::kNoMemory;
+  while (step == SegmentSink::Step::kTaken && received < *length &&
+         !stopped(connection, stop_flag)) {
+    step = sink.receive(connection, received);
+  }
+  if (step == SegmentSink::Step::kBroken) return Outcome::kBroken;
+  // In the middle of a body the connection cannot be reused.
+  if (step == SegmentSink::Step::kNoMemory) connection.close_if_open();
+  if (!sink.finish()) connection.close_if_open();
+  return Outcome::kDone;
+}
+
+// False, and nothing is appended, if the document would become too large. Up to a quarter
+// of the limit the string doubles its capacity each time; beyond, that would take too much.
+bool append(std::string& document, std::string_view piece) {
+  const size_t size = document.size() + piece.size();
+  if (size > kMaxDocument) return false;
+  if (size > kMaxDocument / 4) document.reserve(kMaxDocument);
+  document += piece;
+  return true;
 }
 
 }  // namespace
 
-BodyResult download_document(Connection& connection, Response& response, std::string& out) {
-  Document document(out);
+Outcome download_document(Connection& connection, Response& response, std::string& out) {
+  out.clear();
   const std::optional<std::uint64_t> length = body_length(response);
-  if (!length) return BodyResult::kLengthUnknown;
+  if (!length) return Outcome::kUnusable;
   std::uint64_t received = 0;
   for (std::string piece = std::move(response.rest);;) {
-    if (!document.append(piece)) {
+    if (!append(out, piece)) {
       connection.fail_receive("recv error");
-      return BodyResult::kBroken;
+      return Outcome::kBroken;
     }
     received += piece.size();
-    if (received >= *length) return BodyResult::kDelivered;
+    if (received >= *length) return Outcome::kDone;
     std::optional<std::string> next =
         connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
-    if (!next) return BodyResult::kBroken;
-    if (next->empty()) return BodyResult::kDelivered;
+    if (!next) return Outcome::kBroken;
+    if (next->empty()) return Outcome::kDone;
     piece = std::move(*next);
   }
 }
 
-BodyResult download_segment(Connection& connection, Response& response, SegmentSink& sink,
-                            const std::atomic<bool>& stop_flag, Progress& progress) {
-  progress.received = 0;
-  if (!response.http11()) {
-    return read_segment_to_end(connection, response, sink, progress.received);
+Download download_segment(Connection& connection, Response& response, SegmentSink& sink,
+                          const std::atomic<bool>& stop_flag) {
+  Download download;
+  if (response.http11()) {
+    download.outcome = read_segment(connection, response, sink, stop_flag, download.received);
+    download.position = response.position() + download.received;
+  } else {
+    download.outcome = read_segment_to_end(connection, response, sink, download.received);
   }
-  const std::uint64_t start = response.range_start();
-  progress.position = start;
-  const std::optional<std::uint64_t> length = body_length(response);
-  if (!length) return BodyResult::kLengthUnknown;
-  progress.received = response.rest.size();
-  auto step = sink.write(response.rest) ? SegmentSink::Step::kTaken : SegmentSink::Step::kNoMemory;
-  progress.position = start + progress.received;
-  while (step == SegmentSink::Step::kTaken && progress.received < *length &&
-         !stopped(connection, stop_flag)) {
-    step = sink.receive(connection, progress.received);
-    progress.position = start + progress.received;
-  }
-  if (step == SegmentSink::Step::kBroken) return BodyResult::kBroken;
-  // In the middle of a body the connection can't be reused.
-  if (step == SegmentSink::Step::kNoMemory) connection.close_if_open();
-  if (!sink.finish()) connection.close_if_open();
-  return BodyResult::kDelivered;
+  return download;
 }
 
 }  // namespace weir

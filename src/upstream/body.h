@@ -1,5 +1,5 @@
-// Reads the body of a response whose head has been read. Nothing here opens a connection
-// or decides on another try.
+// Reads the body of a response whose header block has been read. Opens no connection and
+// makes no further attempt.
 //
 // Threads: one at a time.
 #pragma once
@@ -8,35 +8,37 @@
 #include <cstdint>
 #include <string>
 
+#include "upstream/outcome.h"
+
 namespace weir {
 
 class Connection;
-class Decryptor;
 class Response;
 class SegmentSink;
 
-// The body was delivered, or part of it where the server closed early; an HTTP/1.1
-// response without Content-Length; a receive failed.
-enum class BodyResult { kDelivered, kLengthUnknown, kBroken };
-
-// How far a download has come.
-struct Progress {
+// How the download of a segment ended.
+struct Download {
+  Outcome outcome = Outcome::kBroken;
   std::uint64_t received = 0;  // bytes of the body, before decryption
-  std::uint64_t position = 0;  // offset in the upstream resource
+  std::uint64_t position = 0;  // offset in the resource that was reached: where to resume
+  double speed_kbps = 0;       // units of 1024 bit/s, body only; may be infinite or NaN
+
+  [[nodiscard]] bool done() const { return outcome == Outcome::kDone; }
 };
 
-// Reads a document into `out`. One beyond Document::kMaxSize fails like a receive.
-[[nodiscard]] BodyResult download_document(Connection& connection, Response& response,
-                                           std::string& out);
+// Reads a document into `out`. One of more than 16 MiB counts as a receive that failed; while
+// it grows it uses at most 24 MiB of memory. A server that closes early ends the document.
+[[nodiscard]] Outcome download_document(Connection& connection, Response& response,
+                                        std::string& out);
 
-// Reads a segment into the sink. The stop flag ends that between two receives. This, and
-// running out of memory, closes the connection and counts as delivered.
+// Reads a segment into the sink; does not measure the speed. Two receives apart at most, the
+// stop flag ends the download. That, lack of memory, and a server that closes early count as
+// done; the first two close the connection.
 //
-// Deliberate: an HTTP/1.0 response is read to the end of its connection without regard to
-// its length, the stop flag or the key, and `position` stays 0, because servers that speak
-// it send clear media and close. How much it may take is not bounded.
-[[nodiscard]] BodyResult download_segment(Connection& connection, Response& response,
-                                          SegmentSink& sink, const std::atomic<bool>& stop_flag,
-                                          Progress& progress);
+// Deliberate: an HTTP/1.0 response is read to the end of its connection, regardless of its
+// length, the stop flag and the key, and `position` stays 0, because servers that speak it
+// send clear media and close. Its size is not limited.
+[[nodiscard]] Download download_segment(Connection& connection, Response& response,
+                                        SegmentSink& sink, const std::atomic<bool>& stop_flag);
 
 }  // namespace weir

@@ -27,35 +27,35 @@ void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_po
 
 }  // namespace
 
-Response::Status Response::read_status(Connection& connection) {
+Outcome Response::read_status(Connection& connection) {
   const std::optional<std::string> piece = connection.recv_string(kHeadRead, kStatusTimeout);
-  if (!piece) return Status::kBroken;
+  if (!piece) return Outcome::kBroken;
   rest += *piece;
   if (rest.empty()) {
     log_out("socket is closed! no response!");
-    return Status::kNoStatusLine;
+    return Outcome::kNoAnswer;
   }
   const size_t end = rest.find("\r\n");
   if (end == std::string::npos) {
     log_err("Where is http state?");
     log_out(rest, " len:", rest.size());
-    return Status::kNoStatusLine;
+    return Outcome::kNoAnswer;
   }
   const std::string line = rest.substr(0, end);
   rest.erase(0, end + 2);
   if (line.empty()) {
     log_err("Empty http state?");
-    return Status::kNoStatusLine;
+    return Outcome::kNoAnswer;
   }
   const std::vector<std::string_view> words = split(line, ' ');
   if (words[0] != "HTTP/1.1" && words[0] != "HTTP/1.0") {
     log_err("Not HTTP/1.x?");
-    return Status::kNoStatusLine;
+    return Outcome::kNoAnswer;
   }
   http11_ = words[0] == "HTTP/1.1";
-  if (words.size() > 1 && words[1].starts_with('2')) return Status::kOk;
+  if (words.size() > 1 && words[1].starts_with('2')) return Outcome::kDone;
   log_err("HTTP response first_line: ", line);
-  return Status::kNotSuccessful;
+  return Outcome::kUnusable;
 }
 
 bool Response::read_headers(Connection& connection) {
@@ -102,7 +102,7 @@ std::optional<std::uint64_t> Response::content_length() const {
   return static_cast<std::uint64_t>(leading_number(*value));
 }
 
-std::uint64_t Response::range_start() const {
+std::uint64_t Response::position() const {
   constexpr std::string_view kUnit = "bytes ";
   const std::string_view value = find_header("Content-Range").value_or("");
   const size_t unit = value.find(kUnit);

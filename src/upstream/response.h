@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "upstream/outcome.h"
+
 namespace weir {
 
 class Connection;
@@ -16,11 +18,9 @@ class Connection;
 // Failure: a head longer than 256 KiB fails like a receive that failed.
 class Response {
  public:
-  // 2xx; no usable status line; any other status; a receive that failed.
-  enum class Status { kOk, kNoStatusLine, kNotSuccessful, kBroken };
-
-  // Makes one read. A status line that isn't complete then is none.
-  [[nodiscard]] Status read_status(Connection& connection);
+  // Makes one read; a status line that is incomplete then counts as none. Done if the status
+  // is 2xx.
+  [[nodiscard]] Outcome read_status(Connection& connection);
 
   // Reads to the blank line after the header fields. Deliberate: a head without any
   // field has none for this reader and times out, as servers for weir all send some.
@@ -33,8 +33,9 @@ class Response {
   // The value of Content-Length; nothing when there is no such field.
   [[nodiscard]] std::optional<std::uint64_t> content_length() const;
 
-  // The first position of Content-Range (RFC 9110, section 14.4), 0 without one.
-  [[nodiscard]] std::uint64_t range_start() const;
+  // The offset of the body in the resource: the first position of Content-Range (RFC 9110,
+  // section 14.4), 0 without that field.
+  [[nodiscard]] std::uint64_t position() const;
 
   std::string rest;
 

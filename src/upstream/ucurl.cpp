@@ -35,13 +35,13 @@ double speed(std::uint64_t bytes, double milliseconds) {
   return static_cast<double>(bytes) * 8 * 1000 / milliseconds;
 }
 
-std::string request_text(const ServerChoice& server, bool keep_alive, std::uint64_t from_bytes) {
+std::string request_text(const ServerChoice& server, bool keep_alive, std::uint64_t position) {
   std::string text = "GET " + server.path() + " HTTP/1.1\r\nHost: " + server.host();
   if (server.port() != 80) text.append(":").append(std::to_string(server.port()));
   text += keep_alive ? "\r\nConnection: keep-alive\r\n" : "\r\nConnection: close\r\n";
-  if (from_bytes != 0) {
-    log_err("DEBUG: from bytes specified! ", from_bytes);
-    text.append("Range: bytes=").append(std::to_string(from_bytes)).append("-\r\n");
+  if (position != 0) {
+    log_err("DEBUG: from bytes specified! ", position);
+    text.append("Range: bytes=").append(std::to_string(position)).append("-\r\n");
   }
   return text + "\r\n";
 }
@@ -61,11 +61,11 @@ bool UCurl::send_request(const std::string& text) {
   return false;
 }
 
-UCurl::Attempt UCurl::get_common(const std::string& url, Response& response, bool keep_alive,
-                                 std::uint64_t from_bytes) {
+Outcome UCurl::get_common(const std::string& url, Response& response, bool keep_alive,
+                          std::uint64_t position) {
   for (int number = 1;; ++number) {
-    const Attempt result = attempt(url, response, keep_alive, from_bytes);
-    if (result != Attempt::kFailed || number == kAttempts) return result;
+    const Outcome result = attempt(url, response, keep_alive, position);
+    if (result != Outcome::kNoAnswer || number == kAttempts) return result;
     if (number == 1) continue;
     if (server_.from_cache_map()) {
       server_.invalidate_cache_server();
@@ -75,42 +75,39 @@ UCurl::Attempt UCurl::get_common(const std::string& url, Response& response, boo
   }
 }
 
-UCurl::Attempt UCurl::attempt(const std::string& url, Response& response, bool keep_alive,
-                              std::uint64_t from_bytes) {
+Outcome UCurl::attempt(const std::string& url, Response& response, bool keep_alive,
+                       std::uint64_t position) {
   const bool chosen = server_.choose(url);
   connection_.set_url_host(server_.host());
   if (!chosen) {
     connection_.close_if_open();
-    return Attempt::kFailed;
+    return Outcome::kNoAnswer;
   }
   if (!connection_.connect_to(server_.host(), server_.port())) {
     return fail_attempt("Trying to reconnect when connecting");
   }
-  if (!send_request(request_text(server_, keep_alive, from_bytes))) {
+  if (!send_request(request_text(server_, keep_alive, position))) {
     return fail_attempt("Trying to reconnect when send data");
   }
-  switch (response.read_status(connection_)) {
-    case Response::Status::kOk:
-      return response.read_headers(connection_) ? Attempt::kDone : Attempt::kBroken;
-    case Response::Status::kBroken:
-      return Attempt::kBroken;
-    case Response::Status::kNoStatusLine:
-      return fail_attempt("Trying to reconnect when read response failed");
-    case Response::Status::kNotSuccessful:
-      break;
+  const Outcome status = response.read_status(connection_);
+  if (status == Outcome::kNoAnswer) {
+    return fail_attempt("Trying to reconnect when read response failed");
   }
-  // Deliberate: despite that line there is no further attempt, so that a document which
-  // doesn't exist is given up at once. What arrived with the status must not precede the
-  // next try's response.
-  (void)fail_attempt("Trying to reconnect when http != 200");
-  response.rest.clear();
-  return Attempt::kRefused;
+  if (status == Outcome::kUnusable) {
+    // Deliberate: despite this line no further attempt is made, so that a document that does
+    // not exist is given up at once. What arrived after the status line must not precede
+    // the next try's response.
+    (void)fail_attempt("Trying to reconnect when http != 200");
+    response.rest.clear();
+  }
+  if (status != Outcome::kDone) return status;
+  return response.read_headers(connection_) ? Outcome::kDone : Outcome::kBroken;
 }
 
-UCurl::Attempt UCurl::fail_attempt(const char* reason) {
+Outcome UCurl::fail_attempt(const char* reason) {
   log_out(reason);
   connection_.close_if_open();
-  return Attempt::kFailed;
+  return Outcome::kNoAnswer;
 }
 
 bool UCurl::get(const std::string& url, std::string& out) {
@@ -120,10 +117,10 @@ bool UCurl::get(const std::string& url, std::string& out) {
 }
 
 bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive,
-                     std::uint64_t from_bytes, std::string_view name) {
+                     std::uint64_t position, std::string_view name) {
   for (int number = 1;; ++number) {
-    const Attempt result = get_common(url, response, keep_alive, from_bytes);
-    if (result == Attempt::kDone || result == Attempt::kBroken) return result == Attempt::kDone;
+    const Outcome result = get_common(url, response, keep_alive, position);
+    if (result == Outcome::kDone || result == Outcome::kBroken) return result == Outcome::kDone;
     log_err(name, " failed - retry ", number);
     if (number == kTries) return false;
     // Deliberate: a document keeps what an attempt without a status line received, in front
@@ -135,30 +132,23 @@ bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive
 bool UCurl::get_document(const std::string& url, std::string& out) {
   Response response;
   if (!get_head(url, response, false, 0, "get common")) return false;
-  const BodyResult body = download_document(connection_, response, out);
+  const Outcome body = download_document(connection_, response, out);
   // Without a length no byte of the body was received.
-  if (body == BodyResult::kLengthUnknown) server_.invalidate_cache_server();
-  return body == BodyResult::kDelivered;
+  if (body == Outcome::kUnusable) server_.invalidate_cache_server();
+  return body == Outcome::kDone;
 }
 
-std::optional<UCurl::Download> UCurl::get_stream(const std::string& url, CBuff& cbuff,
-                                                 const std::string& key,
-                                                 const std::atomic<bool>& stop_flag,
-                                                 std::uint64_t from_bytes) {
-  position = 0;
+Download UCurl::get_stream(const std::string& url, CBuff& cbuff, const std::string& key,
+                           const std::atomic<bool>& stop_flag, std::uint64_t position) {
   Response response;
-  if (!get_head(url, response, true, from_bytes, "get_stream / get common")) return std::nullopt;
+  if (!get_head(url, response, true, position, "get_stream / get common")) return {};
   const timeval start = wall_clock();
-  if (!prepare_cipher(key, from_bytes != 0)) return std::nullopt;
+  if (!prepare_cipher(key, position != 0)) return {};
   SegmentSink sink(cbuff, cipher_);
-  Progress progress;
-  const BodyResult body = download_segment(connection_, response, sink, stop_flag, progress);
-  position = progress.position;
-  if (body == BodyResult::kBroken) return std::nullopt;
-  cipher_.stop();
-  if (body == BodyResult::kLengthUnknown) return std::nullopt;
-  return Download{progress.received,
-                  kbps(speed(progress.received, milliseconds_between(start, wall_clock())))};
+  Download download = download_segment(connection_, response, sink, stop_flag);
+  if (download.outcome != Outcome::kBroken) cipher_.stop();
+  download.speed_kbps = kbps(speed(download.received, milliseconds_between(start, wall_clock())));
+  return download;
 }
 
 // A resumed download continues with the context that the interrupted one left, in the

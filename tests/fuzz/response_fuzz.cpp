@@ -20,11 +20,11 @@ namespace weir {
 static void run(unsigned kind, const std::string& text, int sock) {
   Connection connection{Fd(sock)};
   Response response;
-  if (response.read_status(connection) != Response::Status::kOk) return;
+  if (response.read_status(connection) != Outcome::kDone) return;
   if (!response.read_headers(connection)) return;
   CBuff buffer;
   std::string document;
-  Progress progress;
+  Download download;
   if ((kind & 1) != 0) {
     (void)download_document(connection, response, document);
   } else {
@@ -33,10 +33,10 @@ static void run(unsigned kind, const std::string& text, int sock) {
     const std::string key((kind >> 1) % 20, 'k');
     if (!key.empty() && !decryptor.start(key)) std::abort();
     SegmentSink sink(buffer, decryptor);
-    (void)download_segment(connection, response, sink, stop, progress);
+    download = download_segment(connection, response, sink, stop);
   }
-  if (progress.received > text.size()) std::abort();
-  if (buffer.fill() > progress.received + 16 || document.size() > text.size()) std::abort();
+  if (download.received > text.size()) std::abort();
+  if (buffer.fill() > download.received + 16 || document.size() > text.size()) std::abort();
 }
 
 }  // namespace weir

@@ -1,0 +1,13 @@
+#pragma once
+
+namespace weir {
+
+// The outcome of a step of a download, and what follows from it.
+enum class Outcome {
+  kDone,      // the step succeeded
+  kNoAnswer,  // no connection, or no usable status line: make the next attempt
+  kUnusable,  // a status other than 2xx, or no Content-Length: this attempt was the last one
+  kBroken,    // a receive failed: give the download up
+};
+
+}  // namespace weir
