@@ -7,15 +7,13 @@
 #include <cerrno>
 #include <climits>
 
+#include "base/limits.h"
 #include "base/mutex.h"
 #include "base/wait.h"
 
 namespace weir {
 
 namespace {
-
-constexpr std::chrono::milliseconds kAtOnce{100};
-constexpr std::chrono::milliseconds kAtOnceStep{10};
 
 // Each stream has a lock of its own, so that a reader that stops reading one of them
 // holds up only those who write to that one.
@@ -110,8 +108,9 @@ void write_err(std::string_view line) {
 }
 
 void write_err_at_once(std::string_view line) {
-  for (auto left = kAtOnce; !try_write_err(line) && left > left.zero(); left -= kAtOnceStep) {
-    sleep_for(kAtOnceStep);
+  for (auto left = limits::kLastLine; !try_write_err(line) && left > left.zero();
+       left -= limits::kLastLineStep) {
+    sleep_for(limits::kLastLineStep);
   }
 }
 

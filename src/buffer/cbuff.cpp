@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <memory>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/wait.h"
 #include "buffer/cblock.h"
@@ -15,8 +15,6 @@
 namespace weir {
 
 namespace {
-
-constexpr std::chrono::milliseconds kEmptyWait{100};
 
 // Has the system supply the pages of that range now.
 void populate(unsigned char* memory, size_t bytes) {
@@ -114,7 +112,7 @@ void CBuff::commit(std::uint64_t count) {
 
 bool CBuff::wait_for_bytes() const {
   if (fill() > 0) return true;
-  sleep_for(kEmptyWait);
+  sleep_for(limits::kEmptyWait);
   return fill() > 0;
 }
 

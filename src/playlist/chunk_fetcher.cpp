@@ -1,9 +1,9 @@
 #include "playlist/chunk_fetcher.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/units.h"
 #include "base/wait.h"
@@ -14,12 +14,6 @@
 namespace weir {
 
 namespace {
-
-constexpr int kAttempts = 4;                    // to download one segment
-constexpr std::chrono::seconds kRetryPause{1};  // between them
-constexpr std::uint32_t kMaxFailedChunks = 3;   // in a row; one more ends the stream
-constexpr std::uint32_t kMaxEmptyReloads = 6;   // in a row
-constexpr double kRefreshAfter = 0.65;          // of the target duration
 
 // A speed as the statistics hold it, kbps. The measured one may be infinite or
 // no number at all; the cap keeps the weighted sum from overflowing.
@@ -61,7 +55,7 @@ std::int64_t ChunkFetcher::begin_pass(const Pass& pass) {
   const auto queued = static_cast<std::int64_t>(pass.chunklist.chunks.size());
   if (queued == 0) log_out("playlist chunks empty");
   if (control_.is_over()) log_out("playlist chunks - should_finish");
-  refresh_in(static_cast<std::int64_t>(pass.chunklist.target_duration * kRefreshAfter));
+  refresh_in(static_cast<std::int64_t>(pass.chunklist.target_duration * limits::kRefreshAfter));
   log_out("start from: ", start_from_);
   const std::int64_t skip = start_from_ < 0 ? start_from_ + queued : start_from_;
   start_from_ = 0;
@@ -105,8 +99,8 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
     return;
   }
   ++empty_reloads_;
-  refresh_in(pass.chunklist.target_duration / 4);
-  if (empty_reloads_ < kMaxEmptyReloads) return;
+  refresh_in(pass.chunklist.target_duration / limits::kRefreshIdle);
+  if (empty_reloads_ < limits::kMaxEmptyReloads) return;
   log_err("no new chunks in many playlist reloads");
   control_.end_stream();
 }
@@ -114,21 +108,21 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
 // The successful attempt, or the last one.
 Download ChunkFetcher::fetch_chunk(const Chunk& chunk) {
   std::uint64_t position = 0;
-  for (int left = kAttempts;;) {
+  for (int left = limits::kDownloads;;) {
     log_out("getting chunk from ", chunk.url);
     const Download download = client_.get_stream(chunk.url, buffer_, keys_.key_for(chunk),
                                                  control_.should_finish, position);
     if (download.done()) return download;
     log_err("chunk get from ", chunk.url, " FAILED");
     if (--left == 0 || control_.is_over()) return download;
-    sleep_for(kRetryPause);
+    sleep_for(limits::kDownloadPause);
     position = download.position;
     log_err("retry chunk get from ", chunk.url, " starting from byte ", position);
   }
 }
 
 void ChunkFetcher::note_failure() {
-  if (++failed_chunks_ <= kMaxFailedChunks) return;
+  if (++failed_chunks_ <= limits::kMaxFailedChunks) return;
   log_err("too many failed subsequent chunks. Finishing stream.");
   control_.end_stream();
 }

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "playlist/playlist_reader.h"
@@ -9,8 +10,6 @@
 namespace weir {
 
 namespace {
-
-constexpr size_t kMaxChunks = 50000;
 
 constexpr std::string_view kSequenceTag = "#EXT-X-MEDIA-SEQUENCE:";
 constexpr std::string_view kDurationTag = "#EXT-X-TARGETDURATION:";
@@ -70,8 +69,8 @@ bool Chunklist::parse_line(std::string_view line, Cursor& cursor) {
 }
 
 bool Chunklist::add(std::string_view location, Cursor& cursor) {
-  if (chunks.size() == kMaxChunks) {
-    log_err("playlist refused: more than ", kMaxChunks, " segments");
+  if (chunks.size() == limits::kMaxChunks) {
+    log_err("playlist refused: more than ", limits::kMaxChunks, " segments");
     return false;
   }
   chunks.push_back({cursor.sequence++, std::string(location), false, cursor.key_url});

@@ -1,10 +1,10 @@
 // The life of a stream: loading its playlists and the refresh timer.
 #include "playlist/master_playlist.h"
 
-#include <chrono>
 #include <optional>
 #include <utility>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/wait.h"
 #include "buffer/cbuff.h"
@@ -13,13 +13,6 @@
 #include "upstream/ucurl.h"
 
 namespace weir {
-
-namespace {
-
-constexpr std::chrono::seconds kTimerTurn{1};
-constexpr size_t kEnoughChunks = 4;  // more than these are downloaded before a refresh
-
-}  // namespace
 
 MasterPlaylist::MasterPlaylist(std::string master_url, CBuff& buffer, Streams& streams,
                                std::int32_t start_from)
@@ -83,7 +76,7 @@ bool MasterPlaylist::refresh_variant_and_start_fill() {
   control_.fill_running.store(true, std::memory_order_relaxed);
   fill_thread_.join();
   const size_t queued = chunklist_->chunks.size();
-  if (queued > kEnoughChunks) {
+  if (queued > limits::kEnoughChunks) {
     log_err("Chunklist: Using cached playlist (still got ", queued, " chunks in advance)");
   } else if (!refresh_variant()) {
     control_.fill_running.store(false, std::memory_order_relaxed);
@@ -125,7 +118,7 @@ void MasterPlaylist::refresh_timer() {
     } else if (!refresh_now()) {
       return;
     }
-    sleep_for(kTimerTurn);
+    sleep_for(limits::kTimerTurn);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "playlist/playlist_reader.h"
 
+#include "base/limits.h"
 #include "base/log.h"
 
 namespace weir {
@@ -13,8 +14,8 @@ bool PlaylistReader::read_header() {
 
 bool PlaylistReader::next(std::string_view& line) {
   if (!lines_.next(line)) return false;
-  if (line.size() <= kMaxLine) return true;
-  log_err("playlist refused: a line has more than ", kMaxLine, " bytes");
+  if (line.size() <= limits::kMaxLine) return true;
+  log_err("playlist refused: a line has more than ", limits::kMaxLine, " bytes");
   met_long_line_ = true;
   return false;
 }

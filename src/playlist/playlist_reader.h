@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/text.h"
 
 namespace weir {
@@ -13,8 +14,6 @@ namespace weir {
 // Ownership: the text stays the caller's, and lines point into it.
 class PlaylistReader {
  public:
-  static constexpr size_t kMaxLine = 65536;  // bytes
-
   explicit PlaylistReader(std::string_view text) : lines_(text, '\n') {}
 
   // Whether the first line is "#EXTM3U" (RFC 8216, section 4.3.1.1), white space

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "playlist/playlist_reader.h"
@@ -9,8 +10,6 @@
 namespace weir {
 
 namespace {
-
-constexpr size_t kMaxVariants = 4096;
 
 // The value of the first "BANDWIDTH=" in the line, even inside a longer name.
 std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
@@ -23,8 +22,8 @@ std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
 
 // False when that would be one too many.
 bool add(std::vector<Variant>& variants, std::uint64_t bandwidth, std::string_view line) {
-  if (variants.size() == kMaxVariants) {
-    log_err("playlist refused: more than ", kMaxVariants, " variants");
+  if (variants.size() == limits::kMaxVariants) {
+    log_err("playlist refused: more than ", limits::kMaxVariants, " variants");
     return false;
   }
   variants.push_back({bandwidth, std::string(trim(line)), false});

@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/thread.h"
 #include "server/endpoints.h"
@@ -16,8 +17,6 @@
 namespace weir {
 
 namespace {
-
-constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body
 
 struct Route {
   std::string_view path;
@@ -103,7 +102,7 @@ void Request::reject(const char* message) {
 // output. So the part of a body that has already arrived is discarded, without waiting.
 void Request::close_connection() {
   std::array<char, 4096> discarded;
-  for (size_t left = kMaxDiscarded; left > 0; left -= discarded.size()) {
+  for (size_t left = limits::kMaxDiscarded; left > 0; left -= discarded.size()) {
     if (recv(fd_.get(), discarded.data(), discarded.size(), MSG_DONTWAIT) <= 0) break;
   }
   fd_.reset();

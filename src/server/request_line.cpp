@@ -4,14 +4,13 @@
 
 #include <algorithm>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/text.h"
 
 namespace weir {
 
 namespace {
-
-constexpr int kMaxLine = 4096;  // one more than the bytes that a line may have
 
 // A key ends at "=", a value at "&", and neither means anything in the other:
 // "a&b=1" has the key "a&b", "a=b=c" the value "b=c".
@@ -62,11 +61,11 @@ std::optional<RequestLine> parse_request_line(std::string_view line) {
   return request;
 }
 
-// The counter starts at 1; CR advances it but isn't stored, LF doesn't, and a
-// read error does, so that a silent client is given up only at the limit.
+// CR counts but is not stored, and a read error counts as a byte, so that a silent client is
+// given up only at the limit.
 std::string readline(int fd) {
   std::string line;
-  for (int count = 1; count < kMaxLine;) {
+  for (int count = 0; count < limits::kRequestLine;) {
     char byte;
     const ssize_t result = read(fd, &byte, 1);
     if (result == 0 || (result > 0 && byte == '\n')) break;

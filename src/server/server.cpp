@@ -12,6 +12,7 @@
 #include <memory>
 #include <utility>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "cachemap/cache_map.h"
 #include "server/request.h"
@@ -21,14 +22,7 @@ namespace weir {
 
 namespace {
 
-constexpr timeval kClientTimeout{10, 0};  // of a read from or a write to a client, in all
-constexpr timeval kTurn{1, 0};
-
-// Bytes that the kernel accepts ahead of the network. Without a limit it accepts 4 MB and
-// wakes the writer when a third of them have gone, which a player that reads at the pace
-// of its video may not manage within kClientTimeout. The cost: a paused player loses its
-// stream that much sooner, 8 s at 4 Mbit/s.
-constexpr int kMaxUnsent = 256 * 1024;
+constexpr timeval kClientTimeout{limits::kClientTimeout.count(), 0};
 
 // Keeps the service reachable when the server has gone.
 Service* the_service = nullptr;
@@ -92,7 +86,7 @@ bool Server::wait_for_connection() const {
   fd_set ready;
   FD_ZERO(&ready);
   FD_SET(listen_fd_.get(), &ready);
-  timeval timeout = kTurn;
+  timeval timeout{limits::kTurn.count(), 0};
   const int count = select(listen_fd_.get() + 1, &ready, nullptr, nullptr, &timeout);
   log_out("after select");
   if (count < 1 || !FD_ISSET(listen_fd_.get(), &ready)) return false;
@@ -112,7 +106,8 @@ Fd Server::accept_connection() const {
     throw "setsockopt failed SO_SNDTIMEO";
   }
   log_out("set sock opt2");
-  (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMaxUnsent, sizeof kMaxUnsent);
+  (void)setsockopt(fd.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &limits::kMaxUnsent,
+                   sizeof limits::kMaxUnsent);
   return fd;
 }
 

@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <ctime>
 #include <span>
 
 #include "base/clock.h"
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/process.h"
 #include "base/text.h"
@@ -22,10 +22,6 @@
 namespace weir {
 
 namespace {
-
-constexpr size_t kMaxWrite = 131071;  // bytes; a turn is short, the figures fresh
-constexpr std::chrono::milliseconds kIdlePoll{50};
-constexpr std::chrono::seconds kNoDataLimit{15};
 
 // Whole seconds of the monotonic clock.
 time_t seconds_now() { return monotonic_now().tv_sec; }
@@ -42,15 +38,15 @@ void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& st
       // Deliberate: everything offered is consumed. After a short write (the player took
       // nothing for 10 s) the rest is lost instead of delaying what is live.
       const std::span<const unsigned char> offered =
-          readable.first(std::min(readable.size(), kMaxWrite));
+          readable.first(std::min(readable.size(), limits::kMaxWrite));
       if (write(fd, offered.data(), offered.size()) < 0) return;
       last_sent = seconds_now();
       buffer.consume(offered.size());
-    } else if (seconds_now() - last_sent > kNoDataLimit.count()) {
+    } else if (seconds_now() - last_sent > limits::kNoDataLimit.count()) {
       log_err("no data for long time, closing stream");
       return;
     } else {
-      sleep_for(kIdlePoll);
+      sleep_for(limits::kIdlePoll);
     }
   }
 }

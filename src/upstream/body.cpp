@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "upstream/connection.h"
 #include "upstream/response.h"
@@ -13,7 +14,6 @@ namespace weir {
 
 namespace {
 
-constexpr size_t kMaxDocument = 16 << 20;  // bytes
 constexpr auto kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 
 // Nothing, and a log line, if an HTTP/1.1 response does not state the length.
@@ -41,7 +41,7 @@ Outcome read_segment_to_end(Connection& connection, const Response& response, Se
       connection.close_if_open();
       return Outcome::kDone;
     }
-    piece = connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
+    piece = connection.recv_string(limits::kBodyRead, limits::kReadTimeout);
     if (!piece) return Outcome::kBroken;
   } while (!piece->empty());
   return Outcome::kDone;
@@ -69,8 +69,8 @@ Outcome read_segment(Connection& connection, const Response& response, SegmentSi
 // of the limit the string doubles its capacity each time; beyond, that would take too much.
 bool append(std::string& document, std::string_view piece) {
   const size_t size = document.size() + piece.size();
-  if (size > kMaxDocument) return false;
-  if (size > kMaxDocument / 4) document.reserve(kMaxDocument);
+  if (size > limits::kMaxDocument) return false;
+  if (size > limits::kMaxDocument / 4) document.reserve(limits::kMaxDocument);
   document += piece;
   return true;
 }
@@ -90,7 +90,7 @@ Outcome download_document(Connection& connection, Response& response, std::strin
     received += piece.size();
     if (received >= *length) return Outcome::kDone;
     std::optional<std::string> next =
-        connection.recv_string(Connection::kMaxRead, Connection::kReadTimeout);
+        connection.recv_string(limits::kBodyRead, limits::kReadTimeout);
     if (!next) return Outcome::kBroken;
     if (next->empty()) return Outcome::kDone;
     piece = std::move(*next);

@@ -11,15 +11,13 @@
 #include <cstring>
 #include <memory>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/wait.h"
 
 namespace weir {
 
 namespace {
-
-constexpr std::chrono::seconds kConnectTimeout{2};
-constexpr std::chrono::seconds kSendTimeout{2};
 
 void set_flags(int fd, int set, int cleared) {
   int flags = fcntl(fd, F_GETFL);
@@ -125,7 +123,7 @@ bool Connection::finish_connect(int error) {
   const bool pending = error == EINPROGRESS;
   if (pending) {
     log_out("EINPROGRESS in connect() - selecting");
-    if (wait_writable(sock_.get(), kConnectTimeout)) {
+    if (wait_writable(sock_.get(), limits::kConnectTimeout)) {
       set_blocking(sock_.get());
       return true;
     }
@@ -137,7 +135,9 @@ bool Connection::finish_connect(int error) {
   return false;
 }
 
-bool Connection::wait_for_sending() const { return wait_writable(sock_.get(), kSendTimeout); }
+bool Connection::wait_for_sending() const {
+  return wait_writable(sock_.get(), limits::kSendTimeout);
+}
 
 bool Connection::send(std::string_view bytes) const {
   // Without waiting: a server that never reads must not hold the thread.
@@ -169,7 +169,7 @@ std::optional<std::string> Connection::recv_string(size_t most, std::chrono::sec
 std::optional<size_t> Connection::recv_into(std::span<unsigned char> destination) {
   ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) {
-    if (!wait_readable(sock_.get(), kReadTimeout)) {
+    if (!wait_readable(sock_.get(), limits::kReadTimeout)) {
       fail_receive("recv timeout2");
       return std::nullopt;
     }

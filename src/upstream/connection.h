@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/fd.h"
+#include "base/limits.h"
 
 namespace weir {
 
@@ -24,9 +25,6 @@ namespace weir {
 //            log why; the rest says so at each.
 class Connection {
  public:
-  static constexpr std::chrono::seconds kReadTimeout{2};  // of all receives but the status line's
-  static constexpr size_t kMaxRead = 131071;              // bytes of a body in one receive
-
   // Takes over a socket that is connected already, or begins without one.
   explicit Connection(Fd sock = Fd()) : sock_(std::move(sock)) {}
   ~Connection();

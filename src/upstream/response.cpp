@@ -4,6 +4,7 @@
 #include <chrono>
 #include <vector>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "base/wait.h"
@@ -13,14 +14,10 @@ namespace weir {
 
 namespace {
 
-constexpr size_t kHeadRead = 4096;   // bytes in one read
-constexpr size_t kMaxHead = 262144;  // bytes
-constexpr std::chrono::seconds kStatusTimeout{6};
-
 // A server that closes inside its head fails as a silent one does. Deliberate: the
 // time-out is slept out, because callers count on that time between attempts.
 void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_point since) {
-  const auto left = since + Connection::kReadTimeout - std::chrono::steady_clock::now();
+  const auto left = since + limits::kReadTimeout - std::chrono::steady_clock::now();
   sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
   connection.fail_receive("recv timeout1");
 }
@@ -28,7 +25,8 @@ void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_po
 }  // namespace
 
 Outcome Response::read_status(Connection& connection) {
-  const std::optional<std::string> piece = connection.recv_string(kHeadRead, kStatusTimeout);
+  const std::optional<std::string> piece =
+      connection.recv_string(limits::kHeadRead, limits::kStatusTimeout);
   if (!piece) return Outcome::kBroken;
   rest += *piece;
   if (rest.empty()) {
@@ -67,13 +65,13 @@ bool Response::read_headers(Connection& connection) {
     searched = rest.size() - std::min(rest.size(), kHeadEnd.size() - 1);
     const auto since = std::chrono::steady_clock::now();
     const std::optional<std::string> piece =
-        connection.recv_string(kHeadRead, Connection::kReadTimeout);
+        connection.recv_string(limits::kHeadRead, limits::kReadTimeout);
     if (!piece) return false;
     if (piece->empty()) {
       fail_inside_head(connection, since);
       return false;
     }
-    if (rest.size() + piece->size() > kMaxHead) {
+    if (rest.size() + piece->size() > limits::kMaxHead) {
       connection.fail_receive("recv error");
       return false;
     }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <span>
 
+#include "base/limits.h"
 #include "buffer/cbuff.h"
 #include "upstream/connection.h"
 #include "upstream/decryptor.h"
@@ -12,7 +13,7 @@ namespace weir {
 
 namespace {
 
-constexpr size_t kDecryptedRead = Connection::kMaxRead + Decryptor::kSlack;
+constexpr size_t kDecryptedRead = limits::kBodyRead + Decryptor::kSlack;
 
 std::span<const unsigned char> as_bytes(std::string_view text) {
   return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
@@ -47,7 +48,7 @@ SegmentSink::Step SegmentSink::receive_clear(Connection& connection, std::uint64
   const std::span<unsigned char> storage = buffer_.reserve();
   if (storage.empty()) return Step::kNoMemory;
   const std::optional<size_t> count =
-      connection.recv_into(storage.first(std::min(storage.size(), Connection::kMaxRead)));
+      connection.recv_into(storage.first(std::min(storage.size(), limits::kBodyRead)));
   if (!count) return Step::kBroken;
   if (*count == 0) return Step::kEnd;
   received += *count;
@@ -56,9 +57,9 @@ SegmentSink::Step SegmentSink::receive_clear(Connection& connection, std::uint64
 }
 
 SegmentSink::Step SegmentSink::receive_encrypted(Connection& connection, std::uint64_t& received) {
-  if (input_ == nullptr) input_ = aligned_bytes(Connection::kMaxRead);
+  if (input_ == nullptr) input_ = aligned_bytes(limits::kBodyRead);
   if (input_ == nullptr) return Step::kNoMemory;
-  const std::optional<size_t> count = connection.recv_into({input_.get(), Connection::kMaxRead});
+  const std::optional<size_t> count = connection.recv_into({input_.get(), limits::kBodyRead});
   if (!count) return Step::kBroken;
   if (*count == 0) return Step::kEnd;
   const std::span<unsigned char> output = reserve_at_least(buffer_, kDecryptedRead);

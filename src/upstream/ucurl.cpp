@@ -2,8 +2,7 @@
 
 #include <sys/time.h>
 
-#include <chrono>
-
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/units.h"
 #include "base/wait.h"
@@ -13,10 +12,6 @@
 namespace weir {
 
 namespace {
-
-constexpr int kAttempts = 4;  // in one get_common()
-constexpr int kTries = 6;     // of get_common() in one get() or get_stream()
-constexpr std::chrono::seconds kRetryPause{1};
 
 timeval wall_clock() {
   timeval now{};
@@ -65,12 +60,12 @@ Outcome UCurl::get_common(const std::string& url, Response& response, bool keep_
                           std::uint64_t position) {
   for (int number = 1;; ++number) {
     const Outcome result = attempt(url, response, keep_alive, position);
-    if (result != Outcome::kNoAnswer || number == kAttempts) return result;
+    if (result != Outcome::kNoAnswer || number == limits::kAttempts) return result;
     if (number == 1) continue;
     if (server_.from_cache_map()) {
       server_.invalidate_cache_server();
     } else {
-      sleep_for(kRetryPause);
+      sleep_for(limits::kAttemptPause);
     }
   }
 }
@@ -122,7 +117,7 @@ bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive
     const Outcome result = get_common(url, response, keep_alive, position);
     if (result == Outcome::kDone || result == Outcome::kBroken) return result == Outcome::kDone;
     log_err(name, " failed - retry ", number);
-    if (number == kTries) return false;
+    if (number == limits::kTries) return false;
     // Deliberate: a document keeps what an attempt without a status line received, in front
     // of the next response.
     if (keep_alive) response.rest.clear();

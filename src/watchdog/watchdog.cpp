@@ -1,13 +1,9 @@
 #include "watchdog/watchdog.h"
 
+#include "base/limits.h"
 #include "base/log.h"
 
 namespace weir {
-
-namespace {
-constexpr double kMarkerGrace = 10.0;   // seconds
-constexpr double kPingTimeout = 300.0;  // seconds
-}  // namespace
 
 Watchdog::Watchdog(Device device) : device_(device) {}
 
@@ -28,7 +24,7 @@ void Watchdog::check_marker() {
   if (!marker_seen_) {
     marker_seen_ = true;
     marker_seen_at_ = now;
-  } else if (static_cast<double>(now - marker_seen_at_) >= kMarkerGrace) {
+  } else if (now - marker_seen_at_ >= limits::kMarkerGrace.count()) {
     log_err_at_once("WD: REBOOTING (file)");
     device_.reboot();
   }
@@ -37,7 +33,7 @@ void Watchdog::check_marker() {
 void Watchdog::check_timeout() {
   if (!armed_.load(std::memory_order_acquire)) return;
   const time_t now = device_.now().tv_sec;
-  if (static_cast<double>(now - last_ping_.load(std::memory_order_relaxed)) < kPingTimeout) return;
+  if (now - last_ping_.load(std::memory_order_relaxed) < limits::kPingTimeout.count()) return;
   armed_.store(false, std::memory_order_relaxed);
   log_err_at_once("WD: REBOOTING (timeout)");
   device_.reboot();
