@@ -8,6 +8,7 @@
 #include "base/units.h"
 #include "base/wait.h"
 #include "buffer/cbuff.h"
+#include "playlist/playing.h"
 #include "playlist/stream_control.h"
 #include "playlist/streams.h"
 
@@ -25,47 +26,42 @@ std::uint64_t whole_kbps(double speed) {
 }  // namespace
 
 struct ChunkFetcher::Pass {
-  Chunklist& chunklist;
-  const Selection& playing;
+  Playing& playing;
   std::int64_t skip = 0;  // segments at the front that startFrom leaves out
   std::int64_t index = 0;
   bool attempted = false;  // a segment was new, whether or not it could be downloaded
 };
 
-ChunkFetcher::ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control,
-                           std::int32_t start_from)
-    : buffer_(buffer),
-      streams_(streams),
-      stats_(streams.stats),
-      control_(control),
-      start_from_(start_from) {}
+ChunkFetcher::ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control)
+    : buffer_(buffer), streams_(streams), stats_(streams.stats), control_(control) {}
 
-void ChunkFetcher::fill_pass(Chunklist& chunklist, const Selection& playing) {
-  Pass pass{chunklist, playing};
-  pass.skip = begin_pass(pass);
-  while (!chunklist.chunks.empty() && !control_.is_over()) {
+void ChunkFetcher::fill_pass(Playing& playing) {
+  Pass pass{playing};
+  pass.skip = begin_pass(playing);
+  while (!playing.chunklist->chunks.empty() && !control_.is_over()) {
     if (!take_chunk(pass)) return;
   }
   conclude_pass(pass);
 }
 
 // Returns how many segments to skip.
-std::int64_t ChunkFetcher::begin_pass(const Pass& pass) {
-  log_out("fill buffer for", pass.playing.variant->bandwidth);
-  const auto queued = static_cast<std::int64_t>(pass.chunklist.chunks.size());
-  if (queued == 0) log_out("playlist chunks empty");
+std::int64_t ChunkFetcher::begin_pass(Playing& playing) {
+  const Chunklist& chunklist = *playing.chunklist;
+  log_out("fill buffer for", playing.current.variant->bandwidth);
+  if (chunklist.chunks.empty()) log_out("playlist chunks empty");
   if (control_.is_over()) log_out("playlist chunks - should_finish");
-  refresh_in(static_cast<std::int64_t>(pass.chunklist.target_duration * limits::kRefreshAfter));
-  log_out("start from: ", start_from_);
-  const std::int64_t skip = start_from_ < 0 ? start_from_ + queued : start_from_;
-  start_from_ = 0;
+  refresh_in(static_cast<std::int64_t>(chunklist.target_duration * limits::kRefreshAfter));
+  const std::int32_t start_from = playing.start_from.value_or(0);
+  playing.start_from.reset();
+  log_out("start from: ", start_from);
   log_out("searching for new chunks (last seq got ", last_seq_, ")");
-  return skip;
+  const auto queued = static_cast<std::int64_t>(chunklist.chunks.size());
+  return start_from < 0 ? start_from + queued : start_from;
 }
 
 // Skips or downloads the segment at the front. False when the pass must end.
 bool ChunkFetcher::take_chunk(Pass& pass) {
-  std::deque<Chunk>& chunks = pass.chunklist.chunks;
+  std::deque<Chunk>& chunks = pass.playing.chunklist->chunks;
   if (pass.index < pass.skip) {
     log_out("skipping chunk from ", chunks.front().url, " as required by startFrom");
     chunks.pop_front();
@@ -83,10 +79,10 @@ bool ChunkFetcher::take_chunk(Pass& pass) {
     const Download download = fetch_chunk(chunk);
     if (!download.done()) {
       note_failure();
-    } else if (!note_success(chunk, download, pass.playing.variant->bandwidth)) {
+    } else if (!note_success(chunk, download, pass.playing.current.variant->bandwidth)) {
       return false;
     }
-    if (!stays_in(pass.playing.band)) return false;
+    if (!stays_in(pass.playing.current.band)) return false;
     pass.attempted = true;
   }
   ++pass.index;
@@ -99,7 +95,7 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
     return;
   }
   ++empty_reloads_;
-  refresh_in(pass.chunklist.target_duration / limits::kRefreshIdle);
+  refresh_in(pass.playing.chunklist->target_duration / limits::kRefreshIdle);
   if (empty_reloads_ < limits::kMaxEmptyReloads) return;
   log_err("no new chunks in many playlist reloads");
   control_.end_stream();

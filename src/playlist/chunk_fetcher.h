@@ -2,14 +2,15 @@
 
 #include <cstdint>
 
-#include "playlist/chunklist.h"
 #include "playlist/key_cache.h"
-#include "playlist/selection.h"
 #include "upstream/ucurl.h"
 
 namespace weir {
 
 class CBuff;
+struct Band;
+struct Chunk;
+struct Playing;
 struct StreamControl;
 struct StreamStats;
 struct Streams;
@@ -24,18 +25,17 @@ struct Streams;
 //            the stream. The reason is on the error stream.
 class ChunkFetcher {
  public:
-  // `start_from`: how many segments the first pass skips; negative counts from the end of
-  // the playlist.
-  ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control, std::int32_t start_from);
+  ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control);
 
-  // One pass over the segments of the variant's playlist that are new. It ends early
-  // when the buffer is full and when the average speed has left the variant's band.
-  void fill_pass(Chunklist& chunklist, const Selection& playing);
+  // Downloads the segments of the playlist not yet fetched. Ends early when the buffer is
+  // full and when the average speed has left the variant's band. There must be a current
+  // variant with its playlist.
+  void fill_pass(Playing& playing);
 
  private:
   struct Pass;
 
-  [[nodiscard]] std::int64_t begin_pass(const Pass& pass);
+  [[nodiscard]] std::int64_t begin_pass(Playing& playing);
   [[nodiscard]] bool take_chunk(Pass& pass);
   void conclude_pass(const Pass& pass);
   [[nodiscard]] Download fetch_chunk(const Chunk& chunk);
@@ -58,7 +58,6 @@ class ChunkFetcher {
   std::uint64_t last_seq_ = 0;       // sequence number of the last segment delivered
   std::uint32_t failed_chunks_ = 0;  // segments given up, in a row
   std::uint32_t empty_reloads_ = 0;  // passes without a new segment, in a row
-  std::int32_t start_from_;
 };
 
 }  // namespace weir

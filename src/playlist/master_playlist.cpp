@@ -1,7 +1,6 @@
 // The life of a stream: loading its playlists and the refresh timer.
 #include "playlist/master_playlist.h"
 
-#include <optional>
 #include <utility>
 
 #include "base/limits.h"
@@ -19,7 +18,11 @@ MasterPlaylist::MasterPlaylist(std::string master_url, CBuff& buffer, Streams& s
     : master_url_(std::move(master_url)),
       buffer_(buffer),
       streams_(streams),
-      fetcher_(std::make_unique<ChunkFetcher>(buffer, streams, control_, start_from)) {}
+      fetcher_(std::make_unique<ChunkFetcher>(buffer, streams, control_)) {
+  auto playing = std::make_unique<Playing>();
+  playing->start_from = start_from;
+  to_timer_.put(std::move(playing));
+}
 
 MasterPlaylist::~MasterPlaylist() = default;
 
@@ -47,57 +50,59 @@ bool MasterPlaylist::refresh_master() {
     return false;
   }
   log_out("got master playlist");
-  variants_ = parse_master(text);
-  return select_variant();
+  std::unique_ptr<Playing> playing = to_timer_.take();
+  playing->variants = parse_master(text);
+  const bool selected = select_variant(*playing);
+  to_timer_.put(std::move(playing));
+  return selected;
 }
 
-// True when there is a current variant afterwards, kept or chosen anew.
-bool MasterPlaylist::select_variant() {
+// True if there is a current variant afterwards, kept or newly chosen.
+bool MasterPlaylist::select_variant(Playing& playing) {
   const std::uint64_t average = streams_.stats.avg_speed.get();
   log_out("select variant, curr avg in bps: ", average * 1024);
-  const Decision decision = keep_or_change(current_, average, buffer_.fill(), streams_.max_buffer);
+  const Decision decision =
+      keep_or_change(playing.current, average, buffer_.fill(), streams_.max_buffer);
   if (decision != Decision::kChange) return decision == Decision::kKeep;
-  chunklist_.reset();
-  current_ = choose_variant(variants_, average).value_or(Selection{});
-  if (current_.variant == nullptr) return false;
-  chunklist_ = std::make_unique<Chunklist>(current_.variant->url);
+  playing.chunklist.reset();
+  playing.current = choose_variant(playing.variants, average).value_or(Selection{});
+  if (playing.current.variant == nullptr) return false;
+  playing.chunklist.emplace(playing.current.variant->url);
   return true;
 }
 
-bool MasterPlaylist::refresh_variant() {
+// False if the playlist cannot be loaded or has no segments.
+bool MasterPlaylist::refresh_variant(Chunklist& chunklist) {
   log_out("Chunklist: refresh variant");
   std::string text;
-  if (!UCurl().get(chunklist_->url, text)) return false;
-  chunklist_->parse(text);
-  return !chunklist_->chunks.empty();
+  if (!UCurl().get(chunklist.url, text)) return false;
+  chunklist.parse(text);
+  return !chunklist.chunks.empty();
 }
 
-bool MasterPlaylist::refresh_variant_and_start_fill() {
-  control_.fill_running.store(true, std::memory_order_relaxed);
-  fill_thread_.join();
-  const size_t queued = chunklist_->chunks.size();
+bool MasterPlaylist::refresh_variant_if_needed(Chunklist& chunklist) {
+  const size_t queued = chunklist.chunks.size();
   if (queued > limits::kEnoughChunks) {
     log_err("Chunklist: Using cached playlist (still got ", queued, " chunks in advance)");
-  } else if (!refresh_variant()) {
-    control_.fill_running.store(false, std::memory_order_relaxed);
-    log_err("Unable to refresh variant of playlist");
-    return false;
+    return true;
   }
-  start_fill();
-  return true;
+  if (refresh_variant(chunklist)) return true;
+  log_err("Unable to refresh variant of playlist");
+  return false;
 }
 
 // Without a thread there is no pass, and the timer's next turn tries again.
-void MasterPlaylist::start_fill() {
-  if (fill_thread_.start(fill_thread_entry, this)) return;
-  control_.fill_running.store(false, std::memory_order_relaxed);
+void MasterPlaylist::start_fill(std::unique_ptr<Playing> playing) {
+  to_pass_.put(std::move(playing));
+  if (!fill_thread_.start(fill_thread_entry, this)) to_timer_.put(to_pass_.take());
 }
 
 void* MasterPlaylist::fill_thread_entry(void* self) {
   auto& playlist = *static_cast<MasterPlaylist*>(self);
   lower_priority();
-  playlist.fetcher_->fill_pass(*playlist.chunklist_, playlist.current_);
-  playlist.control_.fill_running.store(false, std::memory_order_release);
+  std::unique_ptr<Playing> playing = playlist.to_pass_.take();
+  playlist.fetcher_->fill_pass(*playing);
+  playlist.to_timer_.put(std::move(playing));
   return nullptr;
 }
 
@@ -122,23 +127,28 @@ void MasterPlaylist::refresh_timer() {
   }
 }
 
-// Selects variants until the playlist of one can be loaded. False when the stream was
-// told to end meanwhile, so that the timer must not sleep again.
+// Selects variants until the playlist of one can be loaded. False if the stream was told to
+// end meanwhile: the timer must not sleep again.
 bool MasterPlaylist::refresh_now() {
+  std::unique_ptr<Playing> playing = to_timer_.take();
+  if (playing == nullptr) {
+    log_out("refresh will not be done at this time - still running");
+    return true;
+  }
   for (;;) {
-    if (control_.fill_running.load(std::memory_order_acquire)) {
-      log_out("refresh will not be done at this time - still running");
-      return true;
-    }
     log_out("refresh ...");
-    if (!select_variant()) {
+    if (!select_variant(*playing)) {
       log_err("unable to select variand - should_finish");
       control_.end_stream();
       return true;
     }
-    if (refresh_variant_and_start_fill()) return true;
+    fill_thread_.join();
+    if (refresh_variant_if_needed(*playing->chunklist)) {
+      start_fill(std::move(playing));
+      return true;
+    }
     log_err("marking this variant as invalid");
-    current_.variant->invalid = true;
+    playing->current.variant->invalid = true;
     control_.refresh_countdown.store(0, std::memory_order_relaxed);
     if (should_finish()) return false;
   }

@@ -3,17 +3,15 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "base/thread.h"
-#include "playlist/selection.h"
+#include "playlist/playing.h"
 #include "playlist/stream_control.h"
 
 namespace weir {
 
 class CBuff;
 class ChunkFetcher;
-class Chunklist;
 struct Streams;
 
 // The engine of one stream: loads a master playlist, selects a variant by the
@@ -50,10 +48,10 @@ class MasterPlaylist {
 
  private:
   [[nodiscard]] bool refresh_master();
-  [[nodiscard]] bool select_variant();
-  [[nodiscard]] bool refresh_variant();
-  [[nodiscard]] bool refresh_variant_and_start_fill();
-  void start_fill();
+  [[nodiscard]] bool select_variant(Playing& playing);
+  [[nodiscard]] static bool refresh_variant(Chunklist& chunklist);
+  [[nodiscard]] static bool refresh_variant_if_needed(Chunklist& chunklist);
+  void start_fill(std::unique_ptr<Playing> playing);
   void refresh_timer();
   [[nodiscard]] bool refresh_now();
 
@@ -67,14 +65,11 @@ class MasterPlaylist {
 
   StreamControl control_;
 
-  // The owner's until start_refreshing() has started the timer. Then the timer's from
-  // when it sees fill_running clear until it has started the fill thread, and the fill
-  // thread's until that clears fill_running.
-  std::vector<Variant> variants_;
-  Selection current_;
-  std::unique_ptr<Chunklist> chunklist_;
+  // The timer finds what is being played in `to_timer_` unless a fill pass has it.
+  HandOver<Playing> to_timer_;
+  HandOver<Playing> to_pass_;
 
-  const std::unique_ptr<ChunkFetcher> fetcher_;
+  const std::unique_ptr<ChunkFetcher> fetcher_;  // the fill pass's
 
   // The timer thread is the owner's. The fill thread is the timer's, and the owner's
   // once the timer has been joined.

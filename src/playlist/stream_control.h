@@ -17,11 +17,6 @@ struct StreamControl {
   // that a 0 from the pass isn't lost. Relaxed, since it only says when.
   std::atomic<std::int32_t> refresh_countdown{0};
 
-  // Set by the timer before it refreshes the playlist. Cleared by the last act of a pass,
-  // with release, or by the timer where no pass was started. The timer loads it with
-  // acquire and may then replace what the pass worked on.
-  std::atomic<bool> fill_running{false};
-
   void end_stream() { should_finish.store(true, std::memory_order_release); }
   [[nodiscard]] bool is_over() const { return should_finish.load(std::memory_order_acquire); }
 };
