@@ -53,7 +53,7 @@ const Answer kAnswers[] = {
     {"OneKeyAndManySegments", As::kVariant, "", kKeyed + std::string(30000, '\n'), 30000},
     {"ManyKeys", As::kVariant, "", "#EXTM3U\n" + lines(kUnique, kLargest - 9, 50000), 50000},
     {"LongSegments", As::kVariant, "", "#EXTM3U\n" + lines(kLong + '\n', kLargest - 9), 255},
-    {"MoreSegmentsThanAllowed", As::kVariant, "", "#EXTM3U\n" + std::string(50001, '\n'), 0},
+    {"MoreSegmentsThanAreKept", As::kVariant, "", "#EXTM3U\n" + std::string(50001, '\n'), 50000},
     {"TooLongASegment", As::kVariant, "", "#EXTM3U\n" + kLong + 'u', 0},
     {"MoreThanADocument", As::kVariant, "", "#EXTM3U\n" + lines("u\n", kLargest + 1000000), 0},
     {"OneVariantOf15MB", As::kMaster, "", "#EXTM3U\n" + std::string(15000000, 'u'), 0},

@@ -55,8 +55,7 @@ std::int64_t ChunkFetcher::begin_pass(Playing& playing) {
   playing.start_from.reset();
   log_out("start from: ", start_from);
   log_out("searching for new chunks (last seq got ", last_seq_, ")");
-  const auto queued = static_cast<std::int64_t>(chunklist.chunks.size());
-  return start_from < 0 ? start_from + queued : start_from;
+  return chunklist.segments_before(start_from);
 }
 
 // Skips or downloads the segment at the front. False when the pass must end.

@@ -43,15 +43,15 @@ struct Chunklist::Cursor {
 
 void Chunklist::parse(std::string_view text) {
   chunks = {};
+  dropped_ = 0;
   PlaylistReader reader(text);
   if (!reader.read_header()) return;
   Cursor cursor;
-  bool accepted = true;
-  for (std::string_view line; accepted && reader.next(line);) accepted = parse_line(line, cursor);
-  if (!accepted || reader.met_long_line()) chunks = {};
+  for (std::string_view line; reader.next(line);) parse_line(line, cursor);
+  if (reader.met_long_line()) chunks = {};
 }
 
-bool Chunklist::parse_line(std::string_view line, Cursor& cursor) {
+void Chunklist::parse_line(std::string_view line, Cursor& cursor) {
   if (line.starts_with(kSequenceTag)) {
     cursor.sequence = static_cast<std::uint64_t>(number_after(kSequenceTag, line));
   } else if (line.starts_with(kDurationTag)) {
@@ -63,18 +63,23 @@ bool Chunklist::parse_line(std::string_view line, Cursor& cursor) {
   } else if (line.starts_with(kEndTag)) {
     if (!chunks.empty()) chunks.back().last = true;
   } else if (!line.starts_with('#')) {
-    return add(trim(line), cursor);
+    if (chunks.size() == limits::kMaxChunks) {
+      chunks.pop_front();
+      ++dropped_;
+    }
+    chunks.push_back({cursor.sequence++, std::string(trim(line)), false, cursor.key_url});
   }
-  return true;
 }
 
-bool Chunklist::add(std::string_view location, Cursor& cursor) {
-  if (chunks.size() == limits::kMaxChunks) {
-    log_err("playlist refused: more than ", limits::kMaxChunks, " segments");
-    return false;
-  }
-  chunks.push_back({cursor.sequence++, std::string(location), false, cursor.key_url});
-  return true;
+std::int64_t Chunklist::segments_before(std::int32_t start_from) const {
+  return start_from < 0 ? start_from + static_cast<std::int64_t>(chunks.size())
+                        : start_from - dropped_;
+}
+
+void Chunklist::require(std::int32_t start_from) {
+  if (dropped_ == 0 || segments_before(start_from) >= 0) return;
+  log_err("playlist refused: more than ", limits::kMaxChunks, " segments");
+  chunks = {};
 }
 
 }  // namespace weir

@@ -10,20 +10,29 @@
 
 namespace weir {
 
-// The media playlist of the variant being played: the segments not yet looked at.
+// The media playlist of the variant being played: the segments not yet processed.
 //
-// Threads: the refresh timer until it has started a fill pass, the fill pass until its end.
+// Threads: one at a time.
 class Chunklist {
  public:
   explicit Chunklist(std::string from) : url(std::move(from)) {}
 
-  // Replaces the segments by those of a media playlist (RFC 8216, section 4.3.3). There
-  // are none where the text isn't a playlist or exceeds 50,000 segments or 64 KiB per
-  // line; the reason is on the error stream.
+  // Replaces the segments with the newest 50,000 of a media playlist (RFC 8216, section
+  // 4.3.3). There are none if the text is not a playlist or a line exceeds 64 KiB; the
+  // reason is on the error stream.
   //
   // Deliberate: a key line switches decryption on for what follows, whatever its METHOD,
   // and its URI extends to the end of the line, because playlists are made for weir.
   void parse(std::string_view text);
+
+  // How many of `chunks` precede the segment that `start_from` names: its index in the
+  // playlist, negative from the end. Negative if that segment was dropped, or if there is
+  // none because the playlist is shorter.
+  [[nodiscard]] std::int64_t segments_before(std::int32_t start_from) const;
+
+  // Refuses the playlist, with the reason on the error stream, if that segment was dropped:
+  // there are no segments then.
+  void require(std::int32_t start_from);
 
   std::string url;
   std::uint32_t target_duration = 1;  // seconds; a text without the tag keeps the last
@@ -31,8 +40,9 @@ class Chunklist {
 
  private:
   struct Cursor;
-  [[nodiscard]] bool parse_line(std::string_view line, Cursor& cursor);
-  [[nodiscard]] bool add(std::string_view location, Cursor& cursor);
+  void parse_line(std::string_view line, Cursor& cursor);
+
+  std::int64_t dropped_ = 0;  // segments of the text before the first of `chunks`
 };
 
 }  // namespace weir

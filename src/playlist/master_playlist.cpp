@@ -71,22 +71,25 @@ bool MasterPlaylist::select_variant(Playing& playing) {
   return true;
 }
 
-// False if the playlist cannot be loaded or has no segments.
-bool MasterPlaylist::refresh_variant(Chunklist& chunklist) {
+// False if the playlist cannot be loaded or has no segments. A running stream takes what is
+// left of a long one; a stream that is to start must have the segment it starts with.
+bool MasterPlaylist::refresh_variant(Playing& playing) {
   log_out("Chunklist: refresh variant");
   std::string text;
+  Chunklist& chunklist = *playing.chunklist;
   if (!UCurl().get(chunklist.url, text)) return false;
   chunklist.parse(text);
+  if (playing.start_from) chunklist.require(*playing.start_from);
   return !chunklist.chunks.empty();
 }
 
-bool MasterPlaylist::refresh_variant_if_needed(Chunklist& chunklist) {
-  const size_t queued = chunklist.chunks.size();
+bool MasterPlaylist::refresh_variant_if_needed(Playing& playing) {
+  const size_t queued = playing.chunklist->chunks.size();
   if (queued > limits::kEnoughChunks) {
     log_err("Chunklist: Using cached playlist (still got ", queued, " chunks in advance)");
     return true;
   }
-  if (refresh_variant(chunklist)) return true;
+  if (refresh_variant(playing)) return true;
   log_err("Unable to refresh variant of playlist");
   return false;
 }
@@ -143,7 +146,7 @@ bool MasterPlaylist::refresh_now() {
       return true;
     }
     fill_thread_.join();
-    if (refresh_variant_if_needed(*playing->chunklist)) {
+    if (refresh_variant_if_needed(*playing)) {
       start_fill(std::move(playing));
       return true;
     }

@@ -49,8 +49,8 @@ class MasterPlaylist {
  private:
   [[nodiscard]] bool refresh_master();
   [[nodiscard]] bool select_variant(Playing& playing);
-  [[nodiscard]] static bool refresh_variant(Chunklist& chunklist);
-  [[nodiscard]] static bool refresh_variant_if_needed(Chunklist& chunklist);
+  [[nodiscard]] static bool refresh_variant(Playing& playing);
+  [[nodiscard]] static bool refresh_variant_if_needed(Playing& playing);
   void start_fill(std::unique_ptr<Playing> playing);
   void refresh_timer();
   [[nodiscard]] bool refresh_now();
