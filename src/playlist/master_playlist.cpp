@@ -71,15 +71,15 @@ bool MasterPlaylist::select_variant(Playing& playing) {
   return true;
 }
 
-// False if the playlist cannot be loaded or has no segments. A running stream takes what is
-// left of a long one; a stream that is to start must have the segment it starts with.
+// False if the playlist cannot be loaded or has no segments. A stream that has begun
+// takes what is left of a long one; before, the segment that it begins with must be there.
 bool MasterPlaylist::refresh_variant(Playing& playing) {
   log_out("Chunklist: refresh variant");
   std::string text;
   Chunklist& chunklist = *playing.chunklist;
   if (!UCurl().get(chunklist.url, text)) return false;
   chunklist.parse(text);
-  if (playing.start_from) chunklist.require(*playing.start_from);
+  if (!playing.delivering) chunklist.require(playing.start_from);
   return !chunklist.chunks.empty();
 }
 

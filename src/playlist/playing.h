@@ -19,8 +19,8 @@ struct Playing {
   Selection current;                   // points into `variants`
   std::optional<Chunklist> chunklist;  // of the current variant
 
-  // Segments that the first pass skips, negative from the end; nothing once it has begun.
-  std::optional<std::int32_t> start_from;
+  std::int32_t start_from = 0;  // segments that the next pass skips, negative from the end
+  bool delivering = false;      // a segment has been downloaded
 };
 
 // Hands an object from one thread to another, which finds it there or finds nothing.
