@@ -14,6 +14,17 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(weir_build INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
 
+# On some 32-bit processors (armel, mipsel, powerpc) 64-bit atomics are library calls.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("
+  #include <atomic>
+  #include <cstdint>
+  std::atomic<std::uint64_t> count;
+  int main() { return static_cast<int>(count.fetch_add(1)); }" WEIR_ATOMICS_ARE_BUILT_IN)
+if(NOT WEIR_ATOMICS_ARE_BUILT_IN)
+  target_link_libraries(weir_build INTERFACE atomic)
+endif()
+
 target_compile_options(weir_build INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
   target_compile_options(weir_build INTERFACE -Wthread-safety)
