@@ -26,7 +26,7 @@ void parse_query(std::string_view query, RequestLine& request) {
   }
 }
 
-void parse_url(std::string_view resource, RequestLine& request) {
+void split_resource(std::string_view resource, RequestLine& request) {
   const size_t mark = resource.find('?');
   request.path = resource.substr(0, mark);
   url_decode(request.path);
@@ -56,7 +56,7 @@ std::optional<RequestLine> parse_request_line(std::string_view line) {
     request.method = Method::kHead;
   }
   log_out("parse url");
-  parse_url(words[1], request);
+  split_resource(words[1], request);
   log_out("after parse url");
   return request;
 }

@@ -12,7 +12,8 @@ bool ServerChoice::choose(std::string_view url) {
   map_ = nullptr;
   std::optional<Url> parsed = parse_url(url);
   if (!parsed) {
-    log_err("Excep: ", scheme_of(url));
+    const std::string_view scheme = scheme_of(url);
+    log_err("Excep: ", scheme.substr(0, scheme.find('\0')));  // as a C string
     return false;
   }
   url_ = std::move(*parsed);
