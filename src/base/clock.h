@@ -1,13 +1,10 @@
-// The clocks of the system.
-//
-// Threads: any.
 #pragma once
 
 #include <ctime>
 
 namespace weir {
 
-// CLOCK_MONOTONIC, which no change of the date moves.
+// CLOCK_MONOTONIC: not affected by changes of the date. Any thread may call it.
 [[nodiscard]] inline timespec monotonic_now() {
   timespec now{};
   (void)clock_gettime(CLOCK_MONOTONIC, &now);

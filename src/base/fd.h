@@ -6,7 +6,7 @@
 
 namespace weir {
 
-// Owns a file descriptor, or none. Nobody else closes one.
+// Owns a file descriptor, or none, and closes it.
 //
 // Threads: one at a time.
 class Fd {
@@ -22,7 +22,7 @@ class Fd {
 
   [[nodiscard]] bool is_open() const { return fd_ >= 0; }
 
-  // Negative when there is none.
+  // Negative if there is none.
   [[nodiscard]] int get() const { return fd_; }
 
   // Closes the descriptor, if there is one, and takes over another.

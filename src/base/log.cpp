@@ -15,15 +15,15 @@ namespace weir {
 
 namespace {
 
-// Each stream has a lock of its own, so that a reader that stops reading one of them
-// holds up only those who write to that one.
+// Each stream has its own lock, so that a stalled reader of one stream blocks only the threads
+// that write to that stream.
 struct Stream {
   const int fd;
   Mutex mutex;
   std::string waiting WEIR_GUARDED_BY(mutex);
 };
 
-// Never destroyed: detached threads log until the process is gone.
+// Never destroyed: detached threads log until the process ends.
 Stream& out() {
   static Stream& stream = *new Stream{STDOUT_FILENO, {}, {}};
   return stream;
@@ -43,8 +43,8 @@ void write_all(int fd, std::string_view text) {
   }
 }
 
-// Whether that much can be written without waiting: a pipe that is ready accepts
-// PIPE_BUF bytes, provided that nobody else writes to it meanwhile.
+// Whether the text can be written without blocking. A writable pipe accepts PIPE_BUF bytes,
+// provided that no other thread writes to it before.
 bool takes_at_once(int fd, std::string_view text) {
   pollfd entry{fd, POLLOUT, 0};
   return text.size() <= PIPE_BUF && poll(&entry, 1, 0) == 1;
@@ -55,8 +55,8 @@ void write_waiting(Stream& stream) WEIR_REQUIRES(stream.mutex) {
   stream.waiting.clear();
 }
 
-// Keeps the order of lines where both streams lead to the same place. It never
-// waits for a reader of the standard output.
+// Keeps lines in order if both streams share a file or pipe. Never blocks on the reader of the
+// standard output.
 void flush_out_at_once() {
   Stream& stream = out();
   if (!stream.mutex.try_lock()) return;
@@ -64,7 +64,7 @@ void flush_out_at_once() {
   stream.mutex.unlock();
 }
 
-bool lead_to_the_same_place(int one, int other) {
+bool share_a_file(int one, int other) {
   struct stat a {};
   struct stat b {};
   return fstat(one, &a) == 0 && fstat(other, &b) == 0 && a.st_dev == b.st_dev &&
@@ -79,10 +79,10 @@ bool try_write(Stream& stream, std::string_view line) {
   return accepted;
 }
 
-// Where both streams lead to the same pipe, only with both locks is it certain that what the
-// pipe would accept now it still accepts a moment later.
+// If both streams share a pipe, hold both locks so that no other thread fills it between
+// poll() and write().
 bool try_write_err(std::string_view line) {
-  if (!lead_to_the_same_place(out().fd, err().fd)) return try_write(err(), line);
+  if (!share_a_file(out().fd, err().fd)) return try_write(err(), line);
   if (!out().mutex.try_lock()) return false;
   const bool accepted = try_write(err(), line);
   out().mutex.unlock();

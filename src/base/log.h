@@ -1,13 +1,13 @@
 // The program's log: free-form lines, progress on the standard output and
 // problems on the standard error stream.
 //
-// A line is composed whole and written with one call under the lock of its stream,
-// so that lines of different threads never mix. Every line is written through
-// at once, except for text given to log_out_unflushed(), which waits for the
-// next line. A stream that can't be written to loses its lines and nothing else.
+// Each line is written with one call under the lock of its stream, so that lines of
+// different threads never mix. Lines are not buffered, except for text passed to
+// log_out_unflushed(), which is written with the next line.
 //
-// Threads: any. A caller waits until the reader of that stream reads, except in
+// Threads: any. Calls block while the reader of their stream has stalled, except
 //          log_err_at_once(). The other stream is not affected.
+// Failure: not reported. A stream that cannot be written to loses its lines.
 #pragma once
 
 #include <charconv>
@@ -49,27 +49,26 @@ void write_err_at_once(std::string_view line);
 
 }  // namespace log_detail
 
-// One line of progress. Pieces are texts, integers and doubles, joined as they are.
+// One line of progress: texts, integers and doubles, concatenated.
 template <class... Pieces>
 void log_out(const Pieces&... pieces) {
   log_detail::write_out(log_detail::compose(pieces...));
 }
 
-// One line about a problem. Progress still waiting is written first if that can be
-// done without waiting.
+// One line about a problem. Unflushed progress is written first if that does not block.
 template <class... Pieces>
 void log_err(const Pieces&... pieces) {
   log_detail::write_err(log_detail::compose(pieces...));
 }
 
-// One line about a problem that must not hold up what follows: it is dropped when the
-// stream doesn't accept it within 100 ms.
+// One line about a problem that must not delay the next step: dropped if the stream does not
+// accept it within 100 ms.
 template <class... Pieces>
 void log_err_at_once(const Pieces&... pieces) {
   log_detail::write_err_at_once(log_detail::compose(pieces...));
 }
 
-// Progress that may wait until the next line of either kind.
+// Progress that may be written together with the next line of either kind.
 void log_out_unflushed(std::string_view text);
 
 }  // namespace weir

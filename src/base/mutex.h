@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-// Clang checks these under -Wthread-safety; other compilers see nothing.
+// Checked by clang with -Wthread-safety; empty for other compilers.
 #if defined(__clang__)
 #define WEIR_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -13,7 +13,7 @@
 
 namespace weir {
 
-// A POSIX mutex with default attributes that the compiler can reason about.
+// A POSIX mutex with default attributes, annotated for clang's thread safety analysis.
 class WEIR_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
  public:
   Mutex() { (void)pthread_mutex_init(&mutex_, nullptr); }
@@ -31,7 +31,7 @@ class WEIR_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   pthread_mutex_t mutex_;
 };
 
-// Holds a mutex for the length of a scope.
+// Holds a mutex until the end of the scope.
 class WEIR_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) WEIR_THREAD_ATTRIBUTE(acquire_capability(mutex))

@@ -29,10 +29,9 @@ void raise_descriptor_limit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Memory that is new to the process costs a page fault every 4 KiB, nearly as much
-// as moving its bytes. So blocks come from malloc's heap, and what is freed stays
-// there for the next block, of whichever stream, until release_free_memory(). One
-// heap for all threads.
+// New pages cost a page fault every 4 KiB, nearly as much as moving their bytes. So blocks
+// come from malloc's heap, one for all threads, and freed blocks stay there for any stream to
+// reuse until release_free_memory().
 void keep_freed_memory() {
   constexpr int kLargerThanBlocks = 4 << 20;  // bytes
   constexpr int kNever = -1;
@@ -41,8 +40,8 @@ void keep_freed_memory() {
   (void)mallopt(M_TRIM_THRESHOLD, kNever);
 }
 
-// Most threads only sleep and look again. All that falls due within four milliseconds, a
-// tick of most kernels, shares one wake-up of the processor.
+// Most threads only poll and sleep. A 4 ms timer slack, a tick of most kernels, lets nearby
+// wake-ups coalesce.
 void let_wake_ups_coincide() {
   constexpr unsigned long kSlack = 4'000'000;  // nanoseconds
   (void)prctl(PR_SET_TIMERSLACK, kSlack);

@@ -2,14 +2,15 @@
 
 namespace weir {
 
-// Call before the process opens anything of its own. Standard descriptors that are closed
-// become /dev/null, so that no socket is ever taken for the log. SIGPIPE is ignored. The
-// descriptor limit is raised as far as allowed. Freed memory is kept for later blocks of
-// the buffers. Sleeps of the calling thread, and of those it starts later, may last 4 ms
-// longer.
+// To be called before the process opens a descriptor.
+// - Closed standard descriptors become /dev/null, so that no socket is mistaken for the log.
+// - SIGPIPE is ignored: a write to a peer that has gone fails instead.
+// - The descriptor limit is raised to the hard limit.
+// - Freed memory is kept for later blocks of the buffers.
+// - Sleeps of the calling thread, and of threads it starts later, may last 4 ms longer.
 void prepare_process();
 
-// Gives freed memory back to the system. For the end of a stream.
+// Returns freed memory to the system. Called at the end of a stream.
 void release_free_memory();
 
 }  // namespace weir

@@ -1,7 +1,7 @@
-// Text utilities shared by the request parser, the upstream client, the
-// playlist parsers and the cache maps. Texts may hold any byte, NUL included.
+// Text utilities. Texts may contain any byte, NUL included.
 //
-// Threads: any; nothing is shared. Views point into the text that was given.
+// Threads:   any; nothing is shared.
+// Ownership: views point into the argument.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,13 @@
 
 namespace weir {
 
-// The pieces of a text between delimiters, one after the other, without a list of them.
-// Empty pieces inside and in front are kept; a delimiter at the end adds no last empty
-// piece; "" has no pieces.
+// Iterates over the pieces of a text between delimiters. Empty pieces at the start and in the
+// middle are kept; a delimiter at the end adds no empty piece; "" has no pieces.
 class Pieces {
  public:
   Pieces(std::string_view text, char delimiter) : rest_(text), delimiter_(delimiter) {}
 
-  // Sets `piece` to the next one. False when there is none.
+  // Sets `piece` to the next one. False if there is none.
   [[nodiscard]] bool next(std::string_view& piece);
 
  private:
@@ -26,21 +25,21 @@ class Pieces {
   char delimiter_;
 };
 
-// All of them, in order.
+// All pieces, in order.
 [[nodiscard]] std::vector<std::string_view> split(std::string_view text, char delimiter);
 
-// The text without white space (as isspace has it) at its end, its start, or both.
+// The text without white space (as defined by isspace) at its end, its start, or both.
 [[nodiscard]] std::string_view rtrim(std::string_view text);
 [[nodiscard]] std::string_view ltrim(std::string_view text);
 [[nodiscard]] std::string_view trim(std::string_view text);
 
-// Percent-decoding in place; "+" is a space. Malformed escapes don't fail: what
-// follows "%" is read as far as it is hexadecimal, and nothing readable is a NUL.
+// Percent-decoding in place; "+" becomes a space. Malformed escapes do not fail: of the two
+// characters after "%" the hexadecimal ones at the start count, and none gives a NUL.
 void url_decode(std::string& text);
 
-// The decimal number at the start of the text, as strtoll reads it: leading
-// white space and a sign are taken, no digits give 0, numbers too large are clamped.
-// 64 bits on every processor: media sequence numbers and lengths need them.
+// The decimal number at the start of the text, as strtoll reads it: leading white space and a
+// sign are allowed, no digits give 0, numbers out of range are clamped. 64 bits on every
+// processor, because media sequence numbers and lengths need them.
 [[nodiscard]] std::int64_t leading_number(std::string_view text);
 
 }  // namespace weir

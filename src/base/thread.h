@@ -4,32 +4,33 @@
 
 namespace weir {
 
-// Every worker thread calls this at its start. It sets nice 30, which the kernel clamps to
-// 19, on the process id. On Linux that is the main thread's own value, which threads
-// started later inherit: the first connection's threads keep their normal priority.
-// Deliberate: value and id, because operators expect weir to yield to all else.
+// Called by every worker thread at its start. Sets nice 30, which the kernel clamps to 19, on
+// the process id. On Linux this is the main thread's value, inherited by threads started
+// later: the threads of the first connection keep their normal priority.
+// Deliberate: both the value and the use of the process id; operators rely on weir running
+// at the lowest priority.
 void lower_priority();
 
 using ThreadEntry = void* (*)(void*);
 
-// Starts a thread that nobody joins. False when the system refuses one; entry is then not
+// Starts a thread that is never joined. False if the system refuses one: `entry` is then not
 // called.
 [[nodiscard]] bool start_detached(ThreadEntry entry, void* argument);
 
-// A thread that its owner joins.
+// A thread that its owner joins, at the latest before destroying this object.
 //
-// Threads: the owner's alone, who joins it before destroying it.
+// Threads: the owner's only.
 class WorkerThread {
  public:
   WorkerThread() = default;
   WorkerThread(const WorkerThread&) = delete;
   WorkerThread& operator=(const WorkerThread&) = delete;
 
-  // Runs entry(argument); the previous one must have been joined. False when the system
-  // refuses a thread; there is then nothing to join.
+  // Runs entry(argument). The previous thread must have been joined. False if the system
+  // refuses a thread: there is then nothing to join.
   [[nodiscard]] bool start(ThreadEntry entry, void* argument);
 
-  // Waits for the end of the thread, if there is one.
+  // Waits until the thread, if any, has ended.
   void join();
 
  private:

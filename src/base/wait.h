@@ -1,15 +1,14 @@
-// Waiting for a socket and sleeping.
+// Waiting for a socket, and sleeping. Uses poll(): descriptors above 1023 work too.
 //
-// These use poll(), so that descriptors above 1023 work too.
+// Threads: any.
 #pragma once
 
 #include <chrono>
 
 namespace weir {
 
-// Wait until the socket can be read from (written to) without blocking. An end
-// of stream and a pending socket error count as ready: the call that follows
-// reports them. False when the time ran out, or on an error.
+// Waits until a read (write) would not block. The end of the stream and a pending socket error
+// count as ready, because the next call reports them. False on a time-out or an error.
 [[nodiscard]] bool wait_readable(int fd, std::chrono::seconds timeout);
 [[nodiscard]] bool wait_writable(int fd, std::chrono::seconds timeout);
 

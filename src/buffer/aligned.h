@@ -5,11 +5,11 @@
 
 namespace weir {
 
-// Memory from malloc, aligned to 16 bytes. Null when malloc has none.
-// The address that malloc returned is stored directly below this one.
+// Memory from malloc, aligned to 16 bytes, or null. The address returned by malloc is stored
+// directly below the aligned one.
 [[nodiscard]] void* aligned_allocate(size_t bytes);
 
-// Takes back what aligned_allocate gave; null is ignored.
+// Frees memory from aligned_allocate(); null is ignored.
 void aligned_release(void* memory);
 
 struct AlignedRelease {
@@ -17,7 +17,7 @@ struct AlignedRelease {
 };
 using AlignedBytes = std::unique_ptr<unsigned char[], AlignedRelease>;
 
-// Owned bytes, or an empty pointer when malloc has none.
+// Owned memory, or null.
 [[nodiscard]] inline AlignedBytes aligned_bytes(size_t bytes) {
   return AlignedBytes(static_cast<unsigned char*>(aligned_allocate(bytes)));
 }

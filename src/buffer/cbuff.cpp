@@ -16,7 +16,7 @@ namespace weir {
 
 namespace {
 
-// Has the system supply the pages of that range now.
+// Makes the system supply the pages of the range now.
 void populate(unsigned char* memory, size_t bytes) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t to_boundary = -reinterpret_cast<std::uintptr_t>(memory) % page;
@@ -25,9 +25,9 @@ void populate(unsigned char* memory, size_t bytes) {
   }
 }
 
-// Where malloc's heap had to grow, its new pages are supplied together, for half of
-// what one page fault after the other costs. A sealed block may leave its last quarter
-// unused; those pages come when they are touched, if ever.
+// If malloc's heap had to grow, its new pages are supplied in one call, at half the cost of
+// single page faults. A sealed block may leave its last quarter unused, so the pages of that
+// quarter are supplied on first use.
 std::unique_ptr<CBlock> new_block(std::uint64_t size) {
   const void* const end_of_heap = sbrk(0);
   std::unique_ptr<CBlock> block(new (std::nothrow) CBlock(size));
@@ -45,8 +45,8 @@ CBuff::CBuff(std::uint64_t block_size) : block_size_(block_size) {}
 
 CBuff::~CBuff() { clear(); }
 
-// Links a fresh block at the tail and makes it the producer's. Memory is taken
-// before the lock, so the consumer never waits for it.
+// Links a new block at the tail for the producer. Memory is allocated before the lock is
+// taken, so that the consumer never waits for it.
 bool CBuff::append() {
   std::unique_ptr<CBlock> block = new_block(block_size_);
   if (block == nullptr) return false;
@@ -68,8 +68,8 @@ bool CBuff::has_tail() {
   return tail_ != nullptr;
 }
 
-// Hands `count` bytes at the producer's position over to the consumer. Storing
-// writePos is the last access to a block that these bytes fill.
+// Publishes `count` bytes at the producer's position. If they fill the block, the store of
+// writePos is the last access to it: the consumer may free it then.
 void CBuff::publish(std::uint64_t count) {
   position_ += count;
   room_ -= count;
@@ -78,7 +78,7 @@ void CBuff::publish(std::uint64_t count) {
 }
 
 bool CBuff::write(std::span<const unsigned char> bytes) {
-  // Without a tail a block is appended even when there is nothing to store.
+  // Without a tail a block is appended even if there is nothing to store.
   if (bytes.empty() && room_ == 0 && !has_tail()) (void)append();
   while (!bytes.empty()) {
     if (room_ == 0 && !append()) return false;
@@ -105,8 +105,8 @@ std::span<unsigned char> CBuff::sealAndReserve() {
 
 void CBuff::commit(std::uint64_t count) {
   if (count > 0) publish(count);
-  // Unlike write(), which appends when the next bytes come. If memory has run
-  // out the next reserve() tries again.
+  // At once, unlike write(), which appends when more bytes arrive. If memory has run out, the
+  // next reserve() tries again.
   if (room_ == 0) (void)append();
 }
 
@@ -119,8 +119,8 @@ bool CBuff::wait_for_bytes() const {
 std::span<const unsigned char> CBuff::peek() {
   if (!wait_for_bytes()) return {};
   const CBlock* block = head_.load(std::memory_order_acquire);
-  // `next` first: once it is set, the writePos loaded after it is final, and a
-  // drained block can be dropped without losing a byte.
+  // Load `next` before writePos: once `next` is set, writePos is final, so a drained block can
+  // be freed without losing a byte.
   const bool has_next = block->next.load(std::memory_order_acquire) != nullptr;
   if (has_next && block->writePos.load(std::memory_order_acquire) == block->readPos) {
     remove_head();
@@ -141,7 +141,7 @@ void CBuff::consume(std::uint64_t count) {
 std::uint64_t CBuff::read(std::span<unsigned char> destination) {
   size_t copied = 0;
   while (copied < destination.size()) {
-    // Only the first turn may wait.
+    // Only the first pass may wait.
     if (copied > 0 && fill() == 0) break;
     const std::span<const unsigned char> from = peek();
     const size_t count = std::min(from.size(), destination.size() - copied);

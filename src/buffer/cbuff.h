@@ -10,63 +10,61 @@ namespace weir {
 
 struct CBlock;
 
-// The byte queue between the download of a stream and its player: a chain of
-// blocks of fixed size, filled at the tail and freed at the head. Both sides work
-// directly on the storage, so only the kernel and the cipher copy bytes. There is no
-// capacity limit: the producer looks at fill() and holds back.
+// The byte queue between the download of a stream and its player: a chain of fixed-size
+// blocks, filled at the tail and freed at the head. Both sides work directly on the storage,
+// so that only the kernel and the cipher copy bytes. The capacity is not limited: the
+// producer checks fill() and pauses.
 //
-// Threads:   one producer (write, reserve, sealAndReserve, commit) and one
-//            consumer (peek, consume, read), lock-free except when a block is
-//            linked or unlinked. fill() from any. clear() and destruction when
-//            both have ended.
-// Ownership: blocks are freed when the consumer has passed their end, the rest
-//            by clear() or destruction.
-// Failure:   where there is no memory for a block, that is reported on the error
-//            stream and the bytes that the block would have held are refused.
+// Threads:   one producer (write, reserve, sealAndReserve, commit) and one consumer (peek,
+//            consume, read), lock-free except when a block is linked or unlinked. fill()
+//            from any thread. clear() and destruction after both have ended.
+// Ownership: a block is freed when the consumer has passed its end, the rest by clear() or
+//            destruction.
+// Failure:   lack of memory for a block is reported on the error stream, and the bytes that
+//            the block would have held are refused.
 class CBuff {
  public:
-  // 512 KiB: allocation and locking are so rare that they cost nothing.
+  // Bytes. Large enough to make the cost of allocation and locking negligible.
   static constexpr std::uint64_t kBlockSize = 524288;
 
-  // Tests use small blocks to meet every border; the program has one size.
+  // Tests use small blocks to reach every boundary; the program uses one size.
   explicit CBuff(std::uint64_t block_size = kBlockSize);
   ~CBuff();
   CBuff(const CBuff&) = delete;
   CBuff& operator=(const CBuff&) = delete;
 
-  // Bytes written and not yet consumed; other threads see it a little late. Once
-  // the producer has ended (an acquire load says so) 0 means that all is consumed.
+  // Bytes written and not yet consumed; may be slightly stale. Once an acquire load has shown
+  // that the producer has ended, 0 means that everything has been consumed.
   [[nodiscard]] std::uint64_t fill() const { return fill_.load(std::memory_order_acquire); }
 
   // Producer -----------------------------------------------------------------
 
-  // Copies bytes in. False when memory ran out; a part may then be stored.
+  // Copies bytes in. False if memory ran out; some of them may have been stored.
   [[nodiscard]] bool write(std::span<const unsigned char> bytes);
 
-  // Free storage at the tail, of one byte at least; empty when memory ran out.
-  // Fill it from its start, then commit.
+  // Free storage at the tail, at least one byte; empty if memory ran out. Fill it from the
+  // start, then commit.
   [[nodiscard]] std::span<unsigned char> reserve();
 
-  // The same with a whole fresh block; the tail block ends where its data ends.
+  // The same, with a whole new block; seals the tail block.
   [[nodiscard]] std::span<unsigned char> sealAndReserve();
 
-  // Publishes the first `count` bytes of the storage reserved last.
+  // Publishes the first `count` bytes of the last reservation.
   void commit(std::uint64_t count);
 
   // Consumer -----------------------------------------------------------------
 
-  // The oldest bytes that are contiguous, at most to the end of a block. An empty buffer
-  // is waited for once, 100 ms; nothing is returned if it stays empty.
+  // The oldest contiguous bytes, at most to the end of a block. If the buffer is empty, waits
+  // once for 100 ms; empty if there is still nothing.
   [[nodiscard]] std::span<const unsigned char> peek();
 
-  // Drops bytes at the front: at most as many as peek() returned.
+  // Drops bytes at the front, at most as many as peek() returned.
   void consume(std::uint64_t count);
 
-  // Copies bytes out and drops them, across blocks; waits as peek() does. Returns how
-  // many there were.
+  // Copies bytes out and drops them, across blocks; waits as peek() does. Returns their number.
   [[nodiscard]] std::uint64_t read(std::span<unsigned char> destination);
 
-  // Neither ------------------------------------------------------------------
+  // After both have ended ----------------------------------------------------
 
   void clear();
 
@@ -80,22 +78,21 @@ class CBuff {
   // Set once.
   const std::uint64_t block_size_;
 
-  // The producer's own. It touches `current_` without the lock only while room_ > 0:
-  // a block with room is not finished, so the consumer can't have freed it.
-  // room_ is 0 whenever the tail is full, sealed or absent.
+  // Producer only. It accesses `current_` without the lock only while room_ > 0: the consumer
+  // cannot have freed a block that has room. room_ is 0 if the tail is full, sealed or absent.
   CBlock* current_ = nullptr;
   std::uint64_t position_ = 0;
   std::uint64_t room_ = 0;
 
-  // Shared. The chain from head_ on owns its blocks. head_ is loaded by the consumer
-  // without the lock: only the consumer moves it on, and the producer sets it only
-  // where it was null, before the bytes behind it are counted.
+  // Shared. The chain owns its blocks. The consumer loads head_ without the lock: only the
+  // consumer advances it, and the producer sets it only if it was null, before it counts the
+  // bytes stored there.
   Mutex mutex_;
   std::atomic<CBlock*> head_{nullptr};
   CBlock* tail_ WEIR_GUARDED_BY(mutex_) = nullptr;
 
-  // Raised before writePos is published and lowered after it was read, so that
-  // it never wraps below 0 and that bytes in sight imply a head.
+  // Increased before writePos is published and decreased after writePos was read, so that it
+  // never wraps below 0, and a nonzero count implies a head.
   std::atomic<std::uint64_t> fill_{0};
 };
 

@@ -30,7 +30,7 @@ std::uint32_t rank_of(const std::string& key, std::uint32_t alive_count) {
   return (crc32(key) >> 16 & 0x7FFF) % alive_count;
 }
 
-// The live server of that 0-based rank; the last one where there are fewer.
+// The live server with this 0-based rank, or the last live one if there are fewer.
 const CacheServer* live_server(const Ring& ring, std::uint32_t rank) {
   const CacheServer* candidate = nullptr;
   for (const CacheServer& server : ring.servers) {

@@ -8,25 +8,24 @@
 
 namespace weir {
 
-// Rings of cache servers, the preferred one first. A later ring is used when
-// all servers of the earlier ones are dead; only a new map revives a server.
+// Rings of cache servers, in order of preference. A ring is used if all servers of the rings
+// before it are dead. A dead server becomes alive again only with a new map.
 //
-// Threads: any. Each operation holds the mutex to its end, its log lines
-//          included, so a selection is never logged in the middle of a dump. The
-//          locks of the log's streams are taken inside, and no other.
+// Threads: any. Each operation holds the mutex while it logs, so that a selection is never
+//          logged in the middle of a dump. Inside, only the log's locks are taken.
 class CacheMap {
  public:
-  // The address of the server for the path of an upstream URL, or "" when there
-  // is none. The first two segments of the path (after "/_live/" where it begins
-  // so, without any query) decide, so what belongs together goes to one server.
-  // The path must not be empty; std::out_of_range otherwise.
+  // The address of the server for the path of an upstream URL, or "" if there is none. It
+  // depends on the first two segments of the path (after "/_live/" if the path starts with
+  // that; without the query), so that related files come from one server. Throws
+  // std::out_of_range if the path is empty.
   [[nodiscard]] std::string selectServer(const std::string& path);
 
-  // Marks a server dead wherever it stands in the map.
+  // Marks a server dead in every ring that contains it.
   void invalidateServer(const std::string& address);
 
-  // Replaces all rings. Rings are separated by ";", servers by ","; nothing is
-  // trimmed or checked, so there is no invalid text.
+  // Replaces all rings. Rings are separated by ";", servers by ",". Addresses are neither
+  // trimmed nor checked: every text is valid.
   void setMap(const std::string& text);
 
  private:
@@ -37,8 +36,7 @@ class CacheMap {
 };
 
 // The two maps of the process: for media ("@" in a URL) and for playlists ("~").
-// The server loop sets them once before it accepts a connection, and they are
-// never destroyed.
+// The server loop creates them before it accepts a connection; they are never destroyed.
 extern CacheMap* chunkCacheMap;
 extern CacheMap* playlistCacheMap;
 

@@ -8,7 +8,7 @@ namespace weir {
 
 namespace crc32_detail {
 
-// One step for each value of a byte: IEEE 802.3, reflected.
+// The CRC of each single byte: IEEE 802.3, reflected.
 constexpr std::array<std::uint32_t, 256> make_table() {
   constexpr std::uint32_t kPolynomial = 0xEDB88320;
   std::array<std::uint32_t, 256> table{};
@@ -24,7 +24,7 @@ inline constexpr auto kTable = make_table();
 
 }  // namespace crc32_detail
 
-// The finished CRC-32 of the bytes, as zlib and Ethernet have it.
+// CRC-32 as in zlib and Ethernet.
 constexpr std::uint32_t crc32(std::string_view bytes) {
   std::uint32_t crc = 0xFFFFFFFF;
   for (const char byte : bytes) {

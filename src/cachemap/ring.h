@@ -6,16 +6,16 @@
 
 namespace weir {
 
-// One cache server, "host:port" exactly as the map's text has it.
+// One cache server: "host:port", exactly as in the text of the map.
 struct CacheServer {
   std::string address;
   bool alive = true;
 };
 
-// Servers that share the load of all paths by hashing.
+// Servers among which paths are distributed by hash.
 struct Ring {
   std::vector<CacheServer> servers;
-  std::uint32_t aliveCount = 0;  // servers not yet invalidated
+  std::uint32_t aliveCount = 0;  // servers with `alive` set
 };
 
 }  // namespace weir

@@ -4,14 +4,14 @@
 
 namespace weir {
 
-// What the watchdog needs of the machine that it guards.
+// The operating system, as far as the watchdog uses it.
 struct Device {
   timespec (*now)();        // CLOCK_MONOTONIC
   bool (*marker_exists)();  // the file that announces a shutdown
-  void (*reboot)();         // an immediate restart; returns when it isn't allowed
+  void (*reboot)();         // restarts at once; returns if not permitted
 };
 
-// The real one. Only the program itself asks for it.
+// The real system calls. Only main() may use it.
 Device real_device();
 
 }  // namespace weir

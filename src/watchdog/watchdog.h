@@ -7,25 +7,22 @@
 
 namespace weir {
 
-// Reboots the device when pings stop coming or a shutdown doesn't finish.
+// Restarts the device if pings stop or a shutdown does not complete. The time-out counts from
+// the first ping. All times are whole seconds of the monotonic clock.
 //
-// A device that was never pinged is never rebooted for a time-out. All times
-// are whole seconds of the monotonic clock.
-//
-// Threads: check() by the server loop alone; ping() by any.
-// Failure: an error stream that doesn't accept the line delays the reboot by about a
-//          tenth of a second, and the line is dropped. A reboot that isn't allowed returns,
-//          and check() carries on: the marker fires again with every call, the time-out
-//          after the next ping.
+// Threads: check() by the server loop only; ping() by any.
+// Failure: a stalled error stream delays the restart by 100 ms, and the line is dropped. If the
+//          restart is not permitted, check() continues: the marker triggers again with every
+//          call, the time-out after the next ping.
 class Watchdog {
  public:
   explicit Watchdog(Device device);
 
-  // Arms the time-out, or starts it again.
+  // Arms or restarts the time-out.
   void ping();
 
-  // Reboots when the marker file was there 10 s after it was first seen (whether
-  // it stayed or came back), or when the last ping is 300 s old.
+  // Restarts the device if the marker file still (or again) exists 10 s or more after it was
+  // first seen, or if the last ping is 300 s old.
   void check();
 
  private:
@@ -34,13 +31,13 @@ class Watchdog {
 
   const Device device_;
 
-  // Shared with the threads that ping. last_ping_ is stored before armed_ (release)
-  // and loaded after it (acquire), so a check never compares with no ping at all.
+  // Shared with pinging threads. ping() stores last_ping_ before armed_ (release), check()
+  // loads it after armed_ (acquire): a check that sees armed_ also sees the ping.
   std::atomic<bool> armed_{false};
   std::atomic<time_t> last_ping_{0};
 
-  // The server loop's own. Deliberate: once seen, the marker stays seen, so that
-  // a device which renews it instead of shutting down is restarted.
+  // Server loop only. Deliberate: marker_seen_ is never reset, so that a device that renews the
+  // marker instead of shutting down is restarted.
   bool marker_seen_ = false;
   time_t marker_seen_at_ = 0;
 };
