@@ -31,9 +31,9 @@ struct Download {
 [[nodiscard]] Outcome download_document(Connection& connection, Response& response,
                                         std::string& out);
 
-// Reads a segment into the sink; does not measure the speed. Two receives apart at most, the
-// stop flag ends the download. That, lack of memory, and a server that closes early count as
-// done; the first two close the connection.
+// Reads a segment into the sink; leaves the speed to the caller. The stop flag, checked before
+// each receive, ends the download. That, lack of memory and a server that closes early count
+// as done; the first two close the connection.
 //
 // Deliberate: an HTTP/1.0 response is read to the end of its connection, regardless of its
 // length, the stop flag and the key, and `position` stays 0, because servers that speak it

@@ -39,8 +39,8 @@ std::string dotted(in_addr address) {
   return text;
 }
 
-// Re-entrant gethostbyname(): false when the name has no entry. `found` stays
-// as it is where an entry has no address.
+// Re-entrant gethostbyname(). False if the name has no entry. If the entry has no address,
+// `found` is unchanged and `any` false.
 bool look_up(const std::string& name, in_addr& found, bool& any) {
   std::string space(1024, '\0');
   hostent entry{};
@@ -95,7 +95,7 @@ bool Connection::connect_to(const std::string& host, int port) {
   const auto* const to = reinterpret_cast<const sockaddr*>(&addr_);
   if (connect(sock_.get(), to, sizeof addr_) != 0 && !finish_connect(errno)) return false;
 
-  // Deliberate: both lines show the new port, and readers of the log know them so.
+  // Deliberate: both lines show the new port, because readers of the log expect it.
   log_out("old: ", connected_host_, " port: ", port);
   connected_host_ = host;
   connected_port_ = port;
@@ -104,7 +104,7 @@ bool Connection::connect_to(const std::string& host, int port) {
   return true;
 }
 
-// A dotted address needs no resolver.
+// A dotted address does not go to the resolver.
 bool Connection::resolve(const std::string& name) {
   const in_addr_t address = inet_addr(name.c_str());
   if (address != INADDR_NONE) {
@@ -117,8 +117,8 @@ bool Connection::resolve(const std::string& name) {
   return true;
 }
 
-// What remains of a connect() that did not succeed at once. Deliberate: a pending error
-// isn't fetched, so that a refused connection counts as made until it is used.
+// Continues a connect() that did not succeed at once. Deliberate: a pending error is not
+// fetched, so that a refused connection counts as connected until it is used.
 bool Connection::finish_connect(int error) {
   const bool pending = error == EINPROGRESS;
   if (pending) {
@@ -140,7 +140,7 @@ bool Connection::wait_for_sending() const {
 }
 
 bool Connection::send(std::string_view bytes) const {
-  // Without waiting: a server that never reads must not hold the thread.
+  // Does not block: a server that never reads must not hold the thread.
   return ::send(sock_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) >= 0;
 }
 
@@ -154,7 +154,7 @@ std::optional<std::string> Connection::recv_string(size_t most, std::chrono::sec
     fail_receive("recv timeout1");
     return std::nullopt;
   }
-  // Not cleared: most documents are much shorter.
+  // Not zero-filled: most documents are much shorter.
   const auto piece = std::make_unique_for_overwrite<char[]>(most);
   const ssize_t count = read(sock_.get(), piece.get(), most);
   if (count < 0) {
@@ -165,7 +165,7 @@ std::optional<std::string> Connection::recv_string(size_t most, std::chrono::sec
   return std::string(piece.get(), static_cast<size_t>(count));
 }
 
-// At full speed the bytes are usually there already, and there is nothing to wait for.
+// Tries without waiting first: at full speed the bytes have usually arrived.
 std::optional<size_t> Connection::recv_into(std::span<unsigned char> destination) {
   ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) {

@@ -9,27 +9,28 @@ struct evp_cipher_ctx_st;
 
 namespace weir {
 
-// AES-128-CBC of one media segment (RFC 8216, section 4.3.2.4), PKCS#7 padding removed.
-// Deliberate: the initialisation vector is always zero; streams for weir are encrypted so.
+// Decrypts one media segment: AES-128-CBC (RFC 8216, section 4.3.2.4), PKCS#7 padding.
+// Deliberate: the initialisation vector is always zero, because streams for weir are
+// encrypted with that.
 //
 // Threads: one at a time.
 class Decryptor {
  public:
-  // What an update may write beyond the size of its input, and finish() at most.
+  // Bytes. An update writes at most this many more than its input, finish() at most this many.
   static constexpr size_t kSlack = 32;
 
-  // Begins with the first 16 bytes of the key; a shorter one is padded with zeros.
-  // False, with the reason on the error stream, where the library can't.
+  // Uses the first 16 bytes of the key; a shorter key is padded with zeros. False, with a line
+  // on the error stream, if the library cannot set up the cipher.
   [[nodiscard]] bool start(std::string_view key);
 
-  // False before start() and after stop(): bytes then stay as they are.
+  // False before start() and after stop(): media is then passed through unchanged.
   [[nodiscard]] bool active() const { return context_ != nullptr; }
 
-  // Decrypts into `output`, which is larger than the input by kSlack, and returns how
-  // many bytes that gave. Where the cipher fails there are none.
+  // Decrypts into `output`, which must be kSlack bytes larger than the input. Returns the number
+  // of bytes written, 0 if the cipher fails.
   [[nodiscard]] size_t update(unsigned char* output, std::span<const unsigned char> input);
 
-  // The last block, without its padding; nothing when the padding is wrong.
+  // Writes the last block without its padding; returns 0 if the padding is invalid.
   [[nodiscard]] size_t finish(unsigned char* output);
 
   void stop() { context_.reset(); }

@@ -6,7 +6,7 @@ namespace weir {
 enum class Outcome {
   kDone,      // the step succeeded
   kNoAnswer,  // no connection, or no usable status line: make the next attempt
-  kUnusable,  // a status other than 2xx, or no Content-Length: this attempt was the last one
+  kUnusable,  // a status other than 2xx, or no Content-Length: make no further attempt
   kBroken,    // a receive failed: give the download up
 };
 

@@ -14,8 +14,8 @@ namespace weir {
 
 namespace {
 
-// A server that closes inside its head fails as a silent one does. Deliberate: the
-// time-out is slept out, because callers count on that time between attempts.
+// A server that closes inside its header block fails like a silent one. Deliberate: sleeps
+// for the rest of the time-out, because callers rely on that time between attempts.
 void fail_inside_head(Connection& connection, std::chrono::steady_clock::time_point since) {
   const auto left = since + limits::kReadTimeout - std::chrono::steady_clock::now();
   sleep_for(std::chrono::ceil<std::chrono::milliseconds>(left));
@@ -61,7 +61,7 @@ bool Response::read_headers(Connection& connection) {
   size_t searched = 0;
   size_t end;
   while ((end = rest.find(kHeadEnd, searched)) == std::string::npos) {
-    // The end may straddle two reads.
+    // The blank line may straddle two reads.
     searched = rest.size() - std::min(rest.size(), kHeadEnd.size() - 1);
     const auto since = std::chrono::steady_clock::now();
     const std::optional<std::string> piece =
@@ -82,7 +82,7 @@ bool Response::read_headers(Connection& connection) {
   return true;
 }
 
-// Names match in exact case; the first one counts.
+// Names are case-sensitive; the first field with the name counts.
 std::optional<std::string_view> Response::find_header(std::string_view name) const {
   Pieces lines(headers_, '\n');
   for (std::string_view line; lines.next(line);) {
@@ -105,7 +105,7 @@ std::uint64_t Response::position() const {
   const std::string_view value = find_header("Content-Range").value_or("");
   const size_t unit = value.find(kUnit);
   if (unit == std::string_view::npos) return 0;
-  // Without a "-" after it the number may run to the end.
+  // The "-" may be missing, or precede the unit: the number then extends to the end.
   const size_t start = unit + kUnit.size();
   return static_cast<std::uint64_t>(leading_number(value.substr(start, value.find('-') - start)));
 }

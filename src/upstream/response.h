@@ -11,26 +11,26 @@ namespace weir {
 
 class Connection;
 
-// A response as it is read: status line, header fields, then what follows them
-// (RFC 9112). Bytes received and not yet used stay in `rest`.
+// A response while it is read (RFC 9112): status line, header fields, start of the body. Bytes
+// received but not yet parsed are in `rest`.
 //
 // Threads: one at a time.
-// Failure: a head longer than 256 KiB fails like a receive that failed.
+// Failure: a header block of more than 256 KiB counts as a receive that failed.
 class Response {
  public:
   // Makes one read; a status line that is incomplete then counts as none. Done if the status
   // is 2xx.
   [[nodiscard]] Outcome read_status(Connection& connection);
 
-  // Reads to the blank line after the header fields. Deliberate: a head without any
-  // field has none for this reader and times out, as servers for weir all send some.
-  // False when a receive failed.
+  // Reads up to the blank line after the header fields. False if a receive failed. Deliberate:
+  // a header block with no fields is not recognised as complete and times out; real servers
+  // always send some.
   [[nodiscard]] bool read_headers(Connection& connection);
 
-  // Of the status line: HTTP/1.1, or else HTTP/1.0.
+  // Whether the version is HTTP/1.1; otherwise it is HTTP/1.0.
   [[nodiscard]] bool http11() const { return http11_; }
 
-  // The value of Content-Length; nothing when there is no such field.
+  // The value of Content-Length; nothing without that field.
   [[nodiscard]] std::optional<std::uint64_t> content_length() const;
 
   // The offset of the body in the resource: the first position of Content-Range (RFC 9110,
@@ -43,7 +43,7 @@ class Response {
   [[nodiscard]] std::optional<std::string_view> find_header(std::string_view name) const;
 
   bool http11_ = false;
-  std::string headers_;  // the lines between status line and blank line
+  std::string headers_;  // lines between the status line and the blank line
 };
 
 }  // namespace weir

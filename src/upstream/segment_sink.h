@@ -12,31 +12,35 @@ class CBuff;
 class Connection;
 class Decryptor;
 
-// Takes the body of a media segment into a stream's buffer, decrypted on the way where
-// the decryptor is active.
+// Stores the body of a media segment in a stream's buffer, decrypted if the decryptor is
+// active.
 //
 // Threads:   the buffer's producer.
 // Ownership: the buffer and the decryptor stay the caller's.
-// Failure:   where memory runs out the buffer says so, and nothing more can be taken.
+// Failure:   lack of memory is reported by the buffer; nothing more may be stored then.
 class SegmentSink {
  public:
   SegmentSink(CBuff& buffer, Decryptor& decryptor) : buffer_(buffer), decryptor_(decryptor) {}
 
-  // What came of a receive: bytes were taken; the connection has ended; it failed; there
-  // is no memory.
-  enum class Step { kTaken, kEnd, kBroken, kNoMemory };
+  // The result of a receive.
+  enum class Step {
+    kTaken,     // bytes were received and stored
+    kEnd,       // the server has closed the connection
+    kBroken,    // the receive failed
+    kNoMemory,  // there is no memory to store bytes
+  };
 
-  // Takes bytes already received. False when there is no memory.
+  // Stores bytes already received. False if there is no memory.
   [[nodiscard]] bool write(std::string_view bytes);
 
   // The same without decrypting.
   [[nodiscard]] bool write_raw(std::string_view bytes);
 
-  // Makes one receive, straight into the buffer or through the cipher, and adds the
-  // number of bytes received to `received`.
+  // Receives once, directly into the buffer or through the cipher, and adds the number of bytes
+  // received to `received`.
   [[nodiscard]] Step receive(Connection& connection, std::uint64_t& received);
 
-  // Takes what an active decryptor still holds. False when there is no memory.
+  // Stores the bytes that an active decryptor still holds. False if there is no memory.
   [[nodiscard]] bool finish();
 
  private:
@@ -45,7 +49,7 @@ class SegmentSink {
 
   CBuff& buffer_;
   Decryptor& decryptor_;
-  AlignedBytes input_;  // encrypted bytes, from the first receive on
+  AlignedBytes input_;  // encrypted bytes; allocated by the first receive
 };
 
 }  // namespace weir

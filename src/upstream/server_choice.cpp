@@ -29,7 +29,7 @@ bool ServerChoice::substitute(CacheMap& map, const char* failure) {
     log_err("Excep: ", failure);
     return false;
   }
-  // Without a colon all of the text is both the host and where the port is read from.
+  // Without a colon both host and port are read from the whole text.
   const size_t colon = server.find(':');
   url_.host = server.substr(0, colon);
   url_.port = parse_port(colon == std::string::npos ? server : server.substr(colon + 1));

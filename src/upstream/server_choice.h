@@ -9,24 +9,22 @@ namespace weir {
 
 class CacheMap;
 
-// The server that one attempt at a URL goes to.
+// Chooses the server for one attempt to fetch a URL.
 //
 // Threads: one at a time.
 class ServerChoice {
  public:
-  // Parses a URL and replaces the hosts "@" and "~" by a server from chunkCacheMap or
-  // playlistCacheMap. A host with a port is a name, even "@". False, with the reason on
-  // the error stream, for a scheme other than http and https, and where the map has no
-  // server.
+  // Parses a URL and replaces the host "@" with a server from chunkCacheMap, "~" with one from
+  // playlistCacheMap. A host with a port is never replaced. False, with the reason on the
+  // error stream, if the scheme is neither http nor https or the map has no server.
   [[nodiscard]] bool choose(std::string_view url);
 
-  // Marks the chosen server dead in the map that it came from, if it came from one.
+  // Marks the chosen server dead in its map. Does nothing if it is not from a map.
   void invalidate_cache_server();
 
   [[nodiscard]] bool from_cache_map() const { return map_ != nullptr; }
 
-  // Of the last URL, as far as it could be parsed: the host and port to connect to, the
-  // path to request.
+  // Host and port to connect to and path to request, of the last URL that could be parsed.
   [[nodiscard]] const std::string& host() const { return url_.host; }
   [[nodiscard]] int port() const { return url_.port; }
   [[nodiscard]] const std::string& path() const { return url_.path; }
@@ -35,8 +33,8 @@ class ServerChoice {
   [[nodiscard]] bool substitute(CacheMap& map, const char* failure);
 
   Url url_;
-  CacheMap* map_ = nullptr;   // where cache_server_ came from; null for a real host
-  std::string cache_server_;  // as the map has it
+  CacheMap* map_ = nullptr;   // of cache_server_; null for a named host
+  std::string cache_server_;  // as in the map
 };
 
 }  // namespace weir

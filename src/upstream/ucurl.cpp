@@ -118,8 +118,8 @@ bool UCurl::get_head(const std::string& url, Response& response, bool keep_alive
     if (result == Outcome::kDone || result == Outcome::kBroken) return result == Outcome::kDone;
     log_err(name, " failed - retry ", number);
     if (number == limits::kTries) return false;
-    // Deliberate: a document keeps what an attempt without a status line received, in front
-    // of the next response.
+    // Deliberate: for a document, bytes received by an attempt without a status line stay in
+    // front of the next response.
     if (keep_alive) response.rest.clear();
   }
 }
@@ -146,10 +146,10 @@ Download UCurl::get_stream(const std::string& url, CBuff& cbuff, const std::stri
   return download;
 }
 
-// A resumed download continues with the context that the interrupted one left, in the
-// middle of the CBC chain. If that left none (its response had no Content-Length, say),
-// the rest of the segment goes on as it comes, encrypted. A new context that can't be set
-// up fails the download, and the next attempt starts at the segment's first byte.
+// A resumed download continues with the cipher context of the interrupted one, in the middle
+// of the CBC chain. If there is none (the response had no Content-Length, say), the rest of
+// the segment stays encrypted. If a new context cannot be set up, the download fails, and the
+// next one starts at the segment's first byte.
 bool UCurl::prepare_cipher(const std::string& key, bool resume) {
   if (key.empty()) cipher_.stop();
   if (key.empty() || resume || cipher_.start(key)) return true;

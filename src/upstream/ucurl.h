@@ -15,22 +15,19 @@ namespace weir {
 class CBuff;
 class Response;
 
-// The upstream HTTP/1.1 client (RFC 9112): one connection at a time, kept open
-// between segments, with retries over cache servers. URLs of the hosts "@" and
-// "~" go to a server from chunkCacheMap or playlistCacheMap, chosen anew for
-// every attempt.
+// The upstream HTTP/1.1 client (RFC 9112): one connection, kept open between segments, with
+// retries. A URL with the host "@" or "~" goes to a cache server from chunkCacheMap or
+// playlistCacheMap, chosen again for every attempt.
 //
-// Threads:   one at a time. It blocks for 2 s to connect, 2 s to send, 6 s for a
-//            status line and 2 s for every other read, and as long as the
-//            resolver takes.
+// Threads:   one at a time. An attempt blocks for at most 2 s to connect, 2 s to send, 6 s for
+//            the status line and 2 s for every other read, plus the time of the resolver.
 // Ownership: closes its connection and frees its cipher when destroyed.
-// Failure:   false or nothing, with the reason in the log, nearly always on the error
-//            stream ("socket is closed! no response!" is progress).
+// Failure:   in the result; the reason is on the error stream, except that "socket is closed!
+//            no response!" is logged as progress.
 class UCurl {
  public:
-  // Downloads a document into `out`; the connection is closed afterwards. After
-  // a failure `out` holds what it held before, or a part of the document. One of
-  // more than 16 MiB is a failure.
+  // Downloads a document of at most 16 MiB into `out` and closes the connection. After a
+  // failure `out` is unchanged or contains a part of the document.
   [[nodiscard]] bool get(const std::string& url, std::string& out);
 
   // Downloads a segment into the buffer, decrypted with AES-128-CBC unless `key` is empty.
@@ -58,7 +55,7 @@ class UCurl {
   ServerChoice server_;
   Connection connection_;
 
-  // Kept when a receive fails, for the download that resumes; else stopped between downloads.
+  // Active between downloads only if a receive failed: for the download that resumes.
   Decryptor cipher_;
 };
 
