@@ -16,8 +16,8 @@ namespace weir {
 
 namespace {
 
-// A speed as the statistics hold it, kbps. The measured one may be infinite or
-// no number at all; the cap keeps the weighted sum from overflowing.
+// A measured speed, which may be infinite or NaN, in whole kbps. The cap prevents an overflow
+// of the weighted sum.
 std::uint64_t whole_kbps(double speed) {
   constexpr double kMaxSpeed = 0x1p53;
   return speed > 0 ? static_cast<std::uint64_t>(std::min(speed, kMaxSpeed)) : 0;
@@ -27,13 +27,13 @@ std::uint64_t whole_kbps(double speed) {
 
 struct ChunkFetcher::Pass {
   Playing& playing;
-  std::int64_t skip = 0;  // segments at the front that startFrom leaves out
+  std::int64_t skip = 0;  // segments at the front that startFrom excludes
   std::int64_t index = 0;
-  bool attempted = false;  // a segment was new, whether or not it could be downloaded
+  bool attempted = false;  // a segment was new, even if its download failed
 };
 
 ChunkFetcher::ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control)
-    : buffer_(buffer), streams_(streams), stats_(streams.stats), control_(control) {}
+    : buffer_(buffer), streams_(streams), control_(control) {}
 
 void ChunkFetcher::fill_pass(Playing& playing) {
   Pass pass{playing};
@@ -44,7 +44,7 @@ void ChunkFetcher::fill_pass(Playing& playing) {
   conclude_pass(pass);
 }
 
-// Returns how many segments to skip.
+// Returns the number of segments to skip.
 std::int64_t ChunkFetcher::begin_pass(Playing& playing) {
   const Chunklist& chunklist = *playing.chunklist;
   log_out("fill buffer for", playing.current.variant->bandwidth);
@@ -57,7 +57,7 @@ std::int64_t ChunkFetcher::begin_pass(Playing& playing) {
   return chunklist.segments_before(start_from);
 }
 
-// Skips or downloads the segment at the front. False when the pass must end.
+// Skips or downloads the segment at the front. False if the pass must end.
 bool ChunkFetcher::take_chunk(Pass& pass) {
   std::deque<Chunk>& chunks = pass.playing.chunklist->chunks;
   if (pass.index < pass.skip) {
@@ -100,7 +100,7 @@ void ChunkFetcher::conclude_pass(const Pass& pass) {
   control_.end_stream();
 }
 
-// The successful attempt, or the last one.
+// Returns the first successful download, or the last failed one.
 Download ChunkFetcher::fetch_chunk(const Chunk& chunk) {
   std::uint64_t position = 0;
   for (int left = limits::kDownloads;;) {
@@ -122,8 +122,8 @@ void ChunkFetcher::note_failure() {
   control_.end_stream();
 }
 
-// False after a sudden drop of the speed, which ends the pass. The selection that follows
-// takes a lower variant, unless the buffer is well filled or there is none lower.
+// False after a sudden drop of the speed: the pass must end. The next selection then takes a
+// lower variant, unless the buffer is 60 % full or there is none.
 bool ChunkFetcher::note_success(const Chunk& chunk, const Download& download,
                                 std::uint64_t bandwidth) {
   failed_chunks_ = 0;
@@ -135,21 +135,21 @@ bool ChunkFetcher::note_success(const Chunk& chunk, const Download& download,
     control_.end_stream();
   }
   const std::uint64_t speed = whole_kbps(download.speed_kbps);
-  stats_.last_chunk_speed.set(speed);
-  stats_.set_buffered(buffer_.fill());
-  stats_.selected_profile.set(kbps(bandwidth));
+  streams_.stats.last_chunk_speed.set(speed);
+  streams_.stats.set_buffered(buffer_.fill());
+  streams_.stats.selected_profile.set(kbps(bandwidth));
   if (speed < kbps(bandwidth) / 2) {
     log_err("sudden speed drop! falling down immediately!");
-    stats_.fall_to_speed(speed);
+    streams_.stats.fall_to_speed(speed);
     refresh_at_once();
     return false;
   }
-  stats_.add_speed(speed);
+  streams_.stats.add_speed(speed);
   return true;
 }
 
 bool ChunkFetcher::stays_in(const Band& band) {
-  const std::uint64_t average = stats_.avg_speed.get();
+  const std::uint64_t average = streams_.stats.avg_speed.get();
   if (band.contains(average)) return true;
   log_out("avg_speed out of boundaries! (", average, " ", band.low_kbps(), " ", band.high_kbps(),
           ")");
@@ -157,7 +157,7 @@ bool ChunkFetcher::stays_in(const Band& band) {
   return false;
 }
 
-// A time beyond 32 bits of signed seconds wraps around to the past: refresh at once.
+// Seconds beyond 32 signed bits wrap around; a negative result means at once.
 void ChunkFetcher::refresh_in(std::int64_t seconds) {
   control_.refresh_countdown.store(static_cast<std::int32_t>(seconds), std::memory_order_relaxed);
 }

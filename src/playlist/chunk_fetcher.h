@@ -12,17 +12,16 @@ struct Band;
 struct Chunk;
 struct Playing;
 struct StreamControl;
-struct StreamStats;
 struct Streams;
 
-// Downloads the segments of a stream into its buffer, one after another, and decides
-// when the stream is over.
+// Downloads the segments of a stream into its buffer, one after another, and decides when the
+// stream is over.
 //
-// Threads:   one fill pass at a time, each on a thread of its own that has been joined
-//            before the next one starts. A pass blocks as UCurl::get_stream() does.
-// Ownership: buffer, statistics and control are the caller's and live longer.
-// Failure:   a segment that can't be downloaded is left out; the fourth in a row ends
-//            the stream. The reason is on the error stream.
+// Threads:   one fill pass at a time, each on its own thread, joined before the next one
+//            starts. A pass blocks as UCurl::get_stream() does.
+// Ownership: the arguments of the constructor stay the caller's and live longer.
+// Failure:   a segment that cannot be downloaded is skipped; the fourth in a row ends the
+//            stream. The reason is on the error stream.
 class ChunkFetcher {
  public:
   ChunkFetcher(CBuff& buffer, Streams& streams, StreamControl& control);
@@ -48,16 +47,15 @@ class ChunkFetcher {
 
   // Set once.
   CBuff& buffer_;
-  const Streams& streams_;
-  StreamStats& stats_;
+  Streams& streams_;
   StreamControl& control_;
 
-  // The pass's own, from one pass to the next.
+  // Fill pass only; kept from one pass to the next.
   UCurl client_;
   KeyCache keys_;
   std::uint64_t last_seq_ = 0;       // sequence number of the last segment delivered
-  std::uint32_t failed_chunks_ = 0;  // segments given up, in a row
-  std::uint32_t empty_reloads_ = 0;  // passes without a new segment, in a row
+  std::uint32_t failed_chunks_ = 0;  // failed segments in a row
+  std::uint32_t empty_reloads_ = 0;  // passes in a row without a new segment
 };
 
 }  // namespace weir

@@ -16,9 +16,9 @@ constexpr std::string_view kDurationTag = "#EXT-X-TARGETDURATION:";
 constexpr std::string_view kKeyTag = "#EXT-X-KEY:";
 constexpr std::string_view kEndTag = "#EXT-X-ENDLIST";
 
-// What follows URI= and a quote, to the end of the line, without the last character,
-// which should be the closing quote. Attributes after it stay in it. A line without URI=
-// is taken from its fifth character on.
+// The text after URI= and one more character (the opening quote), to the end of the line,
+// without its last character (the closing quote). Later attributes remain part of it. A line
+// without URI= is read from its fifth character.
 std::string_view key_url_of(std::string_view line) {
   constexpr std::string_view kAttribute = "URI=";
   size_t start = line.find(kAttribute);
@@ -35,7 +35,7 @@ std::int64_t number_after(std::string_view tag, std::string_view line) {
 
 }  // namespace
 
-// What the next segment gets.
+// Applies to the next segment.
 struct Chunklist::Cursor {
   std::uint64_t sequence = 0;
   std::shared_ptr<const std::string> key_url;

@@ -21,8 +21,8 @@ class Chunklist {
   // 4.3.3). There are none if the text is not a playlist or a line exceeds 64 KiB; the
   // reason is on the error stream.
   //
-  // Deliberate: a key line switches decryption on for what follows, whatever its METHOD,
-  // and its URI extends to the end of the line, because playlists are made for weir.
+  // Deliberate: a key line enables decryption for the segments after it regardless of its
+  // METHOD, and its URI extends to the end of the line, because playlists are made for weir.
   void parse(std::string_view text);
 
   // How many of `chunks` precede the segment that `start_from` names: its index in the
@@ -35,7 +35,7 @@ class Chunklist {
   void require(std::int32_t start_from);
 
   std::string url;
-  std::uint32_t target_duration = 1;  // seconds; a text without the tag keeps the last
+  std::uint32_t target_duration = 1;  // seconds; a text without the tag keeps the value
   std::deque<Chunk> chunks;
 
  private:

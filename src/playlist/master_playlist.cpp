@@ -29,7 +29,7 @@ MasterPlaylist::~MasterPlaylist() = default;
 bool MasterPlaylist::start_refreshing() {
   log_out("start_refreshing");
   if (!refresh_master()) return false;
-  // A stream without its timer delivers nothing, and is closed after 15 s without data.
+  // Without the timer the stream delivers nothing and is closed after 15 s without data.
   (void)timer_thread_.start(timer_thread_entry, this);
   return true;
 }
@@ -37,7 +37,7 @@ bool MasterPlaylist::start_refreshing() {
 void MasterPlaylist::finish() {
   log_out("MasterPlaylist::finish");
   control_.end_stream();
-  // The timer first: it starts fill threads, and after it there are no new ones.
+  // The timer first, because it starts fill threads.
   timer_thread_.join();
   fill_thread_.join();
 }
@@ -94,7 +94,7 @@ bool MasterPlaylist::refresh_variant_if_needed(Playing& playing) {
   return false;
 }
 
-// Without a thread there is no pass, and the timer's next turn tries again.
+// If the system refuses a thread, the timer's next turn tries again.
 void MasterPlaylist::start_fill(std::unique_ptr<Playing> playing) {
   to_pass_.put(std::move(playing));
   if (!fill_thread_.start(fill_thread_entry, this)) to_timer_.put(to_pass_.take());
@@ -131,7 +131,7 @@ void MasterPlaylist::refresh_timer() {
 }
 
 // Selects variants until the playlist of one can be loaded. False if the stream was told to
-// end meanwhile: the timer must not sleep again.
+// end during that: the timer must not sleep again.
 bool MasterPlaylist::refresh_now() {
   std::unique_ptr<Playing> playing = to_timer_.take();
   if (playing == nullptr) {

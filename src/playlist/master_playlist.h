@@ -14,17 +14,15 @@ class CBuff;
 class ChunkFetcher;
 struct Streams;
 
-// The engine of one stream: loads a master playlist, selects a variant by the
-// download speed, keeps the variant's playlist fresh and has its segments downloaded
-// into the buffer.
+// The engine of one stream: loads the master playlist, selects a variant by download speed,
+// reloads the variant's playlist and downloads its segments into the buffer.
 //
-// Threads:   start_refreshing() and finish() are its owner's. The refresh timer
-//            thread turns once a second; when a refresh is due and no fill pass
-//            runs it selects a variant, loads its playlist and starts a fill
-//            pass on a thread of its own.
+// Threads:   the owner calls start_refreshing() and finish(). The refresh timer thread wakes
+//            up once a second; if a refresh is due and no fill pass is running, it selects a
+//            variant, loads its playlist and starts a fill pass on another thread.
 // Ownership: the buffer and the shared state are the caller's and live longer.
-// Failure:   false from start_refreshing(), later should_finish(); the reason is
-//            on the error stream.
+// Failure:   false from start_refreshing(), later should_finish(); the reason is on the error
+//            stream.
 class MasterPlaylist {
  public:
   // `start_from`: the segments that the first pass skips; negative counts from the end.
@@ -36,14 +34,14 @@ class MasterPlaylist {
   // Loads the master playlist and starts the timer. Blocks for the download.
   [[nodiscard]] bool start_refreshing();
 
-  // Tells the threads to stop and waits for them: for the timer's sleep and for the
-  // downloads under way, at worst a key and then its segment, 60 s each where nothing
-  // comes back. A document that trickles, and an HTTP/1.0 segment, take as long as the
-  // server likes. Must come before destruction where start_refreshing() was called.
+  // Tells the threads to stop and waits for them: for the timer's sleep and for running
+  // downloads, at worst a key and then its segment, 60 s each if no packet comes back. A
+  // trickling document and an HTTP/1.0 segment last as long as the server sends. Required
+  // before destruction if start_refreshing() was called.
   void finish();
 
-  // The stream is over: once everything downloaded has been consumed, nothing more will
-  // come. A reader that sees it also sees the last bytes in the buffer's fill count.
+  // Whether the stream is over: nothing more will be added to the buffer. A thread that sees
+  // true also sees the final fill count.
   [[nodiscard]] bool should_finish() const { return control_.is_over(); }
 
  private:
@@ -65,14 +63,15 @@ class MasterPlaylist {
 
   StreamControl control_;
 
-  // The timer finds what is being played in `to_timer_` unless a fill pass has it.
+  // In `to_timer_` unless the timer or a fill pass holds it, or it is in `to_pass_`: on its way
+  // to a fill thread that has not started yet.
   HandOver<Playing> to_timer_;
   HandOver<Playing> to_pass_;
 
-  const std::unique_ptr<ChunkFetcher> fetcher_;  // the fill pass's
+  const std::unique_ptr<ChunkFetcher> fetcher_;  // fill pass only
 
-  // The timer thread is the owner's. The fill thread is the timer's, and the owner's
-  // once the timer has been joined.
+  // The owner joins the timer thread. The timer joins the fill thread; after the timer has
+  // ended, the owner does.
   WorkerThread timer_thread_;
   WorkerThread fill_thread_;
 };

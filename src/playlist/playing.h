@@ -12,8 +12,8 @@
 
 namespace weir {
 
-// What a stream is playing. The thread that holds the pointer may use it: the refresh timer
-// between passes, the fill pass until its end.
+// The playback state of a stream. Moves between the refresh timer, which selects variants and
+// loads playlists, and the fill pass, which takes segments.
 struct Playing {
   std::vector<Variant> variants;
   Selection current;                   // points into `variants`
@@ -23,10 +23,10 @@ struct Playing {
   bool delivering = false;      // a segment has been downloaded
 };
 
-// Hands an object from one thread to another, which finds it there or finds nothing.
+// A mailbox for one object, which it owns while it holds it.
 //
-// Threads: one that puts, one that takes, without waiting for each other. Release and
-//          acquire: who takes the object sees everything done to it before.
+// Threads: one puts, another one takes; neither blocks. Release and acquire suffice: the
+//          thread that takes the object sees everything done to it before put().
 template <class Object>
 class HandOver {
  public:
@@ -35,12 +35,12 @@ class HandOver {
   HandOver(const HandOver&) = delete;
   HandOver& operator=(const HandOver&) = delete;
 
-  // There must be nothing there.
+  // The mailbox must be empty.
   void put(std::unique_ptr<Object> object) {
     object_.store(object.release(), std::memory_order_release);
   }
 
-  // Null if there is nothing there.
+  // Null if the mailbox is empty.
   [[nodiscard]] std::unique_ptr<Object> take() {
     return std::unique_ptr<Object>(object_.exchange(nullptr, std::memory_order_acquire));
   }

@@ -8,23 +8,23 @@
 
 namespace weir {
 
-// Reads a playlist line by line. Lines end at "\n" alone, and nothing is trimmed.
+// Reads a playlist line by line. Lines end at "\n" only and are not trimmed.
 //
-// Threads:   one.
-// Ownership: the text stays the caller's, and lines point into it.
+// Threads:   one at a time.
+// Ownership: the text stays the caller's; lines point into it.
 class PlaylistReader {
  public:
   explicit PlaylistReader(std::string_view text) : lines_(text, '\n') {}
 
-  // Whether the first line is "#EXTM3U" (RFC 8216, section 4.3.1.1), white space
-  // around it aside; if not, says so on the error stream. No lines at all pass.
+  // Whether the first line, trimmed, is "#EXTM3U" (RFC 8216, section 4.3.1.1); if not, logs a
+  // line on the error stream. True for an empty text.
   [[nodiscard]] bool read_header();
 
-  // Sets `line` to the next one. False at the end of the text and at a line that is
-  // longer than kMaxLine.
+  // Sets `line` to the next line. False at the end of the text and at a line longer than
+  // limits::kMaxLine, which is logged on the error stream.
   [[nodiscard]] bool next(std::string_view& line);
 
-  // Whether such a line was met, which is then on the error stream.
+  // Whether next() has met such a line.
   [[nodiscard]] bool met_long_line() const { return met_long_line_; }
 
  private:

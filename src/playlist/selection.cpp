@@ -12,7 +12,7 @@ constexpr double kAdequateFill = 0.6;  // of the maximal buffer
 constexpr double kUpperBand = 1.2;     // times the next higher bandwidth
 constexpr auto kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
-// A full buffer bridges a slow time. The comparison is one of single precision.
+// A well-filled buffer bridges a slow period. The comparison uses single precision.
 bool is_adequate(std::uint64_t held, std::uint64_t max_buffer) {
   const double adequate = kAdequateFill * static_cast<double>(max_buffer);
   if (static_cast<float>(held) < static_cast<float>(adequate)) return false;
@@ -21,7 +21,7 @@ bool is_adequate(std::uint64_t held, std::uint64_t max_buffer) {
   return true;
 }
 
-// The highest variant that the speed can sustain, or the lowest of all.
+// The highest variant that the average speed can sustain, or the lowest of all.
 Variant* best_variant(std::vector<Variant>& variants, Variant* lowest, std::uint64_t average) {
   Variant* best = lowest;
   for (Variant& variant : variants) {
@@ -59,7 +59,7 @@ std::uint64_t upper_boundary(std::uint64_t bandwidth) {
 
 Decision keep_or_change(const Selection& current, std::uint64_t average, std::uint64_t held,
                         std::uint64_t max_buffer) {
-  // An invalid variant that a full buffer kept would be tried again and again without end.
+  // If a full buffer could keep an invalid variant, it would be retried forever.
   const bool usable = current.variant != nullptr && !current.variant->invalid;
   if (current.band.begins_above(average)) {
     return usable && is_adequate(held, max_buffer) ? Decision::kKeep : Decision::kChange;
@@ -67,7 +67,7 @@ Decision keep_or_change(const Selection& current, std::uint64_t average, std::ui
   if (!current.band.contains(average)) return Decision::kChange;
   if (usable) return Decision::kKeep;
   if (current.variant != nullptr) return Decision::kChange;
-  // Only a band without a variant comes here; the engine sets and clears both together.
+  // Reached only with a band but no variant; the engine sets and clears both together.
   log_err("Unable no variant chosen!");
   return Decision::kFail;
 }

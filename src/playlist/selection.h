@@ -13,10 +13,10 @@
 
 namespace weir {
 
-// The average speeds at which the current variant stays.
+// The range of average speeds at which the current variant is kept.
 struct Band {
-  std::uint64_t low = 0;   // bit/s; 0 is no lower limit
-  std::uint64_t high = 0;  // bit/s; all ones is no upper limit
+  std::uint64_t low = 0;   // bit/s; 0: no lower limit
+  std::uint64_t high = 0;  // bit/s; all ones: no upper limit
 
   [[nodiscard]] std::uint64_t low_kbps() const { return kbps(low); }
   [[nodiscard]] std::uint64_t high_kbps() const { return kbps(high); }
@@ -26,21 +26,25 @@ struct Band {
   }
 };
 
-// What is being played.
+// The variant being played.
 struct Selection {
   Variant* variant = nullptr;  // null before the first choice
   Band band;
 };
 
-enum class Decision { kKeep, kChange, kFail };
+enum class Decision {
+  kKeep,    // keep the current variant
+  kChange,  // choose a variant
+  kFail,    // there is no current variant to keep: the stream cannot go on
+};
 
-// Whether the current variant stays at that average speed. One that is too high does
-// while the buffer is 60 % full; `held` and `max_buffer` are bytes.
+// Decides by the average speed, in kbps. A variant that is too high is kept while the buffer is
+// at least 60 % full; `held` and `max_buffer` in bytes.
 [[nodiscard]] Decision keep_or_change(const Selection& current, std::uint64_t average,
                                       std::uint64_t held, std::uint64_t max_buffer);
 
-// The best variant that the average speed can sustain, or the lowest where it sustains
-// none, and its band. Nothing when all are invalid. It points into `variants`.
+// The highest variant that the average speed can sustain, or the lowest if it can sustain none,
+// with its band. Nothing if all are invalid. The result points into `variants`.
 [[nodiscard]] std::optional<Selection> choose_variant(std::vector<Variant>& variants,
                                                       std::uint64_t average);
 

@@ -5,16 +5,15 @@
 
 namespace weir {
 
-// What the threads of one stream tell each other.
-//
-// Threads: the request thread, the refresh timer and the fill pass, as stated below.
+// Signals between the threads of one stream: the request thread, the refresh timer and the fill
+// pass.
 struct StreamControl {
-  // The stream is over: once all that was downloaded has been consumed, nothing more
-  // comes. Release after the last commit to the buffer, acquire in who drains it.
+  // The stream is over: nothing more will be added to the buffer. Stored with release after
+  // the last commit, loaded with acquire by the thread that drains the buffer.
   std::atomic<bool> should_finish{false};
 
-  // Seconds until the next refresh. The pass sets it, the timer lowers it in one step, so
-  // that a 0 from the pass isn't lost. Relaxed, since it only says when.
+  // Seconds until the next refresh. The fill pass sets it; the timer decrements it atomically,
+  // so that a 0 set by the pass is not lost. Relaxed: it publishes no other data.
   std::atomic<std::int32_t> refresh_countdown{0};
 
   void end_stream() { should_finish.store(true, std::memory_order_release); }

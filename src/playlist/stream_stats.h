@@ -6,16 +6,15 @@
 
 namespace weir {
 
-// The figures that "/stats.json" reports, and the speeds of the last downloads, by which
-// variants are selected.
+// The figures of "/stats.json", and the speeds of the last downloads, which decide the variant.
 //
-// Deliberate: one record for the whole process, because the streams share one network.
-// With several of them the last writer wins, the speeds of all steer the choice in each,
-// and a new stream starts with the average that the others left.
+// Deliberate: one record for the whole process, because all streams share one network. With
+// several streams the last writer wins, the speeds of all of them affect the variant of each,
+// and a new stream starts with the average left by the others.
 //
-// Threads: any may read and write. Each value is read and written whole, and nothing
-//          relies on two of them belonging together: an average may mix the speeds of
-//          streams that add theirs at the same time. So relaxed order suffices.
+// Threads: any may read and write. Relaxed order suffices: each value is atomic, and nothing
+//          relies on two values being consistent. An average may mix the speeds of streams
+//          that add theirs at the same time.
 struct StreamStats {
   class Value {
    public:
@@ -28,11 +27,11 @@ struct StreamStats {
 
   void set_buffered(std::uint64_t bytes) { cbuff_size.set(bytes / 1024); }
 
-  // Puts the speed of a download, in kbps, in front of the history and computes the average.
+  // Prepends the speed of a download, in kbps, to the history and updates the average.
   void add_speed(std::uint64_t kbps);
 
-  // Rewrites the history after a sudden drop: the average is that speed, and all older
-  // entries are half of it.
+  // Rewrites the history after a sudden drop: the average and the newest entry become that
+  // speed, all older entries half of it.
   void fall_to_speed(std::uint64_t kbps);
 
   Value last_chunk_speed;  // kbps, units of 1024 bit/s

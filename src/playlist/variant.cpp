@@ -11,7 +11,7 @@ namespace weir {
 
 namespace {
 
-// The value of the first "BANDWIDTH=" in the line, even inside a longer name.
+// The value after the first "BANDWIDTH=" in the line, even inside a longer attribute name.
 std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
   constexpr std::string_view kAttribute = "BANDWIDTH=";
   const size_t found = line.find(kAttribute);
@@ -20,7 +20,7 @@ std::optional<std::uint64_t> bandwidth_of(std::string_view line) {
   return static_cast<std::uint64_t>(leading_number(value.substr(0, value.find(','))));
 }
 
-// False when that would be one too many.
+// False if there are too many.
 bool add(std::vector<Variant>& variants, std::uint64_t bandwidth, std::string_view line) {
   if (variants.size() == limits::kMaxVariants) {
     log_err("playlist refused: more than ", limits::kMaxVariants, " variants");

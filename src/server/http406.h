@@ -6,8 +6,8 @@
 
 namespace weir {
 
-// A request that is not acceptable; the text becomes the reason phrase of the
-// answer. Thrown as a pointer: the Request that throws it owns it.
+// The request is not acceptable; the text becomes the reason phrase of the response. Thrown as
+// a pointer: the Request that throws it owns it.
 class Http406 : public std::exception {
  public:
   explicit Http406(std::string text) : message_(std::move(text)) {}

@@ -37,7 +37,7 @@ Request::~Request() = default;
 
 void Request::process(std::unique_ptr<Request> request) {
   log_out("Request::process");
-  // The new thread may end, and free the request, before the call returns.
+  // The new thread may end, and free the request, before start_detached() returns.
   Request* const handed_over = request.release();
   if (!start_detached(thread_entry, handed_over)) request.reset(handed_over);
   log_out("Request::process end");

@@ -12,8 +12,8 @@ namespace weir {
 
 namespace {
 
-// A key ends at "=", a value at "&", and neither means anything in the other:
-// "a&b=1" has the key "a&b", "a=b=c" the value "b=c".
+// A key ends at "=" only, a value at "&" only: "a&b=1" has the key "a&b", "a=b=c" the value
+// "b=c".
 void parse_query(std::string_view query, RequestLine& request) {
   for (size_t start = 0; start < query.size();) {
     const size_t key_end = std::min(query.find('=', start), query.size());

@@ -1,4 +1,4 @@
-// How a request is read and its first line taken apart (RFC 9112, section 3).
+// Reads a request and parses the request line (RFC 9112, section 3).
 //
 // Threads: any; nothing is shared.
 #pragma once
@@ -13,27 +13,27 @@ namespace weir {
 
 enum class Method { kGet, kHead, kOther };
 
-// What a request line asks for.
+// A parsed request line.
 struct RequestLine {
   Method method = Method::kOther;
   std::string path;  // decoded, without the query
 
-  // In order, duplicates kept; keys as sent, values decoded.
+  // Keys as sent, values decoded; in order, with duplicates.
   std::vector<std::pair<std::string, std::string>> params;
 
-  // The first value of that key, or null.
+  // The first value with the key, or null.
   [[nodiscard]] const std::string* get_param(std::string_view key) const;
 };
 
-// Takes a line apart; nothing when it has fewer than two words.
+// Nothing if the line has fewer than two words.
 [[nodiscard]] std::optional<RequestLine> parse_request_line(std::string_view line);
 
-// The next line from a client, without its end. A line ends after 4095 bytes, and what
-// follows is the next one. Deliberate: a read that fails or times out counts as a byte,
-// so that a slow client isn't cut off by one time-out.
+// The next line from a client, without its line end. A line is cut after 4095 bytes; the rest
+// is the next line. Deliberate: a read that fails or times out counts as a byte, so that one
+// time-out does not cut off a slow client.
 [[nodiscard]] std::string readline(int fd);
 
-// Reads lines up to an empty one.
+// Reads up to an empty line.
 void skip_headers(int fd);
 
 }  // namespace weir

@@ -24,7 +24,7 @@ namespace {
 
 constexpr timeval kClientTimeout{limits::kClientTimeout.count(), 0};
 
-// Keeps the service reachable when the server has gone.
+// Keeps the service reachable after the server is destroyed.
 Service* the_service = nullptr;
 
 Service& new_service(std::uint64_t max_buffer, Device device) {
@@ -32,11 +32,11 @@ Service& new_service(std::uint64_t max_buffer, Device device) {
   return *the_service;
 }
 
-// The crypto library and the resolver initialise themselves at their first use. If memory
-// runs out in the middle of that they crash, hang, or fail from then on. So it happens
-// here, before there is a stream to lose. No name is looked up.
+// The crypto library and the resolver initialise themselves on first use. If memory runs out
+// during that, they crash, hang, or fail from then on. So this happens here, before there is a
+// stream to lose. No name is looked up.
 void set_up_libraries() {
-  // The library's own exit handler would take the ciphers from running threads.
+  // The library's exit handler would free ciphers that other threads use.
   (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   EVP_CIPHER_free(EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr));
   sethostent(0);
@@ -55,7 +55,7 @@ Server::Server(std::uint32_t address, std::uint32_t port, std::int32_t backlog,
 void Server::createListeningSocket() {
   listen_fd_.reset(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   const int fd = listen_fd_.get();
-  // select() has no room for a descriptor that high.
+  // select() cannot handle higher descriptors.
   if (fd < 0 || fd >= FD_SETSIZE) throw "Couldn't create listening socket!";
   const int on = 1;
   (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -81,7 +81,7 @@ void Server::run() {
   }
 }
 
-// False when a second has passed; errors count as time-outs.
+// False after a second; errors count as time-outs.
 bool Server::wait_for_connection() const {
   fd_set ready;
   FD_ZERO(&ready);

@@ -1,5 +1,5 @@
-// "/stream": sends the header block at once, starts the playlist engine, and pumps what
-// appears in the buffer to the player.
+// "/stream": sends the header block at once, starts the playlist engine, and writes the bytes
+// in the buffer to the player.
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,13 +30,13 @@ void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& st
           time_t started) {
   time_t last_sent = started;
   for (;;) {
-    // In this order: after the flag is seen the fill count is final.
+    // In this order: once the flag is seen, the fill count can only fall.
     if (playlist.should_finish() && buffer.fill() == 0) return;
     const std::span<const unsigned char> readable = buffer.peek();
     stats.set_buffered(buffer.fill());
     if (!readable.empty()) {
-      // Deliberate: everything offered is consumed. After a short write (the player took
-      // nothing for 10 s) the rest is lost instead of delaying what is live.
+      // Deliberate: consumes everything offered. After a short write (the player did not keep
+      // up for 10 s) the rest is lost, so that a live stream is not delayed.
       const std::span<const unsigned char> offered =
           readable.first(std::min(readable.size(), limits::kMaxWrite));
       if (write(fd, offered.data(), offered.size()) < 0) return;
