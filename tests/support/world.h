@@ -46,6 +46,11 @@ void respond(std::string& received, Pipe& out,
 // By path: what it answers in turn, the last again and again; 404 elsewhere.
 using Pages = std::map<std::string, std::vector<Reply>>;
 
+// The pages of a stream of one variant. Segments "/1" to "/9" contain their path.
+Pages vod(const std::string& variant, Pages more = {});
+inline const std::string kM = "/stream?url=http://o/m";  // requests it
+inline const std::string kKey = "0123456789abcdef";
+
 // What a client asks.
 struct Ask {
   Time at;
@@ -73,29 +78,24 @@ class World {
   std::string get(const Ask& ask);
   // Asks all of them, and returns when all is quiet again.
   void play(const std::vector<Ask>& asks);
-  // And compares the transcript.
-  void converse(const std::vector<Ask>& asks);
+  // Also compares the story, see support/story.h.
+  void converse(const std::vector<Ask>& asks, bool in_full = false);
   void at(Time time, std::function<void()> act);
 
   Time since_start() const { return now() - start_; }
-  // Everything logged, asked of an origin ("> ") or else noticed ("~ ", what clients got among
-  // it), behind the times at which it was; problems begin with "! ". The loop shows for the
-  // first 50 seconds.
+  // The log ("! " = standard error), requests to origins ("> "), and observed calls and
+  // client results ("~ "), grouped under time stamps.
   std::string transcript;
   bool marker = false;
   bool only_answers = false;
 
  private:
   void note(const std::string& line);
+  std::string stamp() const;
   Time start_;
   Time noted_ = kNever;
   bool running_ = true;
-  int loops_ = 0;
   int acts_ = 0;  // that are still to come
 };
-
-// With the one in tests/transcripts/ that has the name of the test. With UPDATE_TRANSCRIPTS
-// in the environment that is written instead, to be reviewed.
-void compare(const std::string& transcript);
 
 }  // namespace weir::test
