@@ -37,7 +37,7 @@ struct Socket {
   std::shared_ptr<Pipe> in, out;
   Host* host = nullptr;  // at the other end
   std::string received;  // by it
-  bool blocking = true, listening = false;
+  bool blocking = true, listening = false, reuses_address = false;
   Time connected = kNever;  // or refused, which `error` says then
   int error = 0;
   Time receive_timeout = kNever, send_timeout = kNever;
@@ -326,6 +326,8 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t)
   } else if (level == SOL_SOCKET && name == SO_SNDTIMEO) {
     if (const int error = refused("SO_SNDTIMEO")) return fail(error);
     socket->send_timeout = time();
+  } else if (level == SOL_SOCKET && name == SO_REUSEADDR) {
+    socket->reuses_address = true;
   } else if (level == IPPROTO_TCP && name == TCP_NOTSENT_LOWAT) {
     socket->out->capacity = kWindow + static_cast<size_t>(*static_cast<const int*>(value));
   }
@@ -335,6 +337,8 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t)
 int __wrap_bind(int fd, const sockaddr* address, socklen_t) {
   const Inside inside;
   if (const int error = refused("bind")) return fail(error);
+  // As soon after a stream as this, the port is still taken for other sockets.
+  if (!find(fd)->reuses_address) return fail(EADDRINUSE);
   const int port = ntohs(reinterpret_cast<const sockaddr_in*>(address)->sin_port);
   return listeners.try_emplace(port, fd).second ? 0 : fail(EADDRINUSE);
 }

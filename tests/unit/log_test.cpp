@@ -17,7 +17,19 @@ namespace {
 
 using std::string_literals::operator""s;
 
-// What is logged by `act`, with both streams in one pipe as under "2>&1 | logger".
+// Runs `act` with other standard streams.
+template <class Act>
+void with_streams(int out, int err, Act act) {
+  const int streams[] = {dup(STDOUT_FILENO), dup(STDERR_FILENO)};
+  (void)dup2(out, STDOUT_FILENO);
+  (void)dup2(err, STDERR_FILENO);
+  act();
+  (void)dup2(streams[0], STDOUT_FILENO);
+  (void)dup2(streams[1], STDERR_FILENO);
+  for (const int stream : streams) close(stream);
+}
+
+// Returns what `act` logs, with both streams in one pipe as under "2>&1 | logger".
 template <class Act>
 std::string piped(Act act) {
   int ends[2];
@@ -29,16 +41,34 @@ std::string piped(Act act) {
     while ((count = read(end, piece, sizeof piece)) > 0) text.append(piece, piece + count);
     close(end);
   });
-  const int streams[] = {dup(STDOUT_FILENO), dup(STDERR_FILENO)};
-  (void)dup2(ends[1], STDOUT_FILENO);
-  (void)dup2(ends[1], STDERR_FILENO);
-  close(ends[1]);
-  act();
-  (void)dup2(streams[0], STDOUT_FILENO);
-  (void)dup2(streams[1], STDERR_FILENO);
-  for (const int stream : streams) close(stream);
+  with_streams(ends[1], ends[1], [end = ends[1], &act] {
+    close(end);
+    act();
+  });
   reader.join();
   return text;
+}
+
+// Otherwise this never ends.
+TEST(Log, FullStandardOutputDelaysNoProblem) {
+  int out[2], err[2];
+  ASSERT_EQ(pipe2(out, O_NONBLOCK) + pipe(err), 0);
+  const std::string much(4096, 'x');
+  while (write(out[1], much.data(), much.size()) > 0) {
+  }
+  (void)fcntl(out[1], F_SETFL, 0);
+  with_streams(out[1], err[1], [] {
+    log_out_unflushed("progress");
+    log_err("one");
+    log_err_at_once("two");
+  });
+  std::string got(99, '\0');
+  got.resize(static_cast<size_t>(read(err[0], got.data(), got.size())));
+  EXPECT_EQ(got, "one\ntwo\n");
+  while (read(out[0], got.data(), 1) > 0) {
+  }
+  EXPECT_EQ(piped([] { log_out(); }), "progress\n");
+  for (const int end : {out[0], out[1], err[0], err[1]}) close(end);
 }
 
 TEST(Log, LinesOfManyThreadsNeverMix) {
@@ -61,9 +91,9 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
   }
 }
 
-TEST(Log, UnflushedTextWaitsForTheNextLineOfEitherStream) {
+TEST(Log, UnflushedTextIsWrittenWithTheNextLineOfEitherStream) {
   EXPECT_EQ(piped([] {
-              // Shows what was written so far.
+              // Marks how much has been written.
               const auto bar = [] { (void)!write(STDOUT_FILENO, "|", 1); };
               log_out_unflushed("one\n");
               log_out_unflushed("two ");
