@@ -28,10 +28,12 @@ std::string shown(const std::string& sent) {
   if (!read) return errors;
   const std::optional<std::uint64_t> length = response.content_length();
   return std::string(response.http11() ? "1.1" : "1.0")
-      .append(length ? " " + std::to_string(*length) : " none")
+      .append(" ")
+      .append(length ? std::to_string(*length) : "none")
       .append(" from ")
       .append(std::to_string(response.range_start()))
-      .append(" " + response.rest);
+      .append(" ")
+      .append(response.rest);
 }
 
 TEST(Response, HeadersAreRead) {
