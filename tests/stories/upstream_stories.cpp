@@ -1,9 +1,6 @@
 // What weir does when origins and caches fail: retries, other servers, resumed downloads.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-
 #include "support/story.h"
 #include "support/world.h"
 
@@ -182,66 +179,6 @@ TEST(Story, OversizedDocumentsAreRejected) {
   world.converse({{0s, "/stream?url=http://o/long"},
                   {1s, "/stream?url=http://o/http10"},
                   {2s, "/stream?url=http://o/head"}});
-}
-
-// Streams of one clear and two encrypted segments. In each, one response always fails.
-TEST(Story, FaultsAreContained) {
-  enum Place : size_t { kMaster, kVariant, kKeyFile, kClear, kEncrypted, kPlaces };
-  const auto cut_at_100 = [](const std::string& body, End end) {
-    return cut(body, std::min<size_t>(body.size() - 5, 100), end);
-  };
-  const struct {
-    std::string name;
-    std::function<Reply(const std::string& body, size_t place)> reply;
-  } faults[] = {
-      {"refused", nullptr},
-      {"black-hole", nullptr},
-      {"silent", [](auto&, auto) { return raw("", End::kStall); }},
-      {"reset", [&](auto& body, auto) { return cut_at_100(body, End::kReset); }},
-      {"short", [&](auto& body, auto) { return cut_at_100(body, End::kClose); }},
-      // weir requests the segment again and gets all of it again; it cannot tell that it
-      // already had it.
-      {"length-too-large", [](auto& body, auto) { return cut(body + "more", body.size()); }},
-      {"no-length", [](auto& body, auto) { return raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\n" + body); }},
-      {"no-success",
-       [](auto& body, size_t place) {
-         return ok(body, std::array{"403 No", "404 No", "503 No", "404 No", "403 No"}[place]);
-       }},
-      {"byte-a-second",
-       [](auto& body, auto) {
-         Reply reply = slow(body.substr(body.size() - 3), 1, 1s);
-         reply.pieces[0] = cut(body, body.size() - 3).pieces[0];
-         return reply;
-       }},
-      {"no-head", [](auto&, auto) { return raw("\x16\x03\x01\r\njunk"); }},
-      {"short-head", [](auto&, auto) { return raw("HTTP/1.1 200 OK\r\nContent-Le", End::kClose); }},
-      {"empty", [](auto&, auto) { return ok(""); }},
-  };
-  World world;
-  world.only_answers = true;
-  world.origin("refused").kind = Host::Kind::kRefuses;
-  world.origin("black-hole").kind = Host::Kind::kSilent;
-  // A healthy stream runs alongside and must be unaffected.
-  Pages pages = vod(list(1, {"/calm", kEnd}), {{"/calm", {slow(std::string(120, 'c'), 1, 1s)}}});
-  std::vector<Ask> asks = {{0s, kM}};
-  for (const auto& fault : faults) {
-    for (size_t place = kMaster; place < kPlaces; ++place) {
-      const std::string prefix = "/" + fault.name + "/" + std::to_string(place);
-      const auto put = [&](size_t at, const std::string& path, const std::string& body) {
-        const bool faulty = at == place;
-        pages[prefix + path] = {faulty && fault.reply ? fault.reply(body, at) : ok(body)};
-        return (faulty && !fault.reply ? "http://" + fault.name : "http://o") + prefix + path;
-      };
-      const std::string a = put(kClear, "/a", std::string(600, 'a'));
-      const std::string b = put(kEncrypted, "/b", encrypt(std::string(600, 'b'), kKey));
-      const std::string c = put(kPlaces, "/c", encrypt(std::string(600, 'c'), kKey));
-      const std::string k = put(kKeyFile, "/k", kKey);
-      const std::string v = put(kVariant, "/v", list(1, {a, key(k), b, c, kEnd}, 1));
-      asks.push_back({0s, "/stream?url=" + put(kMaster, "/m", master({"1 " + v}))});
-    }
-  }
-  world.origin("o", pages);
-  world.converse(asks);
 }
 
 }  // namespace

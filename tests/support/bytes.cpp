@@ -1,11 +1,17 @@
 #include "support/bytes.h"
 
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 
 #include <algorithm>
 #include <random>
 
 namespace weir::test {
+
+void expect_rows(std::string (*function)(const std::string&),
+                 const std::vector<std::pair<std::string, std::string>>& rows) {
+  for (const auto& [in, out] : rows) EXPECT_EQ(function(in), out) << "of " << in;
+}
 
 std::string pattern(size_t size, unsigned seed) {
   std::minstd_rand random(seed);
@@ -14,7 +20,7 @@ std::string pattern(size_t size, unsigned seed) {
   return text;
 }
 
-// One pass of the cipher, without looking at what it thinks of the last block.
+// Runs the cipher once and ignores padding errors.
 static std::string cipher(std::string in, std::string key, int encrypting, bool end) {
   const auto bytes = [](auto& text) { return bytes_of(text).data(); };
   key.resize(16);

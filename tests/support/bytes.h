@@ -3,10 +3,12 @@
 #include <cstddef>
 #include <span>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace weir::test {
 
-// A text as a buffer takes it, and fills it.
+// A text as the buffer's interface has it.
 inline std::span<unsigned char> bytes_of(std::string& text) {
   return {reinterpret_cast<unsigned char*>(text.data()), text.size()};
 }
@@ -14,13 +16,17 @@ inline std::span<const unsigned char> bytes_of(const std::string& text) {
   return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-// Bytes that differ at every place where a mistake would show.
+// Compares each second text with what the function makes of the first.
+void expect_rows(std::string (*function)(const std::string&),
+                 const std::vector<std::pair<std::string, std::string>>& rows);
+
+// Pseudo-random bytes, so that displaced ones are noticed.
 std::string pattern(std::size_t size, unsigned seed = 1);
 
-// AES-128-CBC with a zero initialisation vector and padding, as segments have it.
+// AES-128-CBC with a zero initialisation vector and padding.
 std::string encrypt(const std::string& plain, const std::string& key);
-// The reverse, for any text and any key. With `end`, the last block loses its
-// padding, or is dropped when that is wrong; without it the cipher keeps the block.
+// The reverse, for any text and any key. The last block loses its padding, or is dropped
+// if the padding is wrong; without `end` it is dropped anyway.
 std::string decrypt(const std::string& text, const std::string& key, bool end = true);
 
 }  // namespace weir::test

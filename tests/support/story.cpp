@@ -9,7 +9,6 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 namespace weir::test {
@@ -29,45 +28,30 @@ std::string contents_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-const char* variable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? "" : value;
+void replace_all(std::string& text, const std::string& old, const std::string& by) {
+  for (size_t at = 0; (at = text.find(old, at)) != text.npos; at += by.size()) {
+    text.replace(at, old.size(), by);
+  }
 }
 
-// A phrase as an expression for its lines, and the line that replaces them. A {hole} is one
-// word, a {HOLE} any text; one that occurs twice is the same both times.
+// An expression for the lines of a phrase, and the format of the line that replaces them. A
+// {hole} is one word, a {HOLE} any text; one that occurs twice is the same both times.
 struct Phrase {
   std::string lines, name;
-  Lines holes;
 
-  // The number of a hole as a group of the expression, with that mark in front.
-  std::string group(const std::string& hole, char mark) const {
-    return std::string(1, mark).append(
-        std::to_string(std::find(holes.begin(), holes.end(), hole) - holes.begin() + 1));
-  }
-
-  void add(std::string line) {
-    static const std::regex special(R"([.*+?^$()|\[\]\\])");
-    static const std::regex any_hole(R"(\{(\w+)\})");
-    line = std::regex_replace(line, special, "\\$&");
-    for (std::smatch found; std::regex_search(line, found, any_hole);) {
-      const std::string hole = found[1];
-      const bool known = std::find(holes.begin(), holes.end(), hole) != holes.end();
-      if (!known) holes.push_back(hole);
-      const std::string any = hole[0] < 'a' ? "(.*)" : "(\\S*)";
-      line = std::string(found.prefix()) + (known ? group(hole, '\\') : any) + found.suffix().str();
+  void end() {
+    static const std::regex special(R"([.*+?^$()|\[\]\\])"), any_hole(R"(\{(\w+)\})");
+    lines = std::regex_replace(lines, special, "\\$&") + "(?=\n)";
+    name = "\n  * " + name;
+    std::smatch found;
+    for (char number = '1'; std::regex_search(lines, found, any_hole); ++number) {
+      const std::string hole = found.str();
+      if (name.find(hole) == name.npos) throw std::logic_error(name + " loses " + hole);
+      lines.replace(static_cast<size_t>(found.position()), hole.size(),
+                    hole[1] < 'a' ? "(.*)" : "(\\S*)");
+      replace_all(lines, hole, std::string("\\") + number);
+      replace_all(name, hole, std::string("$") + number);
     }
-    lines += "\n  " + line;
-  }
-
-  std::string apply(const std::string& text) const {
-    std::string shorter = "\n  * " + name;
-    for (const std::string& hole : holes) {
-      const size_t at = shorter.find("{" + hole + "}");
-      if (at == shorter.npos) throw std::logic_error("a phrase that loses its " + hole);
-      shorter.replace(at, hole.size() + 2, group(hole, '$'));
-    }
-    return std::regex_replace(text, std::regex(lines + "(?=\n)"), shorter);
   }
 };
 
@@ -75,42 +59,31 @@ std::vector<Phrase> read_phrases() {
   std::vector<Phrase> phrases;
   for (const std::string& line : lines_of(contents_of(STORIES "/phrases.txt"))) {
     if (line.starts_with("  ")) {
-      phrases.back().add(line.substr(2));
+      phrases.back().lines += "\n" + line;
     } else if (!line.empty() && line[0] != '#') {
-      phrases.push_back({"", line, {}});
+      phrases.push_back({"", line});
     }
   }
+  for (Phrase& phrase : phrases) phrase.end();
   return phrases;
 }
 
-// A turn of the refresh timer in which nothing is due. It counts seconds, or the last
-// download is still running.
-struct Turn {
-  long at = 0;  // milliseconds
-  std::string text;
-  long left = 0;
-
-  bool parse(long now, const std::string& line) {
-    static const std::regex turn("  (not yet refresh time: |refresh will not be done.*?)(\\d*)");
-    std::smatch parts;
-    if (!std::regex_match(line, parts, turn)) return false;
-    *this = {now, parts[1], std::atol(parts.str(2).c_str())};
-    return true;
-  }
-
-  bool follows(const Turn& last) const {
-    return at == last.at + 1000 && text == last.text && left == std::max(last.left - 1, 0L);
-  }
-};
+// A turn of the refresh timer in which nothing is due: the seconds until something is, and 0
+// while the last download is still running. -1 for other lines.
+long idle_turn(const std::string& line) {
+  static const std::regex turn("  not yet refresh time: (.*)|  refresh will not be done.*");
+  std::smatch parts;
+  return std::regex_match(line, parts, turn) ? std::atol(parts.str(1).c_str()) : -1;
+}
 
 // Without idle turns, and with relative times.
 std::string without_idle_turns(const std::string& transcript) {
   const Lines in = lines_of(transcript);
   Lines out = {""};
   std::string stamp;
-  long now = 0, shown = -9, loop = 0;
-  Turn last;
-  size_t first = 0;  // the line of the first one of its kind
+  long now = 0, shown = -9, loop = 0;  // in milliseconds
+  long turn = -1, turn_at = 0;         // the timer's last idle turn
+  size_t first_turn = 0;               // the line of the first one of a row
   for (size_t i = 0; i < in.size(); ++i) {
     const std::string& line = in[i];
     if (line[0] != ' ') {
@@ -123,20 +96,20 @@ std::string without_idle_turns(const std::string& transcript) {
       ++i;
       continue;
     }
-    Turn turn;
-    const bool waits = turn.parse(now, line);
-    if (waits && turn.follows(std::exchange(last, turn))) {
-      out[first] = out[first].substr(0, out[first].find(", until")) + ", until " + stamp;
+    const long left = idle_turn(line);
+    const bool follows = left >= 0 && now == turn_at + 1000 && left == std::max(turn - 1, 0L);
+    if (left >= 0) turn = left, turn_at = now;
+    if (follows) {
+      std::string& first = out[first_turn];
+      first = first.substr(0, first.find(", until")) + ", until " + stamp;
       continue;
     }
-    if (now == shown + 1) {
-      out.push_back("  1 ms later");
-    } else if (now == shown + 2000 && line == "  ! ERR: connect timeout") {
-      out.push_back("  2 s later");
-    } else if (now != shown) {
+    const bool connects = now == shown + 2000 && line == "  ! ERR: connect timeout";
+    if (now == shown + 1 || connects)
+      out.push_back(connects ? "  2 s later" : "  1 ms later");
+    else if (now != shown)
       out.push_back(stamp);
-    }
-    if (waits) first = out.size();
+    if (left >= 0) first_turn = out.size();
     shown = now;
     out.push_back(line);
   }
@@ -148,7 +121,8 @@ std::string without_idle_turns(const std::string& transcript) {
 std::string shorten(const std::string& transcript) {
   static const std::vector<Phrase> phrases = read_phrases();
   std::string text = without_idle_turns(transcript);
-  for (const Phrase& phrase : phrases) text = phrase.apply(text);
+  for (const auto& [lines, name] : phrases)
+    text = std::regex_replace(text, std::regex(lines), name);
   return std::regex_replace(text.substr(1), std::regex("(^|\n)([0-9.]+) s\n  "), "$1$2  ");
 }
 
@@ -169,18 +143,14 @@ void compare(const std::string& transcript, bool in_full) {
   const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
   const std::string path = STORIES "/" + name + ".txt";
   const std::string story = in_full ? transcript : shorten(transcript);
-  if (*variable("STORY_LOGS")) {
-    std::ofstream(variable("STORY_LOGS") + ("/" + name) + ".txt") << transcript;
-  }
-  if (*variable("UPDATE_STORIES")) std::ofstream(path) << story;
-  const auto comparable = *variable("SIM_SEED") ? answers_of : lines_of;
-  const Lines lines = comparable(story);
-  const Lines wanted = comparable(contents_of(path));
-  for (size_t i = 0; i < std::max(lines.size(), wanted.size()); ++i) {
-    ASSERT_EQ(i < lines.size() ? lines[i] : "(the end)",
-              i < wanted.size() ? wanted[i] : "(the end)")
-        << path << ":" << i + 1;
-  }
+  const char* const logs = std::getenv("STORY_LOGS");
+  if (logs != nullptr) std::ofstream(logs + ("/" + name) + ".txt") << transcript;
+  if (std::getenv("UPDATE_STORIES") != nullptr) std::ofstream(path) << story;
+  const auto comparable = std::getenv("SIM_SEED") != nullptr ? answers_of : lines_of;
+  Lines lines = comparable(story), wanted = comparable(contents_of(path));
+  lines.resize(std::max(lines.size(), wanted.size()), "(the end)");
+  wanted.resize(lines.size(), "(the end)");
+  for (size_t i = 0; i < lines.size(); ++i) ASSERT_EQ(lines[i], wanted[i]) << path << ":" << i + 1;
 }
 
 }  // namespace weir::test

@@ -16,7 +16,7 @@
 
 #include "support/story.h"
 
-// The program's main() by another name.
+// The program's main(), renamed.
 int weir_main(int argc, char** argv);
 
 namespace weir::test {
@@ -31,7 +31,7 @@ namespace {
 World* world = nullptr;
 int worlds = 0;
 
-// Where this is loaded the machine can't be restarted, whatever is linked.
+// Drops CAP_SYS_BOOT at load time, so that no test binary can reboot the machine.
 const bool tame = [] {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct sets[2] = {};
@@ -42,10 +42,7 @@ const bool tame = [] {
   return true;
 }();
 
-const std::string kGot = "~ got ";
-
-// In one line: "a{9}" for nine times an "a", and of what is too long its size and its sum
-// (FNV-1a).
+// In one line: "a{9}" is nine times an "a". A longer text ends with its size and FNV-1a sum.
 std::string shown(const std::string& bytes, size_t most) {
   std::string line;
   std::uint32_t sum = 2166136261;
@@ -204,7 +201,6 @@ std::string World::stamp() const {
 
 void World::note(const std::string& line) {
   const Inside inside;
-  if (only_answers && !line.starts_with(kGot)) return;
   if (noted_ != now()) transcript += stamp() + " s\n";
   noted_ = now();
   transcript += "  " + line + "\n";
@@ -264,7 +260,7 @@ void World::play(const std::vector<Ask>& asks) {
     at(ask.at, [this, ask] {
       const std::string got = get(ask);
       const size_t end = std::min(got.find("\r\n\r\n"), got.size());
-      note(kGot + stamp() + " " + shown(ask.resource, 70) + ": " +
+      note("~ got " + stamp() + " " + shown(ask.resource, 70) + ": " +
            shown(in_one_line(got.substr(0, end)), 999) + " || " +
            shown(got.substr(std::min(end + 4, got.size())), 200));
     });
@@ -282,7 +278,8 @@ void World::converse(const std::vector<Ask>& asks, bool in_full) {
 
 extern "C" {
 
-// For LeakSanitizer: what one run of main() shares is never freed, and lost to the next run.
+// For LeakSanitizer: objects that one run of main() shares are never freed, and unreachable in
+// the next run.
 int __lsan_is_turned_off() { return weir::test::worlds > 1 ? 1 : 0; }
 
 // The device that the program guards.

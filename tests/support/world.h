@@ -1,4 +1,4 @@
-// The whole program in the simulation, among origins that follow a script and players.
+// The whole program in the simulation, between scripted origins and players.
 #pragma once
 
 #include <map>
@@ -21,29 +21,29 @@ struct Reply {
     std::string bytes;
   };
   std::vector<Piece> pieces;
-  End end = kKeep;  // what becomes of the connection behind the last piece
+  End end = kKeep;  // of the connection, after the last piece
 };
 
 Reply raw(std::string bytes, Reply::End end = Reply::kKeep);
-// A status, which may have headers behind it, and a body with its length.
+// A status, possibly followed by header lines, and a body with its length.
 Reply ok(const std::string& body, const std::string& status = "200 OK");
-// The head with the length of the body, and so many bytes of it.
+// A head with the length of the body, and the first `sent` bytes of it.
 Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
 // The head, then the body in pieces.
 Reply slow(const std::string& body, size_t piece, Time pause);
 
-// A master playlist of variants "BANDWIDTH URL"; any other line stands as it is.
+// A master playlist of variants "BANDWIDTH URL"; other lines are copied.
 std::string master(const std::vector<std::string>& variants);
-// A variant playlist whose first segment has that number. Paths are those of a host "o".
+// A variant playlist whose first segment has that number. Paths are on the host "o".
 std::string list(int first, const std::vector<std::string>& lines, long duration = 10);
 std::string key(const std::string& url);
 inline const std::string kEnd = "#EXT-X-ENDLIST";
 
-// Answers the requests that are whole, as long as the connection is good for any.
+// Answers the complete requests in `received` until a reply ends the connection.
 void respond(std::string& received, Pipe& out,
              const std::function<Reply(const std::string& request)>& reply_to);
 
-// By path: what it answers in turn, the last again and again; 404 elsewhere.
+// The replies for each path, in turn; the last one is repeated. Other paths get 404.
 using Pages = std::map<std::string, std::vector<Reply>>;
 
 // The pages of a stream of one variant. Segments "/1" to "/9" contain their path.
@@ -51,34 +51,34 @@ Pages vod(const std::string& variant, Pages more = {});
 inline const std::string kM = "/stream?url=http://o/m";  // requests it
 inline const std::string kKey = "0123456789abcdef";
 
-// What a client asks.
+// A client's request.
 struct Ask {
   Time at;
-  std::string resource;               // of a GET, or all that is sent, if there is a space in it
-  size_t leaves = std::string::npos;  // after so many bytes
+  std::string resource;               // of a GET; all that is sent if it contains a space
+  size_t leaves = std::string::npos;  // bytes after which the client closes
   Time pause = {};                    // before each read, which takes 64 KiB at most
 };
 
 std::string head(const std::string& status, const std::string& type);
-// The answer to a stream that delivers this.
+// The answer to a request for a stream, with that media.
 std::string stream(const std::string& media);
 extern const std::string kOk, kMapSet;
-extern std::ptrdiff_t live_bytes, peak_bytes;  // that the program has and had allocated
+extern std::ptrdiff_t live_bytes, peak_bytes;  // allocated by the program
 
 class World {
  public:
-  // The order of threads is SIM_SEED's in the environment, 0 without it.
+  // SIM_SEED in the environment selects a schedule, 0 if it is not set.
   explicit World(const std::vector<std::string>& arguments = {"1048576"});
-  // Ends the program, which has to leave nothing behind.
+  // Ends the program and checks that no thread or socket is left.
   ~World();
 
   // Names get addresses from 10.0.0.1 on.
   Host& origin(const std::string& name_and_port, Pages pages = {});
-  // Asks, and returns what came.
+  // Sends a request and returns all that the client received.
   std::string get(const Ask& ask);
-  // Asks all of them, and returns when all is quiet again.
+  // Sends each request at its time, and returns when only the program's loop is left.
   void play(const std::vector<Ask>& asks);
-  // Also compares the story, see support/story.h.
+  // Plays, then compares the story; see support/story.h.
   void converse(const std::vector<Ask>& asks, bool in_full = false);
   void at(Time time, std::function<void()> act);
 
@@ -87,7 +87,6 @@ class World {
   // client results ("~ "), grouped under time stamps.
   std::string transcript;
   bool marker = false;
-  bool only_answers = false;
 
  private:
   void note(const std::string& line);
@@ -95,7 +94,7 @@ class World {
   Time start_;
   Time noted_ = kNever;
   bool running_ = true;
-  int acts_ = 0;  // that are still to come
+  int acts_ = 0;  // still to come
 };
 
 }  // namespace weir::test

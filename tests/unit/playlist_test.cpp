@@ -4,6 +4,7 @@
 #include "playlist/chunklist.h"
 #include "playlist/selection.h"
 #include "playlist/stream_stats.h"
+#include "support/bytes.h"
 
 namespace weir::test {
 namespace {
@@ -33,20 +34,20 @@ std::string shown_master(const std::string& text) {
 
 TEST(MasterPlaylist, LinesThatAreNoStreamTagAreVariants) {
   const std::string tag = "#EXT-X-STREAM-INF:";
-  const std::pair<std::string, std::string> rows[] = {
-      {"", ""},
-      {"#EXTM3U", ""},
-      {"\t#EXTM3U \r\na\r\n b \v\f", "0:a 0:b "},
-      {"#EXTM3U\n#EXT-X-VERSION:3\n\na", "0:#EXT-X-VERSION:3 0: 0:a "},
-      {"#EXTM3U\n" + tag + "BANDWIDTH=5\na\nb", "5:a 5:b "},
-      {"#EXTM3U\n" + tag + "A=1,AVERAGE-BANDWIDTH=5,BANDWIDTH=9\na", "5:a "},
-      {"#EXTM3U\n" + tag + "BANDWIDTH=7,A\na\n" + tag + "BANDWIDTH=x\nb", "7:a 0:b "},
-      {"#EXTM3U\n" + tag + "BANDWIDTH=-7\na", std::to_string(kMost - 6) + ":a "},
-      {"#EXTM3U\n#ext-x-stream-inf:BANDWIDTH=1", "0:#ext-x-stream-inf:BANDWIDTH=1 "},
-      {"#EXTM3U\n " + tag + "A", "0:" + tag + "A "},
-      {"#EXTM3U\na\n" + tag + "A=1\nb", "0:a Variant does not specify bandwidth!\n"},
-  };
-  for (const auto& [text, shown] : rows) EXPECT_EQ(shown_master(text), shown);
+  expect_rows(shown_master,
+              {
+                  {"", ""},
+                  {"#EXTM3U", ""},
+                  {"\t#EXTM3U \r\na\r\n b \v\f", "0:a 0:b "},
+                  {"#EXTM3U\n#EXT-X-VERSION:3\n\na", "0:#EXT-X-VERSION:3 0: 0:a "},
+                  {"#EXTM3U\n" + tag + "BANDWIDTH=5\na\nb", "5:a 5:b "},
+                  {"#EXTM3U\n" + tag + "A=1,AVERAGE-BANDWIDTH=5,BANDWIDTH=9\na", "5:a "},
+                  {"#EXTM3U\n" + tag + "BANDWIDTH=7,A\na\n" + tag + "BANDWIDTH=x\nb", "7:a 0:b "},
+                  {"#EXTM3U\n" + tag + "BANDWIDTH=-7\na", std::to_string(kMost - 6) + ":a "},
+                  {"#EXTM3U\n#ext-x-stream-inf:BANDWIDTH=1", "0:#ext-x-stream-inf:BANDWIDTH=1 "},
+                  {"#EXTM3U\n " + tag + "A", "0:" + tag + "A "},
+                  {"#EXTM3U\na\n" + tag + "A=1\nb", "0:a Variant does not specify bandwidth!\n"},
+              });
 }
 
 // "NUMBER:URL" of each segment, "@KEY" if it has one, "." if it is the last one.
@@ -64,33 +65,30 @@ std::string shown_variant(const std::string& text) {
 
 TEST(MediaPlaylist, LinesWithoutHashAreSegments) {
   const std::string number = "#EXT-X-MEDIA-SEQUENCE:", key = "#EXT-X-KEY:", end = "#EXT-X-ENDLIST";
-  const std::pair<std::string, std::string> rows[] = {
-      {"", ""},
-      {"#EXTM3U \r\n#EXTINF:4,\r\n a \v\f\r\n\nb", "0:a 1: 2:b "},
-      {"#EXTM3U\n" + number + "7\na\nb\n" + number + "x\nc", "7:a 8:b 0:c "},
-      {"#EXTM3U\n" + number + "-1\na\nb", std::to_string(kMost) + ":a 0:b "},
-      {"#EXTM3U\n" + number + "4294967296\na", "4294967296:a "},
-      {"#EXTM3U\n" + end + "\na\n" + end + "\nb", "0:a. 1:b "},
-      {"#EXTM3U\n " + end + "\na", "0:" + end + " 1:a "},
-      {"#EXTM3U\n" + key + "METHOD=NONE,URI=\"k\"\r\na\nb", "0:a@k 1:b@k "},
-      {"#EXTM3U\n" + key + "URI=\"k\",IV=0\na\n" + key + "URI=\nb", "0:a@k\",IV= 1:b "},
-      {"#EXTM3U\n" + key + "URI=\"\na\n" + key + "URI=\"\"\nb", "0:a 1:b "},
-      {"#EXTM3U\n" + key + "METHOD=NONE\na", "0:a@-X-KEY:METHOD=NON "},
-  };
-  for (const auto& [text, shown] : rows) EXPECT_EQ(shown_variant(text), shown);
+  expect_rows(shown_variant,
+              {
+                  {"", ""},
+                  {"#EXTM3U \r\n#EXTINF:4,\r\n a \v\f\r\n\nb", "0:a 1: 2:b "},
+                  {"#EXTM3U\n" + number + "7\na\nb\n" + number + "x\nc", "7:a 8:b 0:c "},
+                  {"#EXTM3U\n" + number + "-1\na\nb", std::to_string(kMost) + ":a 0:b "},
+                  {"#EXTM3U\n" + number + "4294967296\na", "4294967296:a "},
+                  {"#EXTM3U\n" + end + "\na\n" + end + "\nb", "0:a. 1:b "},
+                  {"#EXTM3U\n " + end + "\na", "0:" + end + " 1:a "},
+                  {"#EXTM3U\n" + key + "METHOD=NONE,URI=\"k\"\r\na\nb", "0:a@k 1:b@k "},
+                  {"#EXTM3U\n" + key + "URI=\"k\",IV=0\na\n" + key + "URI=\nb", "0:a@k\",IV= 1:b "},
+                  {"#EXTM3U\n" + key + "URI=\"\na\n" + key + "URI=\"\"\nb", "0:a 1:b "},
+                  {"#EXTM3U\n" + key + "METHOD=NONE\na", "0:a@-X-KEY:METHOD=NON "},
+              });
 }
 
 TEST(MediaPlaylist, TargetDurationIsKeptUntilAnotherOneIsRead) {
+  std::string shown;
   Chunklist list("");
-  const std::pair<const char*, std::uint32_t> rows[] = {{"", 1},
-                                                        {"#EXT-X-TARGETDURATION:6", 6},
-                                                        {"a", 6},
-                                                        {"#EXT-X-TARGETDURATION:x", 0},
-                                                        {"#EXT-X-TARGETDURATION:-1", 4294967295}};
-  for (const auto& [line, duration] : rows) {
-    list.parse("#EXTM3U\n" + std::string(line));
-    EXPECT_EQ(list.target_duration, duration) << line;
+  for (const char* line : {"", ":6", "", ":x", ":-1"}) {
+    list.parse("#EXTM3U\n#EXT-X-TARGETDURATION" + std::string(line));
+    shown += std::to_string(list.target_duration) + " ";
   }
+  EXPECT_EQ(shown, "1 6 6 0 4294967295 ");
 }
 
 TEST(Playlists, OtherTextsAndExcessAreRejected) {
@@ -113,10 +111,9 @@ TEST(Playlists, OtherTextsAndExcessAreRejected) {
 std::string shown_choice(std::vector<Variant> variants, std::uint64_t average) {
   const std::optional<Selection> choice = choose_variant(variants, average);
   if (!choice) return "none";
-  const auto shown = [](std::uint64_t limit, std::uint64_t none) {
-    return " "s + (limit == none ? "-" : std::to_string(limit));
-  };
-  return choice->variant->url + shown(choice->band.low, 0) + shown(choice->band.high, kMost);
+  const auto [low, high] = choice->band;
+  return choice->variant->url + " "s + (low == 0 ? "-" : std::to_string(low)) + " "s +
+         (high == kMost ? "-" : std::to_string(high));
 }
 
 TEST(Selection, HighestSustainableVariantIsChosen) {
@@ -124,25 +121,18 @@ TEST(Selection, HighestSustainableVariantIsChosen) {
       {1024000, "low"}, {4096000, "high"}, {2048000, "mid"}, {2048000, "twin"}};
   const std::vector<Variant> marked = {
       {9, "x", true}, {4096000, "a"}, {1024000, "b", true}, {2048000, "c"}};
-  const struct {
-    std::vector<Variant> variants;
-    std::uint64_t average;
-    const char* choice;
-  } rows[] = {
-      {{}, 0, "none"},
-      {{{1, "a", true}}, 0, "none"},
-      {{{5, "a"}}, 0, "a - -"},
-      {three, 0, "low - 2457600"},
-      {three, 1999, "low - 2457600"},
-      {three, 2000, "mid 2048000 4915200"},
-      {three, 3999, "mid 2048000 4915200"},
-      {three, 4000, "high 4096000 -"},
-      {marked, 1000, "c - 4915200"},
-      {marked, 4000, "a 4096000 -"},
-      {{{2047, "a"}, {1, "b"}}, 1, "a 2047 -"},
-      {{{kMost - 6, "a"}, {1, "b"}}, 1, "b - -"},
-  };
-  for (const auto& row : rows) EXPECT_EQ(shown_choice(row.variants, row.average), row.choice);
+  EXPECT_EQ(shown_choice({}, 0), "none");
+  EXPECT_EQ(shown_choice({{1, "a", true}}, 0), "none");
+  EXPECT_EQ(shown_choice({{5, "a"}}, 0), "a - -");
+  EXPECT_EQ(shown_choice({{2047, "a"}, {1, "b"}}, 1), "a 2047 -");
+  EXPECT_EQ(shown_choice({{kMost - 6, "a"}, {1, "b"}}, 1), "b - -");
+  for (const std::uint64_t average : {0, 1999})
+    EXPECT_EQ(shown_choice(three, average), "low - 2457600");
+  for (const std::uint64_t average : {2000, 3999})
+    EXPECT_EQ(shown_choice(three, average), "mid 2048000 4915200");
+  EXPECT_EQ(shown_choice(three, 4000), "high 4096000 -");
+  EXPECT_EQ(shown_choice(marked, 1000), "c - 4915200");
+  EXPECT_EQ(shown_choice(marked, 4000), "a 4096000 -");
 }
 
 TEST(Selection, SlowVariantStaysWhileTheBufferIsSixtyPercentFull) {
@@ -176,16 +166,12 @@ TEST(Selection, SlowVariantStaysWhileTheBufferIsSixtyPercentFull) {
 
 TEST(StreamStats, AverageWeighsTheLastFiveSpeeds) {
   StreamStats stats;
-  const std::pair<std::uint64_t, std::uint64_t> rows[] = {{900, 300}, {0, 200}, {0, 200},
-                                                          {0, 100},   {0, 100}, {9, 3}};
-  for (const auto& [speed, average] : rows) {
-    stats.add_speed(speed);
-    EXPECT_EQ(stats.avg_speed.get(), average);
-  }
-  stats.fall_to_speed(90);
-  EXPECT_EQ(stats.avg_speed.get(), 90U);
-  stats.add_speed(0);
-  EXPECT_EQ(stats.avg_speed.get(), (2 * 90 + 4 * 45) / 9U);
+  std::string shown;
+  const auto show = [&] { shown += std::to_string(stats.avg_speed.get()) + " "; };
+  for (const std::uint64_t speed : {900, 0, 0, 0, 0, 9}) stats.add_speed(speed), show();
+  stats.fall_to_speed(90), show();
+  stats.add_speed(0), show();
+  EXPECT_EQ(shown, "300 200 200 100 100 3 90 40 ");
 }
 
 }  // namespace

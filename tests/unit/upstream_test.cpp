@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include "cachemap/cache_map.h"
+#include "support/bytes.h"
 #include "upstream/connection.h"
 #include "upstream/response.h"
 #include "upstream/server_choice.h"
@@ -37,37 +38,38 @@ std::string shown(const std::string& sent) {
 }
 
 TEST(Response, HeadersAreRead) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"HTTP/1.1 200 OK\r\nA: b\r\n\r\n", "1.1 none from 0 "},
-      {"HTTP/1.0 2\r\nA: b\r\n\r\nbody\r\n\r\n", "1.0 none from 0 body\r\n\r\n"},
-      {"HTTP/1.1 206 P\r\nContent-Length: \t 3 \r\n\r\n206", "1.1 3 from 0 206"},
-      {"HTTP/1.1 200\r\n Content-Length: 9\r\nContent-Length:010\r\n\r\n", "1.1 10 from 0 "},
-      {"HTTP/1.1 200\r\nContent-Length: 3\r\nContent-Length: 5\r\n\r\n", "1.1 3 from 0 "},
-      {"HTTP/1.1 200\r\nno colon\r\ncontent-length: 5\r\n\r\n", "1.1 none from 0 "},
-      {"HTTP/1.1 200\r\nContent-Length: -1\r\n\r\n", "1.1 18446744073709551615 from 0 "},
-      {"HTTP/1.1 200\nContent-Length: 1\r\nA:\nContent-Length: 2\n\r\n\r\n", "1.1 2 from 0 "},
-      {"HTTP/1.1 200\r\nContent-Range: bytes 4096-8191/8192\r\n\r\n", "1.1 none from 4096 "},
-      {"HTTP/1.1 200\r\nContent-Range: bytes 12\r\n\r\n", "1.1 none from 12 "},
-      {"HTTP/1.1 200\r\nContent-Range: bytes -5\r\n\r\n", "1.1 none from 0 "},
-      {"HTTP/1.1 200\r\nContent-Range: -bytes 5\r\n\r\n", "1.1 none from 5 "},
-      {"HTTP/1.1 200\r\nContent-Range: 7-8/9\r\n\r\n", "1.1 none from 0 "},
-      {"HTTP/1.1 200\r\nContent-Range: bytes\r\n\r\n", "1.1 none from 0 "},
-      {"HTTP/1.1 200\r\ncontent-range: bytes 4-5/6\r\n\r\n", "1.1 none from 0 "},
-  };
-  for (const auto& [sent, response] : rows) EXPECT_EQ(shown(sent), response) << sent;
+  expect_rows(
+      shown,
+      {
+          {"HTTP/1.1 200 OK\r\nA: b\r\n\r\n", "1.1 none from 0 "},
+          {"HTTP/1.0 2\r\nA: b\r\n\r\nbody\r\n\r\n", "1.0 none from 0 body\r\n\r\n"},
+          {"HTTP/1.1 206 P\r\nContent-Length: \t 3 \r\n\r\n206", "1.1 3 from 0 206"},
+          {"HTTP/1.1 200\r\n Content-Length: 9\r\nContent-Length:010\r\n\r\n", "1.1 10 from 0 "},
+          {"HTTP/1.1 200\r\nContent-Length: 3\r\nContent-Length: 5\r\n\r\n", "1.1 3 from 0 "},
+          {"HTTP/1.1 200\r\nno colon\r\ncontent-length: 5\r\n\r\n", "1.1 none from 0 "},
+          {"HTTP/1.1 200\r\nContent-Length: -1\r\n\r\n", "1.1 18446744073709551615 from 0 "},
+          {"HTTP/1.1 200\nContent-Length: 1\r\nA:\nContent-Length: 2\n\r\n\r\n", "1.1 2 from 0 "},
+          {"HTTP/1.1 200\r\nContent-Range: bytes 4096-8191/8192\r\n\r\n", "1.1 none from 4096 "},
+          {"HTTP/1.1 200\r\nContent-Range: bytes 12\r\n\r\n", "1.1 none from 12 "},
+          {"HTTP/1.1 200\r\nContent-Range: bytes -5\r\n\r\n", "1.1 none from 0 "},
+          {"HTTP/1.1 200\r\nContent-Range: -bytes 5\r\n\r\n", "1.1 none from 5 "},
+          {"HTTP/1.1 200\r\nContent-Range: 7-8/9\r\n\r\n", "1.1 none from 0 "},
+          {"HTTP/1.1 200\r\nContent-Range: bytes\r\n\r\n", "1.1 none from 0 "},
+          {"HTTP/1.1 200\r\ncontent-range: bytes 4-5/6\r\n\r\n", "1.1 none from 0 "},
+      });
 }
 
 TEST(Response, OtherStatusLinesAreRejected) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"HTTP/1.1 200 OK", "Where is http state?\n"},
-      {"\r\nHTTP/1.1 200 OK\r\n", "Empty http state?\n"},
-      {"ICY 200 OK\r\n", "Not HTTP/1.x?\n"},
-      {"HTTP/1.2 200 OK\r\n", "Not HTTP/1.x?\n"},
-      {"HTTP/1.1\r\n", "HTTP response first_line: HTTP/1.1\n"},
-      {"HTTP/1.1  200 OK\r\n", "HTTP response first_line: HTTP/1.1  200 OK\n"},
-      {"HTTP/1.0 302 Found\r\nA", "HTTP response first_line: HTTP/1.0 302 Found\n"},
-  };
-  for (const auto& [sent, errors] : rows) EXPECT_EQ(shown(sent), errors);
+  expect_rows(shown,
+              {
+                  {"HTTP/1.1 200 OK", "Where is http state?\n"},
+                  {"\r\nHTTP/1.1 200 OK\r\n", "Empty http state?\n"},
+                  {"ICY 200 OK\r\n", "Not HTTP/1.x?\n"},
+                  {"HTTP/1.2 200 OK\r\n", "Not HTTP/1.x?\n"},
+                  {"HTTP/1.1\r\n", "HTTP response first_line: HTTP/1.1\n"},
+                  {"HTTP/1.1  200 OK\r\n", "HTTP response first_line: HTTP/1.1  200 OK\n"},
+                  {"HTTP/1.0 302 Found\r\nA", "HTTP response first_line: HTTP/1.0 302 Found\n"},
+              });
 }
 
 TEST(ServerChoice, PlaceholdersAreReplacedByCaches) {
