@@ -119,8 +119,10 @@ std::string key(const std::string& url) { return "#EXT-X-KEY:METHOD=AES-128,URI=
 
 Pages vod(const std::string& variant, Pages more) {
   more.insert({{"/m", {ok(master({"1 http://o/v"}))}}, {"/v", {ok(variant)}}});
-  for (int i = 1; i <= 9; ++i)
-    more.insert({"/" + std::to_string(i), {ok("/" + std::to_string(i))}});
+  for (const char number : "123456789"s) {
+    const std::string path = {'/', number};
+    more.insert({path, {ok(path)}});
+  }
   return more;
 }
 
