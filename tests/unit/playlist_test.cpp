@@ -126,9 +126,9 @@ TEST(Selection, HighestSustainableVariantIsChosen) {
   EXPECT_EQ(shown_choice({{5, "a"}}, 0), "a - -");
   EXPECT_EQ(shown_choice({{2047, "a"}, {1, "b"}}, 1), "a 2047 -");
   EXPECT_EQ(shown_choice({{kMost - 6, "a"}, {1, "b"}}, 1), "b - -");
-  for (const std::uint64_t average : {0, 1999})
+  for (const std::uint64_t average : {0U, 1999U})
     EXPECT_EQ(shown_choice(three, average), "low - 2457600");
-  for (const std::uint64_t average : {2000, 3999})
+  for (const std::uint64_t average : {2000U, 3999U})
     EXPECT_EQ(shown_choice(three, average), "mid 2048000 4915200");
   EXPECT_EQ(shown_choice(three, 4000), "high 4096000 -");
   EXPECT_EQ(shown_choice(marked, 1000), "c - 4915200");
@@ -168,7 +168,7 @@ TEST(StreamStats, AverageWeighsTheLastFiveSpeeds) {
   StreamStats stats;
   std::string shown;
   const auto show = [&] { shown += std::to_string(stats.avg_speed.get()) + " "; };
-  for (const std::uint64_t speed : {900, 0, 0, 0, 0, 9}) stats.add_speed(speed), show();
+  for (const std::uint64_t speed : {900U, 0U, 0U, 0U, 0U, 9U}) stats.add_speed(speed), show();
   stats.fall_to_speed(90), show();
   stats.add_speed(0), show();
   EXPECT_EQ(shown, "300 200 200 100 100 3 90 40 ");
