@@ -55,13 +55,13 @@ struct Fiber {
   char* stack = nullptr;
   size_t size = kStack;
   bool done = false, woken = false;
-  bool released = true;    // joined or detached, as a thread of the program has to be
-  std::uint64_t turn = 0;  // of waiting; a deadline of an earlier one is void
+  bool released = true;    // joined or detached
+  std::uint64_t turn = 0;  // number of waits; a deadline of an earlier wait is void
   Waiters joiners;
   std::vector<Waiters*> waiting;
-  void* exceptions[2] = {};  // what the C++ library keeps of a thread
+  void* exceptions[2] = {};  // the C++ library's state of a thread
   ucontext_t context{};
-  void* shadow = nullptr;  // the sanitizer's
+  void* shadow = nullptr;  // the sanitizer's fiber
 
   void leave_lists() {
     for (Waiters* list : waiting) std::erase(list->fibers_, this);
@@ -82,16 +82,22 @@ struct Due {
 
 Fiber main_fiber;
 Fiber* current = &main_fiber;
-Fiber* ended = nullptr;  // and to be freed by who runs next
+Fiber* ended = nullptr;  // freed by the next fiber that runs
 std::deque<Fiber*> ready;
 std::priority_queue<Due> due;
-std::deque<Fiber> fibers;  // all there ever were, since a deadline in `due` may name any
-std::map<std::string, int> refusals;
+std::deque<Fiber> fibers;  // never erased: entries in `due` may point at finished fibers
+struct Refusal {
+  int error = 0;
+  int nth = 0;  // 0: all calls
+};
+std::map<std::string, Refusal, std::less<>> refusals;
+Counts counts;
+bool counting = false;
 std::map<pthread_mutex_t*, Waiters> contended;
 Time time_now{0};
 Time clock_start = std::chrono::seconds(1000);
 std::uint64_t numbers = 0;
-std::uint64_t steps = 0;  // since the time went on
+std::uint64_t steps = 0;  // since the clock last advanced
 int program_threads = 0;
 bool at_random = false;
 std::minstd_rand random_order;
@@ -120,7 +126,7 @@ void free_ended() {
   ended = nullptr;
 }
 
-// Behind a switch: on the stack of the fiber that now runs.
+// Called first after a switch, on the stack of the fiber that now runs.
 void arrived() {
 #if WEIR_ASAN
   const void* bottom;
@@ -144,7 +150,8 @@ void switch_to(Fiber* next, bool for_good = false) {
   void* const globals = __cxxabiv1::__cxa_get_globals();
   std::memcpy(from->exceptions, globals, sizeof from->exceptions);
 #if WEIR_TSAN
-  static char test;  // what fibers of the test do is in order; the program's have to see to it
+  // Test fibers are synchronised implicitly; program fibers must synchronise themselves.
+  static char test;
   if (from->shadow == nullptr) from->shadow = __tsan_get_current_fiber();
   if (from->whose == Of::kTest) __tsan_release(&test);
   __tsan_switch_to_fiber(next->shadow, __tsan_switch_to_fiber_no_sync);
@@ -161,7 +168,7 @@ void switch_to(Fiber* next, bool for_good = false) {
   errno = error;
 }
 
-// The clock goes on to what is due next, and all that is due then takes part in the lottery.
+// Advances the clock to the next deadline; every fiber due at that time becomes eligible to run.
 void pass_time() {
   while (!due.empty() && (ready.empty() || due.top().time <= time_now)) {
     const Due next = due.top();
@@ -171,11 +178,11 @@ void pass_time() {
     time_now = std::max(time_now, next.time);
     make_ready(next.fiber, false);
   }
-  if (ready.empty()) die("every thread waits for ever");
+  if (ready.empty()) die("deadlock: every thread waits forever");
 }
 
 Fiber* next_fiber() {
-  if (++steps > 30'000'000) die("time doesn't go on");
+  if (++steps > 30'000'000) die("livelock: the clock no longer advances");
   if (ready.empty()) pass_time();
   if (at_random) std::swap(ready.front(), ready[random_order() % ready.size()]);
   Fiber* const next = ready.front();
@@ -188,7 +195,7 @@ void let_others_run() {
   switch_to(next_fiber());
 }
 
-// Who runs next.
+// Returns the fiber to run next.
 Fiber* end_current() {
   const Inside inside;
   current->run = nullptr;
@@ -262,7 +269,7 @@ void set_clock(Time at_start) { clock_start = at_start - time_now; }
 
 int threads() {
 #if WEIR_TSAN
-  if (program_threads == 0) __tsan_acquire(&program_threads);  // as if they were joined
+  if (program_threads == 0) __tsan_acquire(&program_threads);  // as joining them would
 #endif
   return program_threads;
 }
@@ -298,18 +305,36 @@ bool in_program() { return current->whose == Of::kProgram && current->inside == 
 
 void refuse(const char* call, int error) {
   const Inside inside;
-  refusals[call] = error;
+  refusals[call] = {error};
 }
+
+void refuse_nth(const char* call, int n, int error) {
+  const Inside inside;
+  counts.clear();
+  counting = true;
+  refusals[call] = {error, n};
+}
+
+const Counts& calls() { return counts; }
 
 int refused(const char* call) {
   if (refusals.empty() || current->whose == Of::kTest) return 0;
+  const Inside inside;
+  const int number = counting ? ++counts[call] : 0;
   const auto found = refusals.find(call);
-  return found == refusals.end() ? 0 : found->second;
+  if (found == refusals.end()) return 0;
+  const auto [error, nth] = found->second;
+  return nth == 0 || nth == number ? error : 0;
+}
+
+int fail(int error) {
+  errno = error;
+  return -1;
 }
 
 }  // namespace weir::test
 
-// What the program calls ---------------------------------------------------------------
+// Wrapped calls --------------------------------------------------------------------------
 
 using namespace weir::test;
 
@@ -351,7 +376,7 @@ int __wrap_pthread_detach(pthread_t thread) {
 
 pthread_t __wrap_pthread_self() { return reinterpret_cast<pthread_t>(current); }
 
-// The real mutex, so that who holds it is known to ThreadSanitizer as ever.
+// Takes the real mutex, too: ThreadSanitizer has to see it.
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   const Inside inside;
   may_switch();
@@ -373,6 +398,7 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
   if (clock != CLOCK_MONOTONIC && clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
   const Inside inside;
+  may_switch();
   const std::int64_t shown = (clock_start + time_now).count();
   *time = {shown / 1'000'000'000, static_cast<long>(shown % 1'000'000'000)};
   return 0;
@@ -385,12 +411,15 @@ int __wrap_gettimeofday(timeval* time, void*) {
   return 0;
 }
 
-// std::chrono::steady_clock::now(), which is one 64-bit number.
+// std::chrono::steady_clock::now() returns one 64-bit number.
 std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+  const Inside inside;
+  may_switch();
   return (clock_start + time_now).count();
 }
 
 int __wrap_nanosleep(const timespec* time, timespec*) {
+  if (const int error = refused("nanosleep")) return fail(error);
   sleep(std::chrono::seconds(time->tv_sec) + Time(time->tv_nsec));
   return 0;
 }

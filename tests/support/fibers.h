@@ -1,16 +1,18 @@
-// Simulated time. Threads of the program and of the test are fibers of one operating
-// system thread; the clock stands still while one of them can run, and jumps to the next
-// deadline when all of them wait. The seam is the linker's --wrap (tests/CMakeLists.txt):
-// the program's own calls come here, and it has no branch for tests.
+// Simulated time and threads. Threads of the program and of the tests are fibers of one
+// operating-system thread; the clock stands still while one of them can run and jumps to
+// the next deadline when all of them wait. The linker's --wrap (tests/CMakeLists.txt)
+// redirects the program's calls to the simulation, so the program has no branch for tests.
 //
-// A fiber is left only in a wrapped call. Which one runs next follows from the seed: with
-// 0 in turn, and only where a call blocks; otherwise at random, and at any wrapped call.
+// Fibers switch only inside wrapped calls. Seed 0: round-robin, only when a call blocks.
+// Other seeds: random, possibly at every wrapped call.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace weir::test {
@@ -22,21 +24,22 @@ struct Fiber;
 
 void set_seed(unsigned seed);
 Time now();
-// What CLOCK_MONOTONIC and gettimeofday() show at the start.
+// Sets what CLOCK_MONOTONIC and gettimeofday() show now.
 void set_clock(Time at_start);
 
 enum class Of { kTest, kProgram };
 void spawn(std::function<void()> run, Of whose = Of::kTest);
-// Of the program, those included that have ended and that nobody joined or detached.
+// The program's threads, including ended ones that were neither joined nor detached.
 int threads();
 
 void sleep_until(Time time);
 inline void sleep(Time time) { sleep_until(now() + time); }
-// A place where another fiber may come in.
+// Under a random seed, may run other fibers first.
 void may_switch();
-bool in_program();  // and not in the simulation itself
+// True in the program's own code, false in tests and inside wrapped calls.
+bool in_program();
 
-// Those who wait for one thing to change.
+// The fibers that wait for one condition.
 class Waiters {
  public:
   void wake();
@@ -46,14 +49,23 @@ class Waiters {
   friend struct Fiber;
   std::vector<Fiber*> fibers_;
 };
-// Until any of them is woken; false at the deadline.
+// Blocks until one of the lists is woken; false at the deadline.
 bool wait(const std::vector<Waiters*>& lists, Time deadline = kNever);
 
-// The program's calls of that name fail with that error (0 takes it back).
+// Makes all of the program's calls of that name fail with `error`; 0 ends it.
 void refuse(const char* call, int error);
+// Makes only the n-th of them fail, counted from now on and from 1.
+void refuse_nth(const char* call, int n, int error);
+constexpr int kTimeout = -1;  // an `error` of poll: it returns 0
+// For wrapped calls: the error with which this one has to fail, or 0.
 int refused(const char* call);
+// Sets errno and returns -1.
+int fail(int error);
+// The program's calls by name since refuse_nth().
+using Counts = std::map<std::string, int, std::less<>>;
+const Counts& calls();
 
-// Within it ThreadSanitizer looks away: the simulation's own state is not the program's.
+// Hides its scope from ThreadSanitizer: the simulation's state is not the program's.
 class Inside {
  public:
   Inside();

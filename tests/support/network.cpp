@@ -30,15 +30,15 @@ std::function<void(const std::string&)> noticed;
 namespace {
 
 constexpr int kFirst = 200;
-constexpr int kBeyondSelect = FD_SETSIZE + 1;  // all but the first, which is selected
-constexpr size_t kWindow = 64 << 10;           // what the peer's kernel has taken for certain
+constexpr int kBeyondSelect = FD_SETSIZE + 1;  // all sockets but the first, the listening one
+constexpr size_t kWindow = 64 << 10;           // bytes in the peer's kernel that a reset can't drop
 
 struct Socket {
   std::shared_ptr<Pipe> in, out;
-  Host* host = nullptr;  // at the other end
-  std::string received;  // by it
+  Host* host = nullptr;  // the peer, if it is an origin
+  std::string received;  // by that host
   bool blocking = true, listening = false, reuses_address = false;
-  Time connected = kNever;  // or refused, which `error` says then
+  Time connected = kNever;  // or refused, if `error` is set
   int error = 0;
   Time receive_timeout = kNever, send_timeout = kNever;
   std::deque<int> backlog;
@@ -63,14 +63,9 @@ int new_socket() {
   return fd;
 }
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
 bool is_log(int fd) { return (fd == STDOUT_FILENO || fd == STDERR_FILENO) && log_line; }
 
-// When there is something to be read: bytes, or an end.
+// When the next bytes or the end can be read.
 Time readable_at(const Pipe& pipe) {
   return std::min(pipe.pieces.empty() ? kNever : pipe.pieces.front().at, pipe.ends);
 }
@@ -87,7 +82,7 @@ int events_of(const Socket& socket) {
   return (readable_at(*socket.in) <= now() ? POLLIN : 0) | (room ? POLLOUT : 0);
 }
 
-// Those of the events that are there, if any is before the deadline.
+// Waits until any of the events holds; returns those that do, 0 at the deadline.
 int wait_event(int fd, int events, Time deadline) {
   for (;;) {
     const Socket* const socket = find(fd);
@@ -111,10 +106,24 @@ int wait_event(int fd, int events, Time deadline) {
 
 Time after(Time timeout) { return timeout == kNever ? kNever : now() + timeout; }
 
+// Fails as told by refuse(). A reset is made real: the connection is of no further use.
+bool is_refused(Socket* socket, const char* client_call, const char* upstream_call) {
+  if (socket == nullptr || socket->in == nullptr) return false;
+  errno = refused(socket->host == nullptr ? client_call : upstream_call);
+  if (errno == ECONNRESET || errno == EPIPE) {
+    socket->in->pieces.clear();
+    socket->in->held = 0;
+    socket->in->reset(now());
+    socket->out->reset(now());
+  }
+  return errno != 0;
+}
+
 ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
   Socket* const socket = find(fd);
   if (socket == nullptr) return fail(EBADF);
   if (socket->error != 0) return fail(std::exchange(socket->error, 0));
+  if (is_refused(socket, "client read", "upstream read")) return -1;
   if (socket->in == nullptr) return fail(ENOTCONN);
   const Time deadline = dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
   const std::shared_ptr<Pipe> in = socket->in;
@@ -140,6 +149,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
   Socket* const socket = find(fd);
   if (socket == nullptr) return fail(EBADF);
   if (socket->error != 0) return fail(std::exchange(socket->error, 0));
+  if (is_refused(socket, "client write", "upstream write")) return -1;
   if (socket->out == nullptr) return fail(ENOTCONN);
   const bool waits = (flags & MSG_DONTWAIT) == 0 && socket->blocking;
   const Time deadline = waits ? after(socket->send_timeout) : now();
@@ -169,8 +179,9 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 
 ssize_t write_log(int fd, const void* from, size_t size) {
   while (stuck[fd]) (void)wait({&unstuck});
-  static bool interrupted = false;  // every line is, once
+  static bool interrupted = false;  // every log write is interrupted once with EINTR
   if ((interrupted = !interrupted)) return fail(EINTR);
+  if (const int error = refused("log write")) return fail(error);
   log_line(fd, {static_cast<const char*>(from), size});
   return static_cast<ssize_t>(size);
 }
@@ -179,7 +190,7 @@ void close_socket(int fd) {
   Socket& socket = sockets.at(fd);
   for (const int waiting : socket.backlog) close_socket(waiting);
   if (socket.in != nullptr) {
-    // What was not read makes it a reset, and the rest of what was sent is lost.
+    // Closing with unread bytes sends a reset, and unsent bytes are lost.
     const bool unread = !socket.in->pieces.empty() && socket.in->pieces.front().at <= now();
     unread ? socket.out->reset(now()) : socket.out->end(now());
     socket.in->broken = true;
@@ -196,7 +207,7 @@ std::string text_of(const sockaddr_in& address) {
   return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-// Both ends of a connection to the program.
+// Creates both ends of a connection to the program.
 int connect_to_listener(Socket& client, int listener) {
   const int fd = new_socket();
   Socket& accepted = sockets[fd];
@@ -271,7 +282,7 @@ void close_all_sockets() {
 
 }  // namespace weir::test
 
-// What the program calls ---------------------------------------------------------------
+// Wrapped calls --------------------------------------------------------------------------
 
 using namespace weir::test;
 
@@ -285,10 +296,12 @@ ssize_t __real_send(int fd, const void* from, size_t size, int flags);
 int __real_close(int fd);
 int __real_fcntl(int fd, int command, ...);
 
-// The program waits for one descriptor at a time, and selects for reading only.
+// The program polls one descriptor at a time, and selects for reading only.
 int __wrap_poll(pollfd* entry, nfds_t count, int timeout) {
   const Inside inside;
   may_switch();
+  entry->revents = 0;
+  if (const int error = refused("poll")) return error == kTimeout ? 0 : fail(error);
   if (entry->fd < kFirst && !is_log(entry->fd)) return __real_poll(entry, count, timeout);
   const Time time = timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout);
   entry->revents = static_cast<short>(wait_event(entry->fd, entry->events, time));
@@ -326,6 +339,8 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t)
   } else if (level == SOL_SOCKET && name == SO_SNDTIMEO) {
     if (const int error = refused("SO_SNDTIMEO")) return fail(error);
     socket->send_timeout = time();
+  } else if (const int error = refused("setsockopt")) {
+    return fail(error);
   } else if (level == SOL_SOCKET && name == SO_REUSEADDR) {
     socket->reuses_address = true;
   } else if (level == IPPROTO_TCP && name == TCP_NOTSENT_LOWAT) {
@@ -363,12 +378,16 @@ int __wrap_accept(int fd, sockaddr*, socklen_t*) {
 int __wrap_connect(int fd, const sockaddr* address, socklen_t) {
   const Inside inside;
   may_switch();
+  const int error = refused("connect");
+  if (error != 0 && error != ETIMEDOUT) return fail(error);
   const auto& to = *reinterpret_cast<const sockaddr_in*>(address);
   Socket& socket = *find(fd);
   const auto listener = listeners.find(ntohs(to.sin_port));
   if (to.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && listener != listeners.end()) {
     return connect_to_listener(socket, listener->second);
   }
+  static Host silent{Host::Kind::kSilent, {}, 0, nullptr};
+  if (error != 0) return connect_to_host(socket, silent);
   Host& host = hosts[text_of(to)];
   if (!host.request) host.kind = Host::Kind::kRefuses;
   return connect_to_host(socket, host);
@@ -417,6 +436,7 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_end(more);
   if (fd < kFirst) return __real_fcntl(fd, command, argument);
   const Inside inside;
+  if (const int error = refused("fcntl")) return fail(error);
   bool& blocking = find(fd)->blocking;
   if (command == F_GETFL) return O_RDWR | (blocking ? 0 : O_NONBLOCK);
   blocking = (argument & O_NONBLOCK) == 0;
@@ -428,6 +448,8 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t
   const Inside inside;
   may_switch();
   *result = nullptr;
+  *error = TRY_AGAIN;
+  if (const int status = refused("gethostbyname_r")) return status;
   const auto found = names.find(name);
   if (found == names.end()) {
     *error = HOST_NOT_FOUND;
@@ -438,7 +460,7 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t
     char* list[2];
     in_addr address;
   };
-  constexpr size_t kNeeded = 1500;  // more than is tried first
+  constexpr size_t kNeeded = 1500;  // more than the program offers at first
   if (size < kNeeded) return ERANGE;
   auto* const kept = new (space + (8 - reinterpret_cast<std::uintptr_t>(space) % 8)) Found{};
   if (inet_pton(AF_INET, found->second.c_str(), &kept->address) == 1) {
@@ -460,16 +482,5 @@ int __wrap_malloc_trim(size_t) {
   const Inside inside;
   if (noticed) noticed("trim, threads " + std::to_string(threads()));
   return 0;
-}
-
-void* __real_malloc(size_t size);
-void* __wrap_malloc(size_t size) {
-  constexpr size_t kLarge = 100'000;
-  // All that is large, or what has that very size.
-  if (size >= kLarge) {
-    const auto what = static_cast<size_t>(refused("malloc"));
-    if (what == EAGAIN || what == size) return nullptr;
-  }
-  return __real_malloc(size);
 }
 }

@@ -1,8 +1,8 @@
-// The network of the simulation: sockets of the program and of the test that meet in
-// memory. Descriptors from kFirst on belong to it; calls with any other go to the system.
+// The simulated network: sockets of the program and of the test, connected in memory.
+// Calls with descriptors below kFirst go to the system.
 //
-// To connect to a host that the test has set up is to talk with its `serve`; any other
-// address refuses. Descriptors 1 and 2 are the log when somebody takes it.
+// A connection to one of `hosts` is served by its `request`; any other address refuses.
+// Writes to descriptors 1 and 2 go to `log_line` while that is set.
 #pragma once
 
 #include <deque>
@@ -22,38 +22,38 @@ struct Pipe {
     std::string bytes;
   };
   std::deque<Piece> pieces;
-  size_t taken = 0;  // of the first
-  size_t held = 0;   // in all
+  size_t taken = 0;  // bytes of the first piece that were read
+  size_t held = 0;   // bytes in all pieces
   size_t capacity = size_t{4} << 20;
   Time ends = kNever;
-  bool is_reset = false;  // by then
-  bool broken = false;    // the reader has gone
+  bool is_reset = false;  // it ends with a reset
+  bool broken = false;    // the reader has closed it
   Waiters readers, writers;
 
-  // From the writer, to arrive then.
+  // For the writer; `at` is the time of arrival.
   void put(Time at, std::string bytes);
   void end(Time at);
   void reset(Time at);
 };
 
-// What a host does with a connection. `request` is called with all that the program has
-// sent so far, takes what it understands, and answers into `to_program`.
+// An origin. `request` is called with the bytes received and not yet taken, removes the
+// requests that are complete and answers into `to_program`.
 struct Host {
   enum class Kind { kServes, kRefuses, kSilent, kUnreachable, kDeaf };
   Kind kind = Kind::kServes;
-  Time latency = std::chrono::milliseconds(1);  // of a connection; 0 connects at once
-  size_t capacity = 256 << 10;                  // what is on the way to it at most
+  Time latency = std::chrono::milliseconds(1);  // of connecting; 0 connects at once
+  size_t capacity = 256 << 10;                  // most bytes on the way to it
   std::function<void(std::string& received, Pipe& to_program)> request;
 };
 
 extern std::map<std::string, Host> hosts;         // "10.0.0.1:80"
-extern std::map<std::string, std::string> names;  // name or address; "" has no address
+extern std::map<std::string, std::string> names;  // to addresses; "" is an entry without any
 extern std::function<void(int fd, const std::string&)> log_line;  // of descriptors 1 and 2
-extern std::function<void(const std::string&)> noticed;           // calls that nobody else sees
+extern std::function<void(const std::string&)> noticed;           // calls without another effect
 void set_log_stuck(int fd, bool stuck);
 
 bool is_listening();
 int open_sockets();
-void close_all_sockets();  // as at the end of a process
+void close_all_sockets();  // as the end of a process does
 
 }  // namespace weir::test
