@@ -419,6 +419,7 @@ std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
 }
 
 int __wrap_nanosleep(const timespec* time, timespec*) {
+  const Inside inside;
   if (const int error = refused("nanosleep")) return fail(error);
   sleep(std::chrono::seconds(time->tv_sec) + Time(time->tv_nsec));
   return 0;

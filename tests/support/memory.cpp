@@ -19,10 +19,12 @@ void __real_free(void* memory);
 
 namespace {
 
-void* counted(void* memory, std::ptrdiff_t sign = 1) {
+void* counted(void* memory, [[maybe_unused]] std::ptrdiff_t sign = 1) {
+#if defined(COUNT_MEMORY)
   if (!in_program()) return memory;
   live_bytes += sign * static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
   peak_bytes = std::max(peak_bytes, live_bytes);
+#endif
   return memory;
 }
 
@@ -30,16 +32,27 @@ bool is_refused(const char* call) { return in_program() && refused(call) != 0; }
 
 void release(void* memory) { __real_free(counted(memory, -1)); }
 
-void* crypto_malloc(size_t size, const char*, int) {
-  return is_refused("libcrypto") ? nullptr : counted(__real_malloc(size));
-}
-
+// Hidden from ThreadSanitizer: libcrypto keeps its error queue per operating-system thread,
+// and all fibers share one.
 void* crypto_realloc(void* memory, size_t size, const char*, int) {
   if (is_refused("libcrypto")) return nullptr;
-  return counted(__real_realloc(counted(memory, -1), size));
+  counted(memory, -1);
+  {
+    const Inside inside;
+    memory = __real_realloc(memory, size);
+  }
+  return counted(memory);
 }
 
-void crypto_free(void* memory, const char*, int) { release(memory); }
+void* crypto_malloc(size_t size, const char* file, int line) {
+  return crypto_realloc(nullptr, size, file, line);
+}
+
+void crypto_free(void* memory, const char*, int) {
+  counted(memory, -1);
+  const Inside inside;
+  __real_free(memory);
+}
 
 [[maybe_unused]] const int counts_libcrypto =
     CRYPTO_set_mem_functions(crypto_malloc, crypto_realloc, crypto_free);
@@ -63,7 +76,7 @@ void* __wrap_malloc(size_t size) {
 void __wrap_free(void* memory) { release(memory); }
 }
 
-#if WEIR_COUNTS_NEW  // not under ThreadSanitizer, which replaces these itself
+#if defined(COUNT_MEMORY)
 void* operator new(std::size_t size) {
   void* const memory = counted(__real_malloc(size));
   if (memory == nullptr) throw std::bad_alloc();

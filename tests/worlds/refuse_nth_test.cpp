@@ -74,6 +74,7 @@ const std::string kPlain = masked(pattern(420'000, 2), 0, 128);
 const std::string kOther = pattern(200'000, 3);  // a segment of the other stream
 const std::string kKey = "0123456789abcdef";
 constexpr size_t kStallsAt = 200'000;
+constexpr std::ptrdiff_t kTolerated = 256;  // bytes: a longer line in the log's buffer, say
 // If resuming fails before its body, weir starts over and delivers these bytes again.
 const std::string kRepeated = kClear.substr(0, kStallsAt);
 
@@ -142,8 +143,8 @@ std::vector<Client> play(World& world) {
     world.at(world.since_start() + client.at, [&world, &client] {
       if (is_listening()) client.got = world.get({0s, client.resource});
       if (client.resource == "/stats.json") {
-        const size_t body = client.got.find('{');
-        const auto figures = client.got.begin() + std::min(body, client.got.size());
+        const size_t body = std::min(client.got.find('{'), client.got.size());
+        const auto figures = client.got.begin() + static_cast<std::ptrdiff_t>(body);
         client.got.erase(std::remove_if(figures, client.got.end(), isdigit), client.got.end());
       }
     });
@@ -175,7 +176,8 @@ bool is_kept(Promise promise, const Client& client) {
     const auto same = std::mismatch(got.begin(), got.end(), kOther.begin(), kOther.end()).first;
     return kOther.starts_with(std::string(same, got.end()));
   }
-  const size_t repeated = got.starts_with(kRepeated + kRepeated.substr(0, 99)) ? kStallsAt : 0;
+  const bool repeats = got.starts_with(kRepeated + kRepeated.substr(0, 99));
+  const std::ptrdiff_t repeated = repeats ? kStallsAt : 0;
   const auto clear =
       std::mismatch(got.begin() + repeated, got.end(), kClear.begin(), kClear.end()).first;
   const std::string rest(clear, got.end());
@@ -216,7 +218,7 @@ void play_twice(const Fault& fault, int n) {
     shared->calls = counted == calls().end() ? 0 : counted->second;
     shared->left = live_bytes - before;
   }
-  EXPECT_LE(live_bytes - before, shared->left + 256) << "leaked";
+  EXPECT_LE(live_bytes - before, shared->left + kTolerated) << "leaked";
   EXPECT_EQ(world.get({0s, kMap}), kMapSet);
   for (const Client& client : play(world)) EXPECT_TRUE(client.got == client.whole) << sizes(client);
 }
@@ -248,7 +250,7 @@ TEST_P(RefuseNth, EachCallFailsOnce) {
   ASSERT_EQ(in_child([&] { play_twice(fault, 0); }), 0);
   ASSERT_GT(shared->calls, 0) << "the story never calls it";
   int bad = 0;
-  for (int n = 1; n <= shared->calls && bad < 5; ++n) {
+  for (int n = 1; n <= shared->calls && bad < 5; n += EVERY) {
     const int status = in_child([&] { play_twice(fault, n); });
     bad += status == 0 ? 0 : 1;
     EXPECT_EQ(status, 0) << "call " << n << " of " << shared->calls;
