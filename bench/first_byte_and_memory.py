@@ -1,9 +1,8 @@
-"""One stream of weir: when its first byte comes, and what memory a slow player costs.
+"""One stream of weir: the time to its first byte, and the memory that a slow player costs.
 
-Two Markdown tables: the time to the first byte of media over the delay of an origin
-that answers each request late, beside the time that the fixed waits give; and the
-highest RSS while a player takes far less than the origin offers, beside what the
-buffer, one segment and two blocks come to, and the RSS after it has left.
+Two Markdown tables: the time to the first byte of media for an origin that delays each response,
+compared with weir's fixed waits; and the peak RSS with a player much slower than the origin, compared
+with the size of the buffer, one segment and two blocks, and the RSS after the player has left.
 """
 
 import argparse
@@ -11,7 +10,8 @@ import statistics
 import time
 from pathlib import Path
 
-from weirlab import client, procfs, tables
+import tables
+from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, wait_until
 from weirlab.network import own_network
 from weirlab.origin import Origin
@@ -33,7 +33,7 @@ def first_byte(kind: str) -> float:
 
 
 def fixed_waits(delay: float, answers: int) -> float:
-    """The master playlist; then the buffer is looked at after 100, 150, 250, 300 ms and so on."""
+    """The master playlist; then weir checks the buffer after 100, 150, 250, 300 ms and so on."""
     due, look, wait = answers * delay, 100, 50
     while look < due:
         look, wait = look + wait, 150 - wait

@@ -1,9 +1,8 @@
-"""One stream at full speed: weir beside a relay that does nothing else.
+"""One stream at full speed: weir compared with a minimal relay and with peers.
 
-Serves a video from nginx on loopback, clear and encrypted, and lets each program
-fetch and deliver it to a player that throws the bytes away; peers that are
-installed write it to /dev/null. All take turns in every round; printed are
-medians, spreads and ratios to the relay of the same round, as a Markdown table.
+nginx on loopback serves a video, clear and encrypted. Each program fetches it and delivers it to a
+player that discards the bytes; the installed peers write it to /dev/null. The programs alternate.
+Prints a Markdown table of medians, spreads and ratios to the relay of the same round.
 """
 
 import argparse
@@ -16,7 +15,8 @@ from pathlib import Path
 from typing import NamedTuple
 
 from programs import PEERS
-from weirlab import client, procfs, tables
+import tables
+from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process
 from weirlab.network import own_network
 from weirlab.video import make_noise
@@ -32,7 +32,7 @@ class Run(NamedTuple):
 
 
 def play(player: socket.socket) -> tuple[int, float]:
-    """Bytes, and seconds from the first to the last of them. MSG_TRUNC throws them away unread."""
+    """The number of bytes, and seconds from the first to the last. MSG_TRUNC discards them unread."""
     scratch, total, first, last = bytearray(1 << 20), 0, 0.0, 0.0
     with player:
         while count := player.recv_into(scratch, len(scratch), socket.MSG_TRUNC):
@@ -43,7 +43,7 @@ def play(player: socket.socket) -> tuple[int, float]:
 
 
 def finish(process: Process) -> tuple[float, float]:
-    """CPU and peak of a program that ends by itself."""
+    """CPU time and peak memory of a program that exits by itself."""
     _, status, usage = os.wait4(process.pid, 0)
     process.returncode = os.waitstatus_to_exitcode(status)
     assert process.returncode == 0, f"{process.args!r}: status {process.returncode}"
@@ -74,7 +74,7 @@ class Bench:
         return result
 
     def peer(self, command: str, kind: str) -> Run:
-        """It has no player, only an end."""
+        """A peer has no player; it is measured from start to exit."""
         start = time.monotonic()
         process = self.lab.start(command.format(f"{BASE}/{kind}/master.m3u8").split(),
                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

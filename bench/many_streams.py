@@ -1,12 +1,11 @@
-"""Many live streams: one weir beside as many relays, and as many of each peer.
+"""Many live streams: one weir, compared with one relay and one of each peer per stream.
 
-A channel of MPEG-TS in segments of two seconds is served from nginx on loopback. Each program
-in turn plays it as often as asked: weir and the relays to players that compare every byte with
-the video, a peer to /dev/null. Printed are, as Markdown tables, the CPU and the memory (PSS) of
-all of its processes, and the CPU in ratio to that of the first program, which may be the relays,
-that do nothing else than pass on a segment every two seconds; and for each weir what a stream
-costs, how fast the statistics were answered, and what was left afterwards. The status is 0 only
-when every stream was whole and weir has given everything back.
+nginx on loopback serves a channel of MPEG-TS in segments of two seconds. Each program in turn plays
+it several times: weir and the relays to players that compare every byte with the video, a peer to
+/dev/null. A relay only passes on a segment every two seconds. Prints Markdown tables: CPU and memory
+(PSS) of each program's processes and the ratio of its CPU to that of the first program; for weir also
+the cost per stream, the response times of the statistics and what was left afterwards. The status is
+0 only if every stream was whole and weir has given everything back.
 """
 
 import argparse
@@ -23,11 +22,11 @@ from itertools import accumulate
 from pathlib import Path
 
 from programs import PEERS
-from weirlab import client, procfs, tables
+import tables
+from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process, wait_until
 from weirlab.network import own_network
-from weirlab.plots import plot
-from weirlab.poller import Poller
+from poller import Poller
 from weirlab.video import make_noise, media_playlist, replace, segments_in
 
 SECONDS = 2  # a segment
@@ -42,7 +41,7 @@ Figures = dict[str, float]
 
 
 class Channel(threading.Thread):
-    """Moves the window of the live playlist on."""
+    """Advances the window of the live playlist."""
 
     def __init__(self, lab: Lab, kind: str, segments: int) -> None:
         super().__init__(daemon=True)
@@ -66,23 +65,23 @@ class Channel(threading.Thread):
 
 
 class Video:
-    """What the players must get, from the beginning of one segment on."""
+    """The bytes that players must get, from the beginning of some segment on."""
 
     def __init__(self, lab: Lab) -> None:
         segments = [path.read_bytes() for path in segments_in(lab.www / "clear")]
         self.bytes, self.starts = b"".join(segments), [0, *accumulate(map(len, segments))]
 
     def place(self, beginning: bytes) -> int:
-        """Of a segment that begins so; 0, where something else stands, if none does."""
+        """The offset of the segment that begins so; 0, which does not match, if there is none."""
         return next((start for start in self.starts if self.bytes.startswith(beginning, start)), 0)
 
 
 class Player:
-    """One connection: how much came, and whether it was right."""
+    """One connection: how many bytes it received, and whether they were right."""
 
     def __init__(self, connection: socket.socket, video: Video) -> None:
         self.connection, self.video = connection, video
-        self.place, self.beginning = -1, b""  # of the next byte; what came before that is known
+        self.place, self.beginning = -1, b""  # of the next byte; the bytes before that is known
         self.received, self.right = 0, True
 
     def take(self, piece: bytes) -> None:
@@ -99,14 +98,14 @@ class Player:
 
 
 class Players(threading.Thread):
-    """All connections to one program, or to many of it."""
+    """All connections to one program or to its many processes."""
 
     def __init__(self, video: Video) -> None:
         super().__init__(daemon=True)
         self.selector, self.left, self.video = selectors.DefaultSelector(), False, video
         self.all: list[Player] = []
         self.complete = time.monotonic()
-        self.before = 0  # bytes that had come when the last stream began
+        self.before = 0  # bytes received when the last stream began
         self.start()
 
     def received(self) -> int:
@@ -126,7 +125,7 @@ class Players(threading.Thread):
                     self.selector.unregister(key.fileobj)
 
     def leave(self, mbit: float) -> tuple[int, Figures]:
-        """How many played to the end, with every byte and at their pace; and what all got."""
+        """The number of players that got every byte in time until now; and the bytes of all."""
         now, received = time.monotonic(), self.received()
         self.left = True
         self.join()
@@ -154,7 +153,7 @@ class Bench:
 
     def measure(self, kind: str, count: int, add: Callable[[int], object],
                 processes: list[Process]) -> Figures:
-        """`add` adds the stream of that number."""
+        """`add` starts the stream of that number."""
         channel = Channel(self.lab, kind, self.segments)
         for number in range(count):
             add(number)
@@ -255,16 +254,6 @@ class Bench:
             tables.print_row(kind, f"{count} x {name}", tables.spread(cpus, 1),
                              tables.ratio(cpus, floor), f"{max(run['pss'] for run in rows):.0f}")
 
-    def plot(self, path: Path) -> None:
-        streams = [float(str(row["streams"])) for row in self.weirs]
-
-        def line(name: str) -> tuple[list[float], list[float]]:
-            return streams, [cost[name] for cost in self.costs]
-
-        plot(path, "live streams", {
-            "% of a core": {"user and system": line("cpu"), "system": line("system")},
-            "MiB, whole process": {"RSS": line("rss"), "PSS": line("pss")}}, "o-")
-
 
 def cpu(pid: int) -> Figures:
     """Seconds."""
@@ -288,7 +277,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", type=Path, default=TOP / "build/bench")
     parser.add_argument("--streams", type=numbers, default=[200], help="or several numbers: 10,50,100")
-    parser.add_argument("--silent", type=int, default=0, help="connections that never say a word")
+    parser.add_argument("--silent", type=int, default=0, help="connections that never send anything")
     parser.add_argument("--mbit", type=float, default=4, help="of each stream")
     parser.add_argument("--seconds", type=int, default=20, help="of measuring")
     parser.add_argument("--rounds", type=int, default=3)
@@ -296,10 +285,9 @@ def main() -> None:
     parser.add_argument("--buffer", type=int, default=32 << 20, help="bytes, weir's argument")
     parser.add_argument("--programs", type=words, default=["relay", "weir", "ffmpeg"],
                         help="streamlink takes 50 MiB a stream")
-    parser.add_argument("--plot", type=Path, help="SVG of weir's costs; needs python3-matplotlib")
     options = parser.parse_args()
     own_network()
-    os.nice(19 - os.nice(0))  # as weir's threads, so that no side pushes the other away
+    os.nice(19 - os.nice(0))  # as weir's threads, so that neither side starves the other
     with Lab("/dev/shm") as lab:
         bench = Bench(lab, options)
         tables.print_head("media", "program", "CPU, % of a core", "ratio", "PSS, MiB")
@@ -311,8 +299,6 @@ def main() -> None:
             tables.print_head(*bench.weirs[0])
         for row in bench.weirs:
             tables.print_row(*row.values())
-    if options.plot:
-        bench.plot(options.plot)
     sys.exit(not bench.sound)
 
 

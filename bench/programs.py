@@ -1,4 +1,4 @@
-"""Programs of Debian's that fetch a stream as weir does, where they are installed."""
+"""Debian's programs that fetch a stream as weir does, if installed."""
 
 import shutil
 

@@ -156,13 +156,15 @@ class Lab:
         return self.nginx(name, port, CACHE.format(upstream=upstream, rate=rate))
 
     def weir(self, binary: Path, buffer: int, prefix: Sequence[object] = (),
-             progress: bool = False) -> Process:
-        """Never able to restart the machine. `progress` goes into the log, too, if wanted."""
+             progress: bool = False, threads: int = 1) -> Process:
+        """Never able to restart the machine. `progress`: log the standard output, too. `threads`: of
+        an idle process, to which a sanitizer may add one."""
         with open(self.log, "ab") as log:
             process = self.start([TOP / "script/without-reboot", *prefix, binary, buffer], stderr=log,
                                  stdout=log if progress else subprocess.DEVNULL)
         wait_until("weir to answer", lambda: process.poll() is not None or answers(WEIR))
-        wait_until("weir to be idle", lambda: process.poll() is not None or procfs.threads(process.pid) == 1)
+        wait_until("weir to be idle",
+                   lambda: process.poll() is not None or procfs.threads(process.pid) == threads)
         if process.poll() is not None or procfs.can_reboot(process.pid):
             raise SystemExit("weir did not start, or could restart this machine")
         return process

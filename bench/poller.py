@@ -1,4 +1,4 @@
-"""Asks weir for its statistics all the time, and pings the watchdog."""
+"""Polls /stats.json continuously and pings the watchdog."""
 
 import json
 import multiprocessing
@@ -14,9 +14,9 @@ PING_EVERY = 10  # seconds
 
 
 class Poller:
-    """Runs in a process of its own, so that nothing but weir and the machine delays it.
+    """Runs in a process of its own, so that only weir and the machine delay it.
 
-    To be made before there are connections, which that process would keep open.
+    Create it before any connections: that process would keep them open.
     """
 
     def __init__(self, interval: float) -> None:
@@ -27,7 +27,7 @@ class Poller:
         self.pipe.send(None)
 
     def stop(self) -> dict[str, Any]:
-        """How often it asked, how often that failed, and how many seconds the answers took."""
+        """The numbers of polls and failures, and the response times in seconds."""
         self.pipe.send(None)
         result: dict[str, Any] = self.pipe.recv()
         return result

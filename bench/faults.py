@@ -1,4 +1,4 @@
-"""A proxy that does harm: it stands before a server and now and then fails one answer."""
+"""A fault-injecting proxy: sits in front of a server and occasionally breaks a response."""
 
 import asyncio
 import fcntl
@@ -15,14 +15,14 @@ from typing import NamedTuple
 from weirlab.live import segment_name
 from weirlab.players import Short
 
-# Seconds, longer than weir waits in a body (2) and before a head (6), and by so much
-# that it has given up even where it, at the lowest priority, gets no processor for a while.
+# Seconds, longer than weir waits in a body (2) and before a head (6), with a margin for weir's
+# low priority on a busy machine.
 STALL, SILENCE = 8, 12
 TRICKLE = (20, 0.3)  # pieces, and seconds between them
 SEGMENT_FAULTS = {"stall": 4, "cut": 3, "reset": 2, "error": 3, "trickle": 2, "silence": 1}
 PLAYLIST_FAULTS = {"error": 3, "cut": 1, "reset": 1, "stall": 1}
 CUTTING = {"cut", "reset", "kill"}
-NEAR = 15  # seconds around a kill, or a lack of servers, in which it may play a part
+NEAR = 15  # seconds around a kill, or a lack of servers, in which it may be a cause
 
 
 class Event(NamedTuple):
@@ -33,7 +33,7 @@ class Event(NamedTuple):
 
 
 class Journal:
-    """All harm that was done."""
+    """All injected faults and other events."""
 
     def __init__(self) -> None:
         self.began = time.time()
@@ -52,7 +52,7 @@ class Journal:
                        if event.kind != "kill" or not event.what)
 
     def explains(self, short: Short) -> bool:
-        """A cut does, and so do two causes: weir begins anew, or gives the segment up."""
+        """One cut does, and so do two faults: weir restarts the segment or gives it up."""
         if not short.name:
             age = short.when - self.began
             return any(0 <= age - event.when < 120 and event.kind in CUTTING for event in self.events)
@@ -68,10 +68,8 @@ class Journal:
 
 
 class FaultProxy:
-    """Listens on `port` before the server on `upstream`.
-
-    `chances` are those of a segment and of a media playlist to meet a fault.
-    """
+    """Listens on `port` and forwards to `upstream`. `chances`: of a fault, for each request of a
+    segment and of a media playlist."""
 
     def __init__(self, name: str, port: int, upstream: int, journal: Journal,
                  chances: tuple[float, float]) -> None:
@@ -102,14 +100,14 @@ class FaultProxy:
         try:
             while await self._answer(reader, writer):
                 pass
-        except (OSError, asyncio.IncompleteReadError):
-            pass  # either side has gone
+        except (OSError, asyncio.IncompleteReadError, asyncio.CancelledError):
+            pass  # either side has gone, or this process ends
         finally:
             del self.connections[writer]
             writer.close()
 
     def _fault_for(self, path: str) -> str:
-        """Its kind, or nothing. Keys and master playlists are left in peace."""
+        """Its kind, or "". Keys and master playlists have none."""
         for pattern, chance, kinds in self.faults:
             if re.match(pattern, path) and random.random() < chance:
                 kind = random.choices(list(kinds), list(kinds.values()))[0]
@@ -172,13 +170,13 @@ async def copy(source: StreamReader, writer: StreamWriter, count: int) -> None:
 
 
 def unsent(writer: StreamWriter) -> bool:
-    """Whether bytes are left that the other side's kernel does not have."""
+    """Whether bytes are left that the peer's kernel has not received."""
     queued = fcntl.ioctl(writer.get_extra_info("socket").fileno(), termios.TIOCOUTQ, bytes(4))
     return writer.transport.get_write_buffer_size() > 0 or any(queued)
 
 
 def reset(writer: StreamWriter) -> None:
-    """Ends the connection with RST in place of FIN."""
+    """Closes the connection with RST instead of FIN."""
     connection = writer.get_extra_info("socket")
     if connection.fileno() >= 0:
         connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))

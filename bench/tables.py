@@ -1,4 +1,4 @@
-"""Markdown tables, and measurements that take turns."""
+"""Markdown tables, and programs measured alternately."""
 
 from collections.abc import Callable, Mapping, Sequence
 from statistics import median
@@ -22,12 +22,12 @@ def spread(values: Sequence[float], digits: int) -> str:
 
 
 def ratio(values: Sequence[float], floor: Sequence[float]) -> str:
-    """The median of the ratios of the same round."""
+    """The median of the ratios within each round."""
     return f"{median(value / least for value, least in zip(values, floor)):.2f}"
 
 
 def in_turn(programs: Mapping[str, Callable[[], T]], rounds: int) -> dict[str, list[T]]:
-    """The results of each, all running once in every round."""
+    """The results of each program; every program runs once in each round."""
     results: dict[str, list[T]] = {name: [] for name in programs}
     for _ in range(rounds):
         for name, run in programs.items():

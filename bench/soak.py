@@ -1,7 +1,8 @@
 """weir for hours: players come and go, caches die, answers are cut, stalled and refused.
 
-The status is 0 only when every byte was right, every short segment was cut on
-purpose, weir is alive at the end and has given everything back.
+The status is 0 only if every byte was right, every short segment was cut on purpose, weir is alive
+at the end and has given everything back. With --sanitized any report of a sanitizer counts, too;
+what depends on the speed of the machine, short segments and memory, does not.
 """
 
 import argparse
@@ -14,40 +15,37 @@ import statistics
 import sys
 import time
 from collections import Counter
-from collections.abc import Awaitable
+from collections.abc import Awaitable, Callable
 from pathlib import Path
 from typing import Any
 
-from weirlab import client, procfs, tables
-from weirlab.faults import FaultProxy, Journal
+import tables
+from faults import FaultProxy, Journal
+from poller import Poller
+from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process
 from weirlab.live import Channels, Content
 from weirlab.network import own_network
-from weirlab.players import Player, open_stream, until
-from weirlab.plots import plot
-from weirlab.poller import Poller
+from weirlab.players import Player, open_stream
 
 ORIGIN, ORIGIN_FRONT, CACHE, CACHE_FRONT = 9000, 9001, 9011, 9021
-RATES = (750_000, 1_500_000, 3_000_000)
-SECONDS = 2
-CLEAR, ENCRYPTED = 2, 2
-SEATS = 20
+SECONDS = 2  # per segment
+CLEAR, ENCRYPTED = 2, 2  # channels
 BUFFER = 4 << 20
 MAP_EVERY = (10, 40)
 SAMPLE_EVERY = 5
-RETURN_LIMIT = 120  # seconds until the last stream has to be gone
-KEPT = 16  # MiB of PSS that may stay above the base: the allocator's, not a stream's
-# kind: how many in a hundred, and for how many seconds they stay
+PATIENCE = 120  # seconds without any progress
+KEPT = 16  # MiB of PSS that the allocator may keep
+# kind: share in percent, and how many seconds they stay
 HABITS = {"viewer": (50, (15, 150)), "zapper": (25, (0.2, 6)), "slow": (15, (30, 120)),
           "faithful": (10, (300, 900))}
-SLOW_RATE = 200_000  # bytes a second: less than the best variant has
 
 
 class Audience:
-    """Players that come and go at random, and what became of them."""
+    """Players that come and go at random, and how their streams ended."""
 
-    def __init__(self, content: Content, journal: Journal) -> None:
-        self.content, self.journal = content, journal
+    def __init__(self, content: Content, journal: Journal, slow_rate: float) -> None:
+        self.content, self.journal, self.slow_rate = content, journal, slow_rate
         self.masters = [f"http://~/c{number}/master.m3u8" for number in range(CLEAR + ENCRYPTED)]
         self.present: dict[Player, str] = {}  # and its kind
         self.served: Counter[str] = Counter()  # by kind
@@ -64,7 +62,7 @@ class Audience:
             try:
                 player = await open_stream(self.content, random.choice(self.masters),
                                            random.choice([-1, -3, -3, -5, 0]),
-                                           SLOW_RATE if kind == "slow" else None)
+                                           self.slow_rate if kind == "slow" else None)
             except OSError:
                 self.totals["connections refused"] += 1
                 continue
@@ -72,7 +70,7 @@ class Audience:
             self.served[kind] += 1
             try:
                 await asyncio.wait([player.ended], timeout=random.uniform(*HABITS[kind][1]))
-            finally:  # also where the seat is cancelled
+            finally:  # also if the seat is cancelled
                 self.depart(player, self.present.pop(player))
 
     def depart(self, player: Player, kind: str) -> None:
@@ -92,19 +90,25 @@ class Audience:
             if not self.journal.explains(short):
                 self.unexplained.append(f"{kind} {short.name} at byte {short.at}")
             else:
-                totals["segments begun anew after two faults" if short.restarted
+                totals["segments restarted after two faults" if short.restarted
                        else "short segments, explained by a cut"] += 1
         for channel, sequence in found.missing:
             touched = self.journal.touched(channel, sequence)
             totals["segments missing " + ("after a fault" if touched else
-                                          f"since the window passed ({kind})")] += 1
+                                          f"because the window moved on ({kind})")] += 1
+
+    def sum(self, name: str, of_player: str) -> int:
+        return self.totals[name] + sum(getattr(player.found, of_player) for player in self.present)
 
     def received(self) -> int:
-        return self.totals["bytes received"] + sum(player.found.received for player in self.present)
+        return self.sum("bytes received", "received")
+
+    def segments(self) -> int:
+        return self.sum("whole segments", "segments")
 
 
 class Soak:
-    """An origin and three caches, each behind a proxy that does harm, and weir."""
+    """An origin, three caches, a fault-injecting proxy in front of each, and weir."""
 
     def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
         self.lab, self.options = lab, options
@@ -114,23 +118,25 @@ class Soak:
         self.origin = FaultProxy("origin", ORIGIN_FRONT, ORIGIN, self.journal, chances)
         self.fronts = [FaultProxy(f"cache{number}", CACHE_FRONT + number, CACHE + number, self.journal,
                                   chances) for number in range(3)]
-        content = Channels(lab.www, RATES, SECONDS, CLEAR, ENCRYPTED, "http://~", "http://@",
+        rates = [int(rate) for rate in options.rates.split(",")]
+        content = Channels(lab.www, rates, SECONDS, CLEAR, ENCRYPTED, "http://~", "http://@",
                            f"http://127.0.0.1:{ORIGIN}").start()
-        self.audience = Audience(content, self.journal)
+        self.audience = Audience(content, self.journal, max(rates) / 15)
         self.caches: list[Process] = []
         self.poller = Poller(0.5)
-        self.weir = lab.weir(options.binary, BUFFER)
+        self.idle_threads = 2 if options.sanitized else 1
+        self.weir = lab.weir(options.binary, BUFFER, threads=self.idle_threads)
         self.stopped = asyncio.Event()
         self.samples: list[dict[str, float]] = []
         self.base = self.left = procfs.sample(self.weir.pid)
-        self.broken: list[str] = []  # what went wrong with the run itself
+        self.broken: list[str] = []  # errors of the run itself
         self.polls: dict[str, Any] = {}
 
     def start_cache(self, number: int) -> Process:
         return self.lab.cache(f"cache{number}", CACHE + number, ORIGIN_FRONT)
 
     async def push_map(self, dead_too: bool = False) -> None:
-        """The caches in an order that changes what each has to serve."""
+        """The caches in random order, which changes what each has to serve."""
         servers = [f"127.0.0.1:{front.port}" for front in self.fronts if front.server or dead_too]
         random.shuffle(servers)
         await asyncio.to_thread(client.get, client.maps_path(",".join(servers)))
@@ -172,16 +178,37 @@ class Soak:
             await asyncio.sleep(SAMPLE_EVERY)
         raise RuntimeError("weir ended")
 
-    def gave_back(self) -> bool:
-        self.left = procfs.sample(self.weir.pid)
-        return all(self.left[name] <= self.base[name] for name in ("threads", "descriptors"))
+    async def progress(self, amount: Callable[[], float], enough: Callable[[], bool]) -> None:
+        """Waits until it is enough; raises if the amount stays the same for too long."""
+        last, changed = amount(), time.monotonic()
+        while not enough():
+            await asyncio.sleep(0.2)
+            if amount() != last:
+                last, changed = amount(), time.monotonic()
+            elif time.monotonic() - changed > PATIENCE:
+                raise RuntimeError(f"no progress for {PATIENCE} s")
+
+    async def play(self) -> None:
+        """For the time asked for, and until there were enough segments to check."""
+        end = time.monotonic() + self.options.hours * 3600
+        await self.progress(self.audience.received, lambda: time.monotonic() > end and
+                            self.audience.segments() >= 5 * self.options.players)
+
+    async def settle(self) -> None:
+        """Waits until weir has given back its threads and descriptors."""
+        def gave_back() -> bool:
+            self.left = procfs.sample(self.weir.pid)
+            return all(self.left[name] <= self.base[name] for name in ("threads", "descriptors"))
+
+        await self.progress(lambda: self.left["threads"] + self.left["descriptors"], gave_back)
 
     async def warm_up(self) -> None:
-        """One stream, so that what is loaded once is there; what is left then is the base."""
+        """Plays one stream first, so that one-time initialisation is not taken for a leak."""
         player = await open_stream(self.audience.content, self.audience.masters[0])
-        await asyncio.sleep(6)
+        await self.progress(lambda: player.found.received, lambda: player.found.segments > 1)
         player.leave()
-        await until(lambda: procfs.threads(self.weir.pid) == 1, RETURN_LIMIT)
+        self.base["threads"] = self.idle_threads
+        await self.settle()
         self.base = procfs.sample(self.weir.pid)
 
     async def run(self) -> None:
@@ -194,30 +221,37 @@ class Soak:
         await self.warm_up()
         self.poller.start()
         self.journal.began = time.time()
-        work: list[Awaitable[object]] = [self.audience.seat() for _ in range(SEATS)]
+        work: list[Awaitable[object]] = [self.audience.seat() for _ in range(self.options.players)]
         work += [self.kill_and_revive(), self.update_maps(), self.watch_for_dead_maps(), self.sample()]
         tasks = [asyncio.ensure_future(each) for each in work]
-        stopped = asyncio.ensure_future(self.stopped.wait())
-        ended, _ = await asyncio.wait([stopped, *tasks], timeout=self.options.hours * 3600,
-                                      return_when=asyncio.FIRST_COMPLETED)
-        self.broken = [repr(task.exception()) for task in ended - {stopped}]
-        for task in tasks:
+        ends = [asyncio.ensure_future(each) for each in (self.stopped.wait(), self.play())]
+        ended, _ = await asyncio.wait([*ends, *tasks], return_when=asyncio.FIRST_COMPLETED)
+        self.broken = [repr(task.exception()) for task in ended if task.exception()]
+        for task in [*ends, *tasks]:
             task.cancel()
-        await asyncio.gather(*tasks, return_exceptions=True)
+        await asyncio.gather(*ends, *tasks, return_exceptions=True)
         if procfs.alive(self.weir.pid):
-            await until(self.gave_back, RETURN_LIMIT)
+            try:
+                await self.settle()
+            except RuntimeError:
+                pass  # failures() names what is left
         self.polls = self.poller.stop()
 
 
 def failures(soak: Soak) -> list[str]:
     totals, left, base = soak.audience.totals, soak.left, soak.base
-    return [name for name, holds in {
+    found = {
         "the run itself failed": soak.broken,
         "wrong bytes": totals["wrong bytes"], "segments repeated": totals["segments repeated"],
-        "unexplained short segments": soak.audience.unexplained,
+        "the statistics were not answered": soak.polls["failures"],
         "threads not returned": left["threads"] > base["threads"],
-        "descriptors not returned": left["descriptors"] > base["descriptors"],
-        "memory not returned": left["pss"] > base["pss"] + KEPT}.items() if holds]
+        "descriptors not returned": left["descriptors"] > base["descriptors"]}
+    if soak.options.sanitized:
+        found["a sanitizer reported"] = "Sanitizer" in soak.lab.log.read_text(errors="replace")
+    else:
+        found |= {"unexplained short segments": soak.audience.unexplained,
+                  "memory not returned": left["pss"] > base["pss"] + KEPT}
+    return [name for name, holds in found.items() if holds]
 
 
 def slope(rows: list[dict[str, float]], name: str) -> float:
@@ -227,7 +261,7 @@ def slope(rows: list[dict[str, float]], name: str) -> float:
 
 
 def figures(soak: Soak) -> dict[str, object]:
-    """What there is to tell; weir's own words are put together by kind."""
+    """The results; weir's messages are counted by kind."""
     audience, samples = soak.audience, soak.samples
     said = (re.sub(r"http\S+|\d+|HTTP/.*", "", line).strip()
             for line in soak.lab.log.read_text(errors="replace").splitlines())
@@ -242,43 +276,33 @@ def figures(soak: Soak) -> dict[str, object]:
            round(slope(samples[len(samples) // 4:], name), 2) for name in ("rss", "pss")},
         "before the first player": soak.base, "after the last player": soak.left,
         "most": {name: max((row[name] for row in samples), default=0) for name in soak.base},
-        "statistics": soak.polls, "what weir said": dict(Counter(said).most_common(20))}
-
-
-def plot_course(soak: Soak, path: Path) -> None:
-    """Memory, descriptors and threads over time."""
-    minutes = [row["seconds"] / 60 for row in soak.samples]
-    panels = {label: {name: (minutes, [row[name] for row in soak.samples]) for name in names}
-              for label, names in (("MiB", ("rss", "pss")),
-                                   ("number", ("descriptors", "threads", "players")))}
-    plot(path, "minutes; red: a cache is killed", panels, ".-",
-         [(event.when / 60, "red") for event in soak.journal.events
-          if event.kind == "kill" and not event.what])
+        "statistics": soak.polls, "weir's messages": dict(Counter(said).most_common(20))}
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(prog="script/soak", description=__doc__)
+    parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("hours", type=float)
+    parser.add_argument("--players", type=int, default=20, help="at a time")
+    parser.add_argument("--rates", default="750000,1500000,3000000", help="of the variants, bit/s")
+    parser.add_argument("--sanitized", action="store_true", help="the binary has a sanitizer")
     parser.add_argument("--out", type=Path, default=TOP / "build/soak", help="folder of the results")
     parser.add_argument("--binary", type=Path, default=TOP / "build/release/weir")
     parser.add_argument("--segment-faults", type=float, default=0.02, help="chance of each request")
     parser.add_argument("--playlist-faults", type=float, default=0.003)
     parser.add_argument("--kill-every", type=float, default=120, help="seconds between dying caches")
-    parser.add_argument("--plot", action="store_true", help="soak.svg; needs python3-matplotlib")
     options = parser.parse_args()
     options.out.mkdir(parents=True, exist_ok=True)
     own_network()
     with Lab("/dev/shm") as lab:
         soak = Soak(lab, options)
         asyncio.run(soak.run())
-        told = figures(soak)
+        results = figures(soak)
         (options.out / "soak.json").write_text(json.dumps(
-            {"figures": told, "samples": soak.samples, "events": soak.journal.events}, indent=1))
-        for name, value in told.items():
+            {"figures": results, "samples": soak.samples, "events": soak.journal.events}, indent=1))
+        (options.out / "weir.log").write_bytes(lab.log.read_bytes())
+        for name, value in results.items():
             tables.print_row(name, json.dumps(value))
-        if options.plot:
-            plot_course(soak, options.out / "soak.svg")
-    sys.exit(bool(told["failures"]))
+    sys.exit(bool(results["failures"]))
 
 
 if __name__ == "__main__":
