@@ -98,7 +98,7 @@ class Audience:
                                           f"because the window moved on ({kind})")] += 1
 
     def sum(self, name: str, of_player: str) -> int:
-        return self.totals[name] + sum(getattr(player.found, of_player) for player in self.present)
+        return self.totals[name] + sum(int(getattr(player.found, of_player)) for player in self.present)
 
     def received(self) -> int:
         return self.sum("bytes received", "received")
@@ -190,9 +190,9 @@ class Soak:
 
     async def play(self) -> None:
         """For the time asked for, and until there were enough segments to check."""
-        end = time.monotonic() + self.options.hours * 3600
+        end, enough = time.monotonic() + self.options.hours * 3600, 5 * int(self.options.players)
         await self.progress(self.audience.received, lambda: time.monotonic() > end and
-                            self.audience.segments() >= 5 * self.options.players)
+                            self.audience.segments() >= enough)
 
     async def settle(self) -> None:
         """Waits until weir has given back its threads and descriptors."""

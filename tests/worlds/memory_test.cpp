@@ -1,4 +1,5 @@
-// What one answer of an upstream may cost, whatever it holds: counted as allocated.
+// The memory that one upstream response may take, whatever it contains: bytes allocated by the
+// program, in its own code and in libcrypto.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,7 +12,7 @@ namespace {
 constexpr std::ptrdiff_t kMiB = 1 << 20;
 constexpr std::size_t kLargest = 16 << 20;
 
-// The line again and again, up to a size or a number of them; "%" is its number.
+// Repeats the line up to a total size or a number of lines; "%" becomes the line's number.
 std::string lines(const std::string& line, std::size_t size, std::size_t most = kLargest) {
   const size_t mark = line.find('%');
   std::string text;
@@ -31,7 +32,7 @@ struct Answer {
   As as;
   std::string more;  // header fields besides Content-Length
   std::string body;
-  size_t entries;  // variants, segments, or bytes of media that come of it
+  size_t entries;  // variants, segments or bytes of media that result
 };
 
 std::string day() {
@@ -67,7 +68,7 @@ const Answer kAnswers[] = {
     {"LongHeadOfASegment", As::kSegment, lines("a:\r\n", 250000), "media", 5},
 };
 
-TEST(Memory, OneAnswerTakesNoMoreThanIsPromised) {
+TEST(Memory, OneResponseStaysWithinItsBound) {
   for (const auto& [name, as, more, body, entries] : kAnswers) {
     SCOPED_TRACE(name);
     const Reply odd = raw("HTTP/1.1 200 OK\r\n" + more +
@@ -85,7 +86,7 @@ TEST(Memory, OneAnswerTakesNoMoreThanIsPromised) {
     const std::ptrdiff_t before = peak_bytes = live_bytes;
     std::ptrdiff_t held = 0;
     world.at(5s, [&] { held = live_bytes; });
-    // Of a variant playlist all but the last segment are skipped, and say so.
+    // startFrom=-1 skips all but the last segment of a variant playlist; the log has each.
     const std::string got = world.get({0s, "/stream?url=http://o/m&startFrom=-1"});
     world.play({});
     const size_t selected = world.transcript.find("selected variant");

@@ -1,8 +1,8 @@
-// simulate SEED: plays the world that follows from the seed.
+// simulate SEED: plays the random world of that seed.
 //
-// In a world players of every habit watch live and recorded channels, through caches that
-// stall, cut, reset, trickle, refuse, lie, die and return. What a player has to get follows
-// from what the caches have sent for him, and is compared byte for byte.
+// Players with different habits watch live and recorded channels through caches that stall,
+// cut, reset, trickle, refuse, announce too much, die and return. The expected output of each
+// player is derived from what the caches sent it and compared byte for byte.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,19 +22,19 @@ namespace {
 const std::string kBlock = pattern(1 << 20);
 const std::string kKeys[] = {"0123456789abcdef", "another key, 16.", "yet another key."};
 
-// What was sent for one segment, over all attempts to have it.
+// What the caches sent of one segment, over all attempts to download it.
 struct Download {
   bool encrypted;
   size_t key;
   std::string sent = {};
-  bool ended = false;  // for the client there is no more to come
+  bool ended = false;  // the response is complete as far as weir can tell
 };
 
 struct Channel {
   bool live, encrypted;
   int variants;
   Time duration;  // of a segment
-  int segments;   // of a recorded one
+  int segments;   // of a recorded channel
 };
 
 struct Player {
@@ -51,17 +51,17 @@ struct Player {
   }
 };
 
-// What the program decides, as its log says, against what follows from the lines before. The
-// lines of its threads come in the order in which it took its locks.
-class Judge {
-  // Of a variant: the speed, and which of them it allows.
+// Checks each decision in the log against the state implied by earlier lines. Lines appear in
+// lock-acquisition order.
+class LogChecker {
+  // A choice of a variant.
   struct Choice {
     unsigned long long kbps;
-    std::set<unsigned long long> best;
+    std::set<unsigned long long> best;  // bandwidths allowed at that speed
   };
 
  public:
-  void hear(const std::string& line) {
+  void check(const std::string& line) {
     const auto after = [&line](const std::string& text) {
       const size_t at = line.find(text);
       return at == std::string::npos ? "" : line.substr(at + text.size());
@@ -90,7 +90,7 @@ class Judge {
       choice.kbps = std::stoull(bits) / 1024;
     } else if (std::sscanf(line.c_str(), "SELECT: min: %llu max: %llu", &low, &high) == 2) {
       choice.best = {low};
-      // Between the lowest and the highest there is one, which may be invalid.
+      // A bandwidth between the lowest and the highest may be invalid.
       for (auto next = low; next <= high && next / 1024 <= choice.kbps; next *= 2) {
         if (next == high) choice.best.clear();
         choice.best.insert(next);
@@ -101,7 +101,7 @@ class Judge {
   }
 
  private:
-  using Ring = std::set<std::string>;  // servers that live
+  using Ring = std::set<std::string>;  // live servers
   static bool is_dead(const Ring& ring) { return ring.empty(); }
 
   std::map<char, std::vector<Ring>> rings_;  // of each map, by the last digit of its ports
@@ -119,12 +119,12 @@ class Simulation {
     log_line = [this](int, const std::string& text) {
       std::istringstream lines(text);
       for (std::string line; std::getline(lines, line);) {
-        judge_.hear(line);
+        checker_.check(line);
         starved_ += line.starts_with("no data for") ? 1 : 0;
       }
     };
     noticed = [&](const std::string& call) {
-      EXPECT_TRUE(call != "restarts" || world.since_start() > end_);  // there are pings till then
+      EXPECT_TRUE(call != "restarts" || world.since_start() > end_);  // pinged until then
     };
     for (int i = 0; i < 4; ++i) {
       channels_.push_back({below(2) == 0, below(2) == 0, 1 + below(3),
@@ -137,9 +137,9 @@ class Simulation {
       };
     }
     const std::ptrdiff_t before = live_bytes;
-    world.at(0s, [&] { rule(world); });
+    world.at(0s, [&] { disturb(world); });
     const int players = 4 + below(12);
-    sleep(1ms);  // the map is there
+    sleep(1ms);  // until the map is set
     for (int i = 0; i < players; ++i) world.at(1s, [&] { watch(world); });
     world.play({});
     EXPECT_LT(world.since_start(), end_ + 900s);
@@ -154,8 +154,8 @@ class Simulation {
   int below(int limit) { return static_cast<int>(random_() >> 4) % limit; }
   bool one_in(int times) { return below(times) == 0; }
 
-  // Maps, caches that die and return, statistics, pings, threads that can't be had.
-  void rule(World& world) {
+  // Changes maps and caches, refuses threads or memory, asks for statistics, pings.
+  void disturb(World& world) {
     const std::string maps[] = {"chunk=c0:80,c1:80;c2:80,c3:80&playlist=c3:81;c0:81,c2:81,c1:81",
                                 "chunk=c1:80;c0:80;c3:80&playlist=c0:81,c1:81,c2:81,c3:81",
                                 "chunk=c1:80,c0:80,c3:80", "playlist=c2:81;c1:81"};
@@ -169,7 +169,7 @@ class Simulation {
                                     Host::Kind::kSilent};
         host->second.kind = faults_ == 0 ? Host::Kind::kServes : kinds[below(4)];
         if (faults_ > 0 && one_in(10)) {
-          const char* const call = frugal_ ? "malloc" : "pthread_create";
+          const char* const call = no_memory_ ? "malloc" : "pthread_create";
           refuse(call, EAGAIN);
           sleep(std::chrono::milliseconds(below(1500)));
           refuse(call, 0);
@@ -183,11 +183,11 @@ class Simulation {
     for (auto& [address, host] : hosts) host.kind = Host::Kind::kServes;
   }
 
-  // One after another, as long as the world lasts.
+  // One player after another, until the end of the world.
   void watch(World& world) {
     while (world.since_start() < end_) {
       sleep(std::chrono::milliseconds(below(30000)));
-      if (one_in(20)) {  // never asks
+      if (one_in(20)) {  // sends no request
         EXPECT_EQ(world.get({0s, "", 0}), "");
         continue;
       }
@@ -202,8 +202,8 @@ class Simulation {
       const std::string got = world.get({0s, resource, leaves, pause});
       const Player& player = players_[number];
       hours += static_cast<double>((now() - player.began).count()) / 3.6e12;
-      // There was no thread for him, or no memory for what he should have got.
-      if (got.empty() || frugal_) continue;
+      // Without a thread there is nothing to check, without memory no certain result.
+      if (got.empty() || no_memory_) continue;
       const std::string expected = stream(player.expected());
       const bool whole = stays && starved_ == starved_before;
       EXPECT_TRUE(whole ? got == expected : expected.starts_with(got))
@@ -228,7 +228,7 @@ class Simulation {
                           : segments(prefix, variant, *player.channel));
   }
 
-  // Fails before there is any body.
+  // Fails before the body.
   Reply headless() {
     switch (below(5)) {
       case 0:
@@ -321,7 +321,7 @@ class Simulation {
       case 2:
         sent(part, true);
         return {{{0s, head}, {1s, body.substr(0, part)}}, Reply::kReset};
-      case 3:  // more is announced than there is
+      case 3:  // announces more than it sends
         sent(body.size(), false);
         download.ended = false;
         return cut(body + "lies", body.size());
@@ -332,13 +332,13 @@ class Simulation {
   }
 
   std::minstd_rand random_;
-  const int faults_;  // one in so many answers; 0 is none
-  const bool frugal_ = one_in(8);
+  const int faults_;                  // one response in so many is faulty; 0: none
+  const bool no_memory_ = one_in(8);  // refuses memory, else threads
   const Time end_ = std::chrono::minutes(5 + below(40));
   std::vector<Channel> channels_;
   std::deque<Player> players_;
-  Judge judge_;
-  int starved_ = 0;  // streams closed for want of data
+  LogChecker checker_;
+  int starved_ = 0;  // streams closed for lack of data
 };
 
 }  // namespace
