@@ -27,7 +27,7 @@ def mirrored(data: bytes) -> bytes:
 
 
 def media(number: int) -> bytes:
-    """A program table, and packets without sense."""
+    """A valid PAT followed by random TS packets."""
     table = bytes([0, 0xB0, 0x0D, 0, number, 0xC1, 0, 0, 0, 1, 0xF0, 0])
     table += mirrored((zlib.crc32(mirrored(table)) ^ 0xFFFFFFFF).to_bytes(4, "little"))
     packets = [b"G\x40\x00\x10\0" + table.ljust(183, b"\xff")]
@@ -37,7 +37,7 @@ def media(number: int) -> bytes:
 
 @functools.cache
 def usual(path: str) -> bytes:
-    """/2.ts, or /2x1f.ts, encrypted with that vector, in any folder; keys."""
+    """/2.ts, /2x1f.ts (encrypted with that vector) and keys, in any folder."""
     if found := re.fullmatch(r"/(?:.*/)?(\d)(?:x(\w+))?\.ts(?:\?.*)?", path):
         clear = media(int(found[1]))
         return encrypt(clear, int(found[2], 16)) if found[2] else clear
@@ -70,13 +70,13 @@ class Case:
 
     @property
     def whole(self) -> bytes:
-        """What a player that knows all of HLS gets."""
+        """What a player that supports all of HLS gets."""
         names = ["/init.mp4", "/1.m4s"] if self.plays == "mp4" else [
             f"/{one}.ts" for one in self.plays.split()]
         return b"".join(usual(name) for name in names)
 
     def file(self, path: str, seconds: float, host: str) -> bytes:
-        """As it is that long after the first request; empty where there is none."""
+        """Its version that many seconds after its first request; empty if there is none."""
         versions = self.texts.get(path, {0: ""})
         text = versions[max(at for at in versions if at <= seconds)] or USUAL.get(path, "")
         return written_out(text, host) or usual(path)
@@ -112,14 +112,14 @@ def cases(path: Path = Path(__file__).parent / "cases.txt") -> list[Case]:
 
 
 def serve(case: Case, address: str, port: int, certificate: str = "") -> None:
-    """As one client sees it who knows that address alone."""
-    began: list[float] = []  # with the first request
+    """Serves the case on one address."""
+    began: dict[str, float] = {}  # the first request of each path
 
     def at(path: str) -> str:
         return f":{port}{path}" if f":{port}{path}" in case.faults else path
 
     def read(path: str) -> bytes:
-        began.append(time.monotonic())
-        return case.file(at(path), began[-1] - began[0], f"{address}:{port}")
+        now = time.monotonic()
+        return case.file(at(path), now - began.setdefault(path, now), f"{address}:{port}")
 
     Origin(port, read, lambda path: case.faults.get(at(path), ()), address, certificate)
