@@ -107,8 +107,9 @@ class Lab:
     def start(self, command: Sequence[object], **options: Any) -> Process:
         """`options` are Popen's."""
         options.setdefault("stdin", subprocess.DEVNULL)
-        # In a group of its own, since Ctrl-C goes to a whole group.
-        process = subprocess.Popen([str(word) for word in command], process_group=0, **options)
+        # A session of its own keeps Ctrl-C away from it, and weir's low priority from starving it:
+        # where the kernel groups tasks by session, priorities count within one only.
+        process = subprocess.Popen([str(word) for word in command], start_new_session=True, **options)
         self.running.append(process)
         return process
 
