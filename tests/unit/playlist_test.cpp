@@ -103,8 +103,29 @@ TEST(Playlists, OtherTextsAndExcessAreRejected) {
   EXPECT_EQ(parse_master("#EXTM3U\n" + std::string(4096, '\n')).size(), 4096U);
   EXPECT_EQ(shown_master("#EXTM3U\n" + std::string(4097, '\n')),
             "playlist refused: more than 4096 variants\n");
-  EXPECT_EQ(shown_variant("#EXTM3U\n" + std::string(50001, '\n')),
-            "playlist refused: more than 50000 segments\n");
+}
+
+TEST(MediaPlaylist, NewestSegmentsAreKeptUnlessTheStreamStartsBeforeThem) {
+  const struct {
+    size_t segments;
+    std::int32_t start_from;
+    std::int64_t before;  // kept segments before the start; negative if it was dropped
+  } rows[] = {
+      {50000, 0, 0},      {50000, 60000, 60000}, {50000, -60000, -10000}, {50001, 0, -1},
+      {50001, 1, 0},      {50003, 2, -1},        {50003, 3, 0},           {50003, 60000, 59997},
+      {50003, -1, 49999}, {50003, -50000, 0},    {50003, -50001, -1},
+  };
+  for (const auto& [segments, start_from, before] : rows) {
+    Chunklist list("");
+    list.parse("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:7\n" + std::string(segments, '\n'));
+    ASSERT_EQ(list.chunks.size(), 50000U);
+    EXPECT_EQ(list.chunks.front().sequence, 7 + segments - 50000);
+    EXPECT_EQ(list.segments_before(start_from), before);
+    const bool refused = segments > 50000 && before < 0;
+    EXPECT_EQ(errors_of([&, from = start_from] { list.require(from); }),
+              refused ? "playlist refused: more than 50000 segments\n" : "");
+    EXPECT_EQ(list.chunks.empty(), refused);
+  }
 }
 
 // The variant chosen at that speed and its band, "URL LOW HIGH", "-" for no limit.

@@ -23,7 +23,7 @@ std::string shown(const std::string& sent) {
   const Fd sender(ends[1]);
   Response response;
   testing::internal::CaptureStderr();
-  const bool read = response.read_status(connection) == Response::Status::kOk &&
+  const bool read = response.read_status(connection) == Outcome::kDone &&
                     response.read_headers(connection);
   const std::string errors = testing::internal::GetCapturedStderr();
   if (!read) return errors;
@@ -32,7 +32,7 @@ std::string shown(const std::string& sent) {
       .append(" ")
       .append(length ? std::to_string(*length) : "none")
       .append(" from ")
-      .append(std::to_string(response.range_start()))
+      .append(std::to_string(response.position()))
       .append(" ")
       .append(response.rest);
 }
