@@ -18,7 +18,7 @@ TEST(Story, UnusableResponsesAreRequestedAgain) {
     replies.push_back(ok("+"));
     return replies;
   };
-  const Reply no_line_end = raw("HTTP/1.1 200 OK");
+  const Reply no_line_end = raw("junk");
   World world;
   world.origin(
       "o",

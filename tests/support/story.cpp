@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "support/fibers.h"
+
 namespace weir::test {
 
 namespace {
@@ -140,6 +142,7 @@ Lines answers_of(const std::string& story) {
 }  // namespace
 
 void compare(const std::string& transcript, bool in_full) {
+  const Inside inside;
   const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
   const std::string path = STORIES "/" + name + ".txt";
   const std::string story = in_full ? transcript : shorten(transcript);
