@@ -23,7 +23,7 @@ TEST(Story, UnusableResponsesAreRequestedAgain) {
   world.origin(
       "o",
       vod(list(1, {"/icy", "/blank", "/no-end", "/none", "/head", "/stall", "/302", "/503",
-                   "/no-length", "/negative", "/http10", "/empty", kEnd}),
+                   "/no-length", "/pieces", "/negative", "/http10", "/empty", kEnd}),
           {{"/m", {raw("ICY 200 OK\r\n"), ok(master({"1 http://o/v"}))}},
            {"/icy", odd(raw("ICY 200 OK\r\n"))},
            {"/blank", odd(raw("\r\n" + ok11))},
@@ -34,6 +34,11 @@ TEST(Story, UnusableResponsesAreRequestedAgain) {
            {"/302", odd(raw("HTTP/1.0 302 Found\r\n\r\nHTTP/1.1 junk"))},
            {"/503", odd(ok("", "503 No"), 7)},  // one more than there are tries
            {"/no-length", odd(raw(ok11 + "content-length: 2\r\n\r\nxx"))},
+           {"/pieces",
+            {{{{0s, ok11 + "A"},
+               {1s, ": 1\r\nContent-Length: 3\r\n\r"},
+               {1s, "\nab"},
+               {1s, "c"}}}}},
            {"/negative", odd(raw(ok11 + "Content-Length: -1\r\n\r\nabc", End::kClose))},
            {"/http10", odd(raw("HTTP/1.0 200 OK\r\nContent-Length: 1\r\n\r\nten", End::kClose))},
            {"/empty", odd(ok(""))}}));
