@@ -228,6 +228,7 @@ def main() -> None:
         if options.play:
             lab.start(["ffplay", "-v", "fatal", "-autoexit", "-window_title", "weir", STREAM]).wait()
         if options.keep:
+            signal.signal(signal.SIGINT, lambda *_: sys.exit(0))
             print(f"Running until Ctrl-C: {STREAM}", flush=True)
             while demo.log.read():
                 time.sleep(0.1)

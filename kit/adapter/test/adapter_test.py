@@ -137,7 +137,7 @@ def make_streams(lab: Lab) -> None:
 
 
 def check_case(host: str, case: Case, log: Path) -> str:
-    """A complaint; an empty one if all is well."""
+    """A complaint, empty if all is well."""
     at = f"http/{host}:8000"
     for path, text in case.adapted.items():
         if (got := text_of(at + path).encode()) != written_out(text, f"{host}:8000"):

@@ -32,7 +32,7 @@ from weirlab.network import own_network  # noqa: E402
 # weir-check and weir each use a server of their own, so that neither affects the other.
 CHECKED, PLAYED = "127.0.0.2", "127.0.0.1"
 AT_ONCE = 8  # cases, apart from those that only wait for weir to give up
-SILENCE = 30  # s; after 15 without data weir closes a stream, or only sends no more
+SILENCE = 30  # s; weir sends no more after 15 without data, even if it closes later
 
 
 def played(case: Case, url: str) -> int:
@@ -60,7 +60,7 @@ def said(case: Case, url: str) -> tuple[int, str]:
 
 
 def check(case: Case, program: Path, certificate: str, pipe: Connection) -> None:
-    """Sends None when only weir's end is awaited, then a complaint; an empty one if all is well."""
+    """Sends None once only weir has to finish, then a complaint, empty if all is well."""
     os.setsid()  # for a fair share of a busy machine
     own_network()
     subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)  # never answers
@@ -71,7 +71,7 @@ def check(case: Case, program: Path, certificate: str, pipe: Connection) -> None
             for name in (CHECKED, PLAYED)]
     with Lab() as lab, ThreadPoolExecutor() as pool:
         weir = lab.weir(program, 1000000)
-        if "--weir" in case.args:  # compares with weir itself, which has no maps here
+        if "--weir" in case.args:  # the command compares with weir by itself
             return pipe.send(said(case, urls[0])[1])
         maps = re.findall(r"--(chunk|playlist) (\S+)", case.args)
         get("/update-cache-map?" + "&".join(map("=".join, maps)))
@@ -80,13 +80,13 @@ def check(case: Case, program: Path, certificate: str, pipe: Connection) -> None
         pipe.send(None)
         if player.result() != status:
             text += f"\nand its status is {status}, but weir's {player.result()}"
-        if "10.0.0.1" not in str(case.texts):  # an address that weir gives up after 60 s only
+        if "10.0.0.1" not in str(case.texts):  # weir tries to reach that for 60 s
             wait_until("weir to be idle", lambda: is_idle(weir))
     pipe.send(text)
 
 
 def complaints(left: list[Case], *given: object) -> dict[str, str]:
-    """By name of the case. A process that ends without a result is one, too."""
+    """Complaints by case. A process that ends without a result counts as one."""
     running, busy, texts = dict[Connection, str](), set[Connection](), dict[str, str]()
     while left or running:
         while left and len(busy) < AT_ONCE:
@@ -107,7 +107,7 @@ def complaints(left: list[Case], *given: object) -> dict[str, str]:
 
 
 def certificate_in(folder: str) -> str:
-    """Of a certificate authority that this process trusts."""
+    """Makes a certificate and key; this process trusts it."""
     pem = os.environ["SSL_CERT_FILE"] = f"{folder}/pem"
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
                     "-nodes", "-keyout", pem, "-out", pem, "-subj", "/CN=origin",
@@ -116,7 +116,7 @@ def certificate_in(folder: str) -> str:
 
 
 def installed(usr: str) -> str:
-    """Complaints about the command as it is installed by the package."""
+    """A complaint about the command as the package installs it, empty if all is well."""
     shutil.copytree(TOP / "kit/check/weir_check", f"{usr}/share/weir/weir_check")
     os.mkdir(f"{usr}/bin")
     command = shutil.copy(TOP / "kit/check/weir-check", f"{usr}/bin")

@@ -37,7 +37,7 @@ def logs(room: lab.Lab, stories: Path) -> list[str]:
 
 
 def check_transcripts(room: lab.Lab, stories: Path) -> None:
-    """The sums over all logs are those of COUNTED, which has every metric."""
+    """Compares the sums over all logs with COUNTED, which must contain every metric."""
     total = collections.Counter[str]()
     for text in logs(room, stories):
         (room.work / "log").write_text(text, encoding="latin-1")
@@ -50,7 +50,7 @@ def check_transcripts(room: lab.Lab, stories: Path) -> None:
         raise SystemExit("\n".join(difflib.unified_diff(wanted.splitlines(), counted.splitlines())))
     program = (lab.TOP / "kit/metrics/weir.mtail").read_text()
     names = set(re.findall(r"^(?:counter|gauge) weir_(\w+?)(?:_total)?\b", program, re.MULTILINE))
-    # check_feed() sees the other two: no transcript has a start, or ends within a stream.
+    # check_feed() covers two: no transcript logs a start of the unit or ends within a stream.
     if missing := names - {"starts", "streams"} - {name.split()[0] for name in total}:
         raise SystemExit(f"never counted: {missing}")
 

@@ -1,4 +1,4 @@
-"""What kit/metrics makes of weir's log."""
+"""Runs weir's log through mtail with the program and filter of kit/metrics."""
 
 import re
 import subprocess
@@ -13,14 +13,14 @@ MTAIL = ("mtail", "--progs", TOP / "kit/metrics", "--logtostderr", "--emit_prog_
 
 
 def parse(text: str) -> dict[str, float]:
-    """Metrics by their name and labels, those of 0 left out: 'weir_retries_total kind=segment'."""
+    """Values other than 0 by name and labels, such as 'retries kind=segment anew'."""
     found = re.findall(r"^weir_(\w+?)(?:_total)?(?:\{(.*)\})? (\S+)$", text, re.MULTILINE)
     return {f"{name} {labels}".strip().replace('"', ""): float(value)
             for name, labels, value in found if float(value)}
 
 
 def of_log(log: Path) -> dict[str, float]:
-    """Through the filter of the unit."""
+    """The metrics of a log, after the filter of the unit."""
     printable = re.findall(r"^ *(.* tr .*); ", UNIT, re.MULTILINE)[0]
     with log.open("rb") as raw, tempfile.NamedTemporaryFile() as filtered:
         subprocess.run(printable, shell=True, stdin=raw, stdout=filtered, check=True)
