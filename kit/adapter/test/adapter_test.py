@@ -29,7 +29,6 @@ from weirlab.video import ffmpeg  # noqa: E402
 
 PLAIN, CHUNKED, TLS = "http/127.0.0.1:8000", "http/127.0.0.1:8001", "https/origin.test"
 HERE, RINGS = "http://127.0.0.1:7750", "http://~/name"  # the adapter in URLs given to weir
-LIVE = f"{HERE}/{CHUNKED}/short/live.m3u8"
 AT_ONCE = 8  # streams
 HELD = 2  # MiB of a segment that the adapter can hold whole; 32 unless tested
 STREAMS = (
@@ -184,13 +183,12 @@ def run(lab: Lab, binary: Path) -> None:
     streams = {f"127.1.0.{number}": case for number, case in enumerate(told, 1)}
     make_streams(lab)
     weir, log = start_servers(lab, binary, streams)
-    fourth = (lab.www / "vod/list3.ts").read_bytes()
     with ThreadPoolExecutor(AT_ONCE) as pool:
-        tasks = [pool.submit(check_stream, LIVE, joined(lab.www / "short"))]
+        tasks = [pool.submit(check_stream, f"{HERE}/{CHUNKED}/short/live.m3u8", joined(lab.www / "short"))]
         tasks += [pool.submit(check_stream, url, joined(lab.www / "vod")) for url in STREAMS]
         tasks += [pool.submit(check_case, host, case, log) for host, case in streams.items()]
         keyed = next(host for host, case in streams.items() if case.name == "vectors by number")
-        check_answers(lab.www, f"http/{keyed}:8000", fourth)
+        check_answers(lab.www, f"http/{keyed}:8000", (lab.www / "vod/list3.ts").read_bytes())
         faults = [text for task in tasks if (text := task.result())]
     assert not faults, "\n".join([*faults, log.read_text()])
     wait_until("weir to be idle", lambda: is_idle(weir))

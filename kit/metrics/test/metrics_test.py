@@ -45,8 +45,7 @@ def check_transcripts(room: lab.Lab, stories: Path) -> None:
     counted = "".join(f"{value:.0f} {name}\n" for name, value in sorted(total.items()))
     if "UPDATE_STORIES" in os.environ:
         COUNTED.write_text(counted)
-    wanted = COUNTED.read_text()
-    if counted != wanted:
+    if counted != (wanted := COUNTED.read_text()):
         raise SystemExit("\n".join(difflib.unified_diff(wanted.splitlines(), counted.splitlines())))
     program = (lab.TOP / "kit/metrics/weir.mtail").read_text()
     names = set(re.findall(r"^(?:counter|gauge) weir_(\w+?)(?:_total)?\b", program, re.MULTILINE))
@@ -143,8 +142,7 @@ def run_demo() -> None:
     with tempfile.NamedTemporaryFile() as log:
         run = subprocess.run([lab.TOP / "script/demo", "--log", log.name], stdout=subprocess.PIPE, text=True)
         print(run.stdout)
-        if run.returncode != 0:
-            raise SystemExit(run.returncode)
+        assert run.returncode == 0
         got = of_log(Path(log.name))
     expected = {
         "streams_begun": 1, "streams_ended": 1, "stream_end_reasons reason=last segment": 1,
@@ -155,8 +153,7 @@ def run_demo() -> None:
     got["segments"] = sum(value for key, value in got.items() if key.startswith("segments server="))
     got["dead"] = sum(key.startswith("server_invalidations") for key in got)
     wrong = {key: got.get(key, 0) for key, value in expected.items() if got.get(key, 0) != value}
-    if wrong:
-        raise SystemExit(f"the story, {expected}, differs from the metrics: {wrong}")
+    assert not wrong, f"the story, {expected}, differs from the metrics: {wrong}"
     print("the metrics fit the story:", expected)
 
 
