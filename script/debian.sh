@@ -1,0 +1,238 @@
+# shellcheck shell=bash
+# Minimal Debian systems, for script/check and script/release; sourced, needs root.
+# A system is unpacked in memory with a clone of HEAD in /srv/weir. Nothing in it can restart
+# the machine, and only its apt reaches the network. Downloads are kept for a week.
+# shellcheck source=script/lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+readonly releases=(bookworm trixie)
+readonly cache=${XDG_CACHE_HOME:-$HOME/.cache}/weir-debian
+readonly selection=('trixie asked test' 'bookworm root demo' 'trixie root image' 'bookworm free package')
+readonly week=$((7 * 24 * 60)) limit=1800 # minutes, seconds
+readonly no_reboot=(setpriv --bounding-set -sys_boot --inh-caps -sys_boot)
+readonly isolation=(unshare --mount --pid --ipc --fork --kill-child)
+
+# isolated FUNCTION [ARGUMENT...]: runs a function of this file in namespaces, so that its
+# mounts and processes end with it.
+isolated() {
+  [ "$(id -u)" -eq 0 ] || die "This needs root, for namespaces and mounts."
+  "${no_reboot[@]}" "${isolation[@]}" --mount-proc bash -c '. script/debian.sh; "$@"' bash "$@"
+}
+
+# make_systems RELEASE...: archives of minimal systems, in the cache. Without updates: those
+# reach some architectures later, and then two architectures can't be installed together.
+make_systems() {
+  local name
+  need git mmdebstrap debian-archive-keyring iproute2
+  for name in "$@"; do
+    [ -z "$(find "$cache/$name/system.tar" -mmin -$week 2>/dev/null)" ] || continue
+    rm -rf "${cache:?}/$name"
+    mkdir -p "$cache/$name/debs"
+    apt-config dump | sed -n '/^Acquire::\(http\|https\|Check-.*\|Retries\)[: ].* "..*";$/p' >"$cache/$name/apt.conf"
+    mmdebstrap --quiet --variant=apt --include=ca-certificates,git,passwd,sudo --aptopt="$cache/$name/apt.conf" \
+      "$name" "$cache/$name/new.tar" "deb http://deb.debian.org/debian $name main"
+    mv "$cache/$name/new.tar" "$cache/$name/system.tar"
+  done
+}
+
+# unpack_system RELEASE ROOT: in a mount namespace of its own. apt gets the network namespace
+# of this process.
+unpack_system() {
+  local name
+  mkdir -p "$2"
+  mount -t tmpfs -o mode=755 system "$2"
+  tar -xf "$cache/$1/system.tar" -C "$2"
+  touch "$2/run/outside"
+  mount --bind /proc/self/ns/net "$2/run/outside"
+  cp /etc/resolv.conf /etc/hosts "$2/etc/"
+  for name in apt apt-get; do
+    printf '#!/bin/sh\nexec nsenter --net=/run/outside /usr/bin/%s "$@"\n' $name >"$2/usr/local/bin/$name"
+    chmod 755 "$2/usr/local/bin/$name"
+  done
+  git clone --quiet --no-hardlinks . "$2/srv/weir"
+}
+
+# in_system ROOT FUNCTION [ARGUMENT...]: runs a function of this file in that system, without a network.
+in_system() {
+  timeout --signal=KILL $limit "${isolation[@]}" --net bash -c '. script/debian.sh; enter "$@"' bash "$@"
+}
+
+enter() {
+  mount -t proc proc "$1/proc"
+  mount -t sysfs -o ro sysfs "$1/sys"
+  mount -t devpts -o newinstance,ptmxmode=666 devpts "$1/dev/pts"
+  mount -t tmpfs -o mode=1777 shm "$1/dev/shm"
+  ip link set lo up
+  # In a mere chroot an ordinary user's tests could not make the user namespaces they need.
+  cd "$1"
+  mount --move . /
+  # The shell stays as the first process of its namespace, which must reap orphans.
+  exec env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+    chroot . /srv/weir/script/without-reboot bash -c '. /srv/weir/script/debian.sh; "$@"; exit' bash "${@:2}"
+}
+
+# bare [--all | RELEASE USER COMMAND]: each of the README's commands as the first command in a
+# new system, by root, by a user ("free") whose sudo needs no password and by one ("asked")
+# whose sudo asks for it. --all tries every combination.
+bare() {
+  local plan=("${selection[@]}") trial failed=0
+  case ${1:-} in
+    '') ;;
+    --all) mapfile -t plan < <(printf '%s\n' {bookworm,trixie}\ {root,free,asked}\ {demo,test,package,image}) ;;
+    *) plan=("$*") ;;
+  esac
+  make_systems "${releases[@]}"
+  mkdir -p build/bare
+  for trial in "${plan[@]}"; do
+    while (($(jobs -pr | wc -l) >= $(nproc))); do wait -n || failed=1; done
+    # shellcheck disable=SC2086 # three words
+    isolated try $trial &
+  done
+  while [ -n "$(jobs -p)" ]; do wait -n || failed=1; done
+  return $failed
+}
+
+# try RELEASE USER COMMAND: its output is shown if it fails. Trials share what they download.
+try() {
+  local name=$1-$2-$3 root=build/bare/$1-$2-$3 debs began=$SECONDS verdict=passed
+  debs=$(mktemp -d "$cache/$1/trial.XXXXXX")
+  trap 'rm -rf "$debs"' EXIT
+  cp -al "$cache/$1/debs" "$debs"
+  unpack_system "$1" "$root"
+  mount --bind "$debs/debs" "$root/var/cache/apt/archives"
+  in_system "$root" first_command "${@:2}" </dev/null >"build/bare/$name.log" 2>&1 || verdict=FAILED
+  find "$debs" -name '*.deb' -exec ln -f -t "$cache/$1/debs" {} +
+  [ $verdict = passed ] || tail -n 100 "build/bare/$name.log"
+  echo "$1, $2: $3 $verdict after $((SECONDS - began)) s"
+  [ $verdict = passed ]
+}
+
+# first_command USER COMMAND: in the system.
+first_command() {
+  local user=$1 line="cd /srv/weir && script/$2"
+  [ "$2" != image ] || line="cd /srv/weir && kit/image/build"
+  if [ "$user" != root ]; then
+    useradd --create-home --shell /bin/bash "$user"
+    [ "$user" = asked ] || echo "$user ALL=(ALL) NOPASSWD: ALL" >"/etc/sudoers.d/$user"
+    chown -R "$user" .
+  fi
+  [ "$user" != asked ] || obey_refusal "$line"
+  su -l "$user" -c "$line"
+  [ "$2" != package ] || install_and_purge
+}
+
+# obey_refusal COMMAND: without a terminal the user gets one list of all packages to install.
+obey_refusal() {
+  local said packages
+  ! said=$(su -l asked -c "$1" 2>&1) || die "not refused"
+  echo "$said"
+  packages=$(sed -n 's/^Please install first: sudo apt-get install //p' <<<"$said")
+  [ -n "$packages" ] || die "not told what to install"
+  apt-get update -qq
+  # shellcheck disable=SC2086 # a list
+  DEBIAN_FRONTEND=noninteractive apt-get install -qq --no-install-recommends $packages
+}
+
+# install_and_purge: the package streams once installed, and leaves nothing when purged.
+install_and_purge() {
+  apt-get install -y --no-install-recommends ./build/weir_*.deb
+  [ -e /etc/systemd/system/multi-user.target.wants/weir.service ] || die "the service is not enabled"
+  need curl openssl python3
+  /usr/sbin/weir 33554432 >/dev/null &
+  debian/tests/streams
+  kill $!
+  apt-get purge -y weir
+  ! find / -xdev -name '*weir*' -not -path '/srv/weir*' | grep . || die "the package left these behind"
+}
+
+# booted [RELEASE...]: the package of HEAD under a systemd that boots in a container, whose only
+# network is its own.
+booted() {
+  local name
+  [ $# -gt 0 ] || set -- "${releases[@]}"
+  need systemd-container procps
+  for name in "$@"; do
+    script/release "$name" "$(dpkg --print-architecture)"
+    isolated try_booted "$name"
+  done
+}
+
+try_booted() {
+  local root=build/booted/$1 log=build/booted/$1.log init='' turn
+  unpack_system "$1" "$root"
+  cp "$(package_for "$1" "$(dpkg --print-architecture)")" "$root/root"
+  in_system "$root" prepare_boot >"$log" 2>&1 || { tail "$log"; die "$1: nothing to boot"; }
+  # On a host with control groups v1 the container still gets v2, like every Debian.
+  SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 systemd-nspawn --quiet --boot --private-network \
+    --drop-capability=CAP_SYS_BOOT --register=no --keep-unit --console=pipe --directory="$root" </dev/null >>"$log" 2>&1 &
+  for turn in $(seq 100); do
+    init=$(pgrep --parent $!) && is_contained "$init" &&
+      inside "$init" systemctl is-system-running --wait >>"$log" 2>&1 && break
+    [ "$turn" -lt 100 ] || { tail "$log"; die "$1: systemd does not run"; }
+    sleep 0.2
+  done
+  inside "$init" /srv/weir/debian/tests/booted /root/weir_*.deb >>"$log" 2>&1 || { tail -n 100 "$log"; die "$1: failed"; }
+  echo "$1: passed"
+}
+
+# prepare_boot: installs what the container needs, since it has no network.
+prepare_boot() {
+  local depends
+  depends=$(dpkg-deb -f /root/weir_*.deb Depends | sed 's/ ([^)]*)//g; s/,//g')
+  # shellcheck disable=SC2086 # a list
+  need systemd-sysv dbus curl openssl procps python3 mtail $depends
+}
+
+# is_contained PROCESS: in a mount namespace of its own, unable to restart the machine.
+is_contained() {
+  local capabilities
+  capabilities=$(sed -n 's/^CapBnd:[[:space:]]*//p' "/proc/$1/status")
+  [ "$(readlink "/proc/$1/ns/mnt")" != "$(readlink /proc/self/ns/mnt)" ] && ! ((0x$capabilities >> 22 & 1))
+}
+
+# inside INIT COMMAND...: in the container with that first process.
+inside() {
+  script/without-reboot nsenter --target="$1" --mount --uts --ipc --net --pid --root --wd \
+    env -i PATH=/usr/sbin:/usr/bin "${@:2}"
+}
+
+# release RELEASE ARCHITECTURE: the package of HEAD, in build/packages.
+release() {
+  local root=build/packages/$1-$2
+  unpack_system "$1" "$root"
+  in_system "$root" build_for "$2" >"$root.log" 2>&1 || { tail -n 50 "$root.log"; die "$1, $2: failed"; }
+  grep -E '^(size:|[0-9]+% tests passed)' "$root.log"
+  cp "$root"/srv/weir/build/*.deb build/packages
+}
+
+# package_for RELEASE ARCHITECTURE
+package_for() {
+  local -A numbers=([bookworm]=12 [trixie]=13)
+  echo build/packages/weir_*~deb"${numbers[$1]}_$2.deb"
+}
+
+# build_for ARCHITECTURE: in the system. Unit tests of another architecture run under qemu.
+build_for() {
+  local foreign='' size
+  [ "$1" = "$(dpkg --print-architecture)" ] || foreign=$1
+  [ -z "$foreign" ] || dpkg --add-architecture "$1"
+  script/package --for "$1"
+  dpkg-deb -x build/weir_*.deb build/files
+  size=$(stat -c %s build/files/usr/sbin/weir)
+  echo "size: $size bytes"
+  ((size < 300000)) || die "the program has grown beyond 300,000 bytes"
+  [ -z "$foreign" ] || emulate "$1"
+}
+
+# emulate ARCHITECTURE: its unit tests. Those that start the real program or ask the compiler are not for qemu.
+emulate() {
+  local cpu triplet
+  cpu=$(dpkg-architecture -a "$1" -qDEB_HOST_GNU_CPU 2>/dev/null)
+  triplet=$(dpkg-architecture -a "$1" -qDEB_HOST_GNU_TYPE 2>/dev/null)
+  need qemu-user "libgtest-dev:$1"
+  cmake -S . -B build/tests -G Ninja -DCMAKE_BUILD_TYPE=Release -DWEIR_TESTS=ON -DCMAKE_SYSTEM_NAME=Linux \
+    -DCMAKE_SYSTEM_PROCESSOR="$cpu" -DCMAKE_CXX_COMPILER="$triplet-g++" -DCMAKE_CROSSCOMPILING_EMULATOR="qemu-$cpu"
+  cmake --build build/tests
+  ctest --test-dir build/tests --parallel "$(nproc)" --output-on-failure --no-tests=error \
+    --label-exclude system --exclude-regex '^(start_up|modules_see_only.*)$'
+}
