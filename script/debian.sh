@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Minimal Debian systems, for script/check and script/release; sourced, needs root.
 # A system is unpacked in memory with a clone of HEAD in /srv/weir. Nothing in it can restart
-# the machine, and only its apt reaches the network. Downloads are kept for a week.
+# the machine, and only its apt reaches the network. Archives of them are kept for a week.
 # shellcheck source=script/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -26,8 +26,8 @@ make_systems() {
   need git mmdebstrap debian-archive-keyring iproute2
   for name in "$@"; do
     [ -z "$(find "$cache/$name/system.tar" -mmin -$week 2>/dev/null)" ] || continue
-    rm -rf "${cache:?}/$name"
-    mkdir -p "$cache/$name/debs"
+    mkdir -p "$cache/$name"
+    # apt reaches its mirrors as this machine's does.
     apt-config dump | sed -n '/^Acquire::\(http\|https\|Check-.*\|Retries\)[: ].* "..*";$/p' >"$cache/$name/apt.conf"
     mmdebstrap --quiet --variant=apt --include=ca-certificates,git,passwd,sudo --aptopt="$cache/$name/apt.conf" \
       "$name" "$cache/$name/new.tar" "deb http://deb.debian.org/debian $name main"
@@ -45,16 +45,19 @@ unpack_system() {
   touch "$2/run/outside"
   mount --bind /proc/self/ns/net "$2/run/outside"
   cp /etc/resolv.conf /etc/hosts "$2/etc/"
+  # shellcheck disable=SC2016 # for the inner shell
   for name in apt apt-get; do
-    printf '#!/bin/sh\nexec nsenter --net=/run/outside /usr/bin/%s "$@"\n' $name >"$2/usr/local/bin/$name"
+    printf '#!/bin/sh\n[ "$(id -u)" -ne 0 ] || outside="nsenter --net=/run/outside"\nexec $outside /usr/bin/%s "$@"\n' \
+      $name >"$2/usr/local/bin/$name"
     chmod 755 "$2/usr/local/bin/$name"
   done
   git clone --quiet --no-hardlinks . "$2/srv/weir"
 }
 
-# in_system ROOT FUNCTION [ARGUMENT...]: runs a function of this file in that system, without a network.
+# in_system ROOT FUNCTION [ARGUMENT...]: runs a function of this file in that system.
+network=(--net)
 in_system() {
-  timeout --signal=KILL $limit "${isolation[@]}" --net bash -c '. script/debian.sh; enter "$@"' bash "$@"
+  timeout --signal=KILL $limit "${isolation[@]}" "${network[@]}" bash -c '. script/debian.sh; enter "$@"' bash "$@"
 }
 
 enter() {
@@ -92,16 +95,13 @@ bare() {
   return $failed
 }
 
-# try RELEASE USER COMMAND: its output is shown if it fails. Trials share what they download.
+# try RELEASE USER COMMAND: its output is shown if it fails.
 try() {
-  local name=$1-$2-$3 root=build/bare/$1-$2-$3 debs began=$SECONDS verdict=passed
-  debs=$(mktemp -d "$cache/$1/trial.XXXXXX")
-  trap 'rm -rf "$debs"' EXIT
-  cp -al "$cache/$1/debs" "$debs"
+  local name=$1-$2-$3 root=build/bare/$1-$2-$3 began=$SECONDS verdict=passed
+  # An ordinary user's mmdebstrap downloads by itself; it starts no server.
+  [ "$3" != image ] || network=()
   unpack_system "$1" "$root"
-  mount --bind "$debs/debs" "$root/var/cache/apt/archives"
   in_system "$root" first_command "${@:2}" </dev/null >"build/bare/$name.log" 2>&1 || verdict=FAILED
-  find "$debs" -name '*.deb' -exec ln -f -t "$cache/$1/debs" {} +
   [ $verdict = passed ] || tail -n 100 "build/bare/$name.log"
   echo "$1, $2: $3 $verdict after $((SECONDS - began)) s"
   [ $verdict = passed ]
@@ -158,20 +158,21 @@ booted() {
 }
 
 try_booted() {
-  local root=build/booted/$1 log=build/booted/$1.log init='' turn
+  local root=build/booted/$1 log=build/booted/$1.log package init='' turn
   unpack_system "$1" "$root"
-  cp "$(package_for "$1" "$(dpkg --print-architecture)")" "$root/root"
+  package=$(echo build/packages/weir_*~deb"$(. "$root/etc/os-release" && echo "$VERSION_ID")_$(dpkg --print-architecture).deb")
+  cp "$package" "$root/root"
   in_system "$root" prepare_boot >"$log" 2>&1 || { tail "$log"; die "$1: nothing to boot"; }
   # On a host with control groups v1 the container still gets v2, like every Debian.
-  SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 systemd-nspawn --quiet --boot --private-network \
-    --drop-capability=CAP_SYS_BOOT --register=no --keep-unit --console=pipe --directory="$root" </dev/null >>"$log" 2>&1 &
+  SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 systemd-nspawn --quiet --boot --private-network --register=no --keep-unit \
+    --drop-capability=CAP_SYS_BOOT --console=pipe --directory="$root" </dev/null >>"$log" 2>&1 &
   for turn in $(seq 100); do
-    init=$(pgrep --parent $!) && is_contained "$init" &&
+    init=$(pgrep --parent $!) && [ "$(readlink "/proc/$init/ns/mnt")" != "$(readlink /proc/self/ns/mnt)" ] &&
       inside "$init" systemctl is-system-running --wait >>"$log" 2>&1 && break
     [ "$turn" -lt 100 ] || { tail "$log"; die "$1: systemd does not run"; }
     sleep 0.2
   done
-  inside "$init" /srv/weir/debian/tests/booted /root/weir_*.deb >>"$log" 2>&1 || { tail -n 100 "$log"; die "$1: failed"; }
+  inside "$init" /srv/weir/debian/tests/booted "/root/$(basename "$package")" >>"$log" 2>&1 || { tail -n 100 "$log"; die "$1: failed"; }
   echo "$1: passed"
 }
 
@@ -181,13 +182,6 @@ prepare_boot() {
   depends=$(dpkg-deb -f /root/weir_*.deb Depends | sed 's/ ([^)]*)//g; s/,//g')
   # shellcheck disable=SC2086 # a list
   need systemd-sysv dbus curl openssl procps python3 mtail $depends
-}
-
-# is_contained PROCESS: in a mount namespace of its own, unable to restart the machine.
-is_contained() {
-  local capabilities
-  capabilities=$(sed -n 's/^CapBnd:[[:space:]]*//p' "/proc/$1/status")
-  [ "$(readlink "/proc/$1/ns/mnt")" != "$(readlink /proc/self/ns/mnt)" ] && ! ((0x$capabilities >> 22 & 1))
 }
 
 # inside INIT COMMAND...: in the container with that first process.
@@ -205,12 +199,6 @@ release() {
   cp "$root"/srv/weir/build/*.deb build/packages
 }
 
-# package_for RELEASE ARCHITECTURE
-package_for() {
-  local -A numbers=([bookworm]=12 [trixie]=13)
-  echo build/packages/weir_*~deb"${numbers[$1]}_$2.deb"
-}
-
 # build_for ARCHITECTURE: in the system. Unit tests of another architecture run under qemu.
 build_for() {
   local foreign='' size
@@ -224,7 +212,8 @@ build_for() {
   [ -z "$foreign" ] || emulate "$1"
 }
 
-# emulate ARCHITECTURE: its unit tests. Those that start the real program or ask the compiler are not for qemu.
+# emulate ARCHITECTURE: runs its unit tests, except those that start the real program, which
+# needs capabilities, or ask the compiler.
 emulate() {
   local cpu triplet
   cpu=$(dpkg-architecture -a "$1" -qDEB_HOST_GNU_CPU 2>/dev/null)
