@@ -212,8 +212,8 @@ build_for() {
   [ -z "$foreign" ] || emulate "$1"
 }
 
-# emulate ARCHITECTURE: runs its unit tests, except those that start the real program, which
-# needs capabilities, or ask the compiler.
+# emulate ARCHITECTURE: runs its unit tests, except those that start a program without qemu,
+# or ask the compiler.
 emulate() {
   local cpu triplet
   cpu=$(dpkg-architecture -a "$1" -qDEB_HOST_GNU_CPU 2>/dev/null)
@@ -223,5 +223,5 @@ emulate() {
     -DCMAKE_SYSTEM_PROCESSOR="$cpu" -DCMAKE_CXX_COMPILER="$triplet-g++" -DCMAKE_CROSSCOMPILING_EMULATOR="qemu-$cpu"
   cmake --build build/tests
   ctest --test-dir build/tests --parallel "$(nproc)" --output-on-failure --no-tests=error \
-    --label-exclude system --exclude-regex '^(start_up|modules_see_only.*)$'
+    --label-exclude system --exclude-regex '^(start_up|modules_see_only.*|conversations_in_other_orders)$'
 }
