@@ -45,8 +45,8 @@ unpack_system() {
   touch "$2/run/outside"
   mount --bind /proc/self/ns/net "$2/run/outside"
   cp /etc/resolv.conf /etc/hosts "$2/etc/"
-  # shellcheck disable=SC2016 # for the inner shell
   for name in apt apt-get; do
+    # shellcheck disable=SC2016 # for the inner shell
     printf '#!/bin/sh\n[ "$(id -u)" -ne 0 ] || outside="nsenter --net=/run/outside"\nexec $outside /usr/bin/%s "$@"\n' \
       $name >"$2/usr/local/bin/$name"
     chmod 755 "$2/usr/local/bin/$name"

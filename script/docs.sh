@@ -1,17 +1,12 @@
-#!/usr/bin/env bash
-# Checks what a machine can check of the pages: links lead somewhere, every file named
-# exists, commands are valid shell, and those in blocks with one of these marks run:
+# shellcheck shell=bash
+# Run by script/check docs. Checks that links in the pages lead somewhere, that every file
+# named exists, that commands are valid shell, and that those in marked blocks work:
 #   console run    in a fresh copy of the tree
 #   console weir   there, beside weir on its port and a web server on 192.0.2.1:80
-#                  whose root is www/
+#                  that serves www/
 # In a manual page the mark is a comment before the block.
 . "$(dirname "$0")/lib.sh"
 shopt -s extglob
-
-# files [OPTION...] [-- PATTERN...]: of the tree, whether committed yet or not.
-files() { git ls-files --cached --others --exclude-standard "$@"; }
-
-mapfile -t pages < <(files -- '*.md' 'debian/*.[18]')
 problems=0
 
 complain() {
@@ -19,9 +14,11 @@ complain() {
   problems=$((problems + 1))
 }
 
+# files [OPTION...] [-- PATTERN...]: of the tree, committed or not.
+files() { git ls-files --cached --others --exclude-standard "$@"; }
 exists() { [ -n "$(files -- "$@")" ]; }
 
-# anchors PAGE: of its headings, as web pages make them.
+# anchors PAGE: of its headings, as web pages name them.
 anchors() {
   sed -n 's/^##* //p' "$1" | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9 _-]//g; s/ /-/g'
 }
@@ -29,33 +26,26 @@ anchors() {
 check_links() {
   local page=$1 link target
   while read -r link; do
-    [[ $link != http* ]] || continue
     target=$page
     [[ $link == \#* ]] || target=$(realpath -m --relative-to=. "$(dirname "$page")/${link%%#*}")
-    if ! exists "$target"; then
-      complain "$page: no file for the link $link"
-    elif [[ $link == *#* ]] && ! anchors "$target" | grep -qxF -e "${link#*#}"; then
+    exists "$target" || complain "$page: no file for the link $link"
+    [[ $link != *#* ]] || anchors "$target" | grep -qxF -e "${link#*#}" ||
       complain "$page: no heading for the link $link"
-    fi
-  done < <(grep -oP '\]\(\K[^)]+' "$page")
+  done < <(grep -oP '\]\(\K(?!http)[^)]+' "$page")
 }
 
-# A name is that of a file here where it begins with a folder of the tree, or stands in
-# backquotes and ends as one of its files does.
+# A name is a file's if it begins with a folder of the tree, or is in backquotes and has an
+# ending that a file of the tree has.
 check_names() {
-  local page=$1 name folders endings
+  local page=$1 name folders endings='cpp|h|md|sh|py|js|mjs|html|css|conf|yml|service|timer|txt|cmake|[18]'
   folders=$(files | sed -n 's|/.*||p' | sort -u | paste -sd'|')
-  endings='cpp|h|md|sh|py|js|mjs|html|css|conf|yml|service|timer|txt|cmake|[18]'
   while read -r name; do
-    exists "${name%%+(.)}" || complain "$page: no file $name"
-  done < <(grep -oP "(?<![\w./~@-])(?:$folders)/[\w.*/-]*" "$page")
-  while read -r name; do
-    exists "$name" "*/$name" || complain "$page: no file $name"
-  done < <(grep -oP "\`\K[\w-]+\.(?:$endings)(?=[\`#])" "$page")
+    exists "${name%%+(.)}" "*/${name/*\/*/}" || complain "$page: no file $name"
+  done < <(grep -oP "(?<![\w./~@-])(?:$folders)/[\w.*/-]*|\`\K[\w-]+\.(?:$endings)(?=[\`#])" "$page")
 }
 
-# blocks PAGE [MARK]: the lines of the blocks with that mark, or of all; what is typed
-# begins with "$ ", also where a line goes on.
+# blocks PAGE [MARK]: the lines of the blocks with that mark, or of all. Typed lines begin
+# with "$ ", continued ones included.
 blocks() {
   # shellcheck disable=SC2016 # backquotes
   case $1 in
@@ -68,21 +58,16 @@ blocks() {
 
 commands() { blocks "$@" | sed -n 's/^\$ //p'; }
 
-# fresh_copy DIR: of the files as they lie here.
-fresh_copy() {
-  git clone -q . "$1"
-  files -z | xargs -0 cp --parents -t "$1"
-}
-
-# run PAGE MARK COMMAND...: runs these blocks by way of that command, in a folder of
-# their own. The other lines of the blocks must be among what comes out.
+# run PAGE MARK COMMAND...: runs these blocks by means of that command in a new copy of the
+# tree. The other lines of the blocks must be in the output.
 run() {
   local page=$1 mark=$2 text dir line
   text=$(commands "$page" "$mark")
   [ -n "$text" ] || return 0
+  echo "$page: console $mark"
   dir=$(mktemp -d "$work/XXXX")
-  fresh_copy "$dir"
-  echo "$page: $mark"
+  git clone -q . "$dir"
+  files -z --deduplicate | xargs -0 cp --parents -t "$dir"
   (cd "$dir" && "${@:3}" bash -euo pipefail -c "$text" >"$work/output" 2>&1) ||
     complain "$page, console $mark: $(tail -n 20 "$work/output")"
   while read -r line; do
@@ -90,52 +75,47 @@ run() {
   done < <(blocks "$page" "$mark" | grep -v '^\$ ')
 }
 
-# A video that is none, in three segments.
+# Three segments of noise.
 make_live() {
-  local number
   mkdir -p www/live
   printf '#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=400000\nhttp://~/live/list.m3u8\n' >www/live/master.m3u8
   printf '#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:1\n' >www/live/list.m3u8
-  for number in 1 2 3; do
-    head -c 100000 /dev/urandom >www/live/$number.ts
-    printf '#EXTINF:2,\nhttp://@/live/%s.ts\n' $number >>www/live/list.m3u8
-  done
+  printf '#EXTINF:2,\nhttp://@/live/%s.ts\n' 1 2 3 >>www/live/list.m3u8
   echo '#EXT-X-ENDLIST' >>www/live/list.m3u8
+  head -c 100000 /dev/urandom | tee www/live/{1,2,3}.ts >/dev/null
 }
 
-# beside_weir PROGRAM COMMAND...: in a network of its own, since the port is fixed.
+# beside_weir PROGRAM COMMAND...: in a network namespace, since the port is fixed.
 beside_weir() {
-  local program=$1
-  shift
   ip link set lo up
   ip address add 192.0.2.1/32 dev lo
   make_live
-  script/without-reboot "$program" 33554432 >weir.log 2>&1 &
+  script/without-reboot "$1" 33554432 >weir.log 2>&1 &
   python3 -m http.server --protocol HTTP/1.1 --bind 192.0.2.1 --directory www 80 >web.log 2>&1 &
-  # shellcheck disable=SC2064 # these, and no others
+  # shellcheck disable=SC2064 # only these processes
   trap "kill $(jobs -p | paste -sd' ')" EXIT
   curl -s --retry 20 --retry-delay 1 --retry-connrefused http://127.0.0.1:7744/stats.json http://192.0.2.1/ >answers
-  "$@"
+  "${@:2}"
   ! grep -E '^(start_refreshing failed|marking this variant|chunk get .* FAILED)' weir.log
 }
 
 if [ "${1:-}" = --beside ]; then
-  cd "$OLDPWD" # lib.sh has gone to the top of the tree
+  cd "$OLDPWD" # lib.sh has changed it to the top of the tree
   beside_weir "${@:2}"
   exit
 fi
 
-need git curl ffmpeg iproute2 jq python3
-[ -x build/release/weir ] || script/build
+script/build
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 own_network=(unshare --net)
-[ "$(id -u)" -eq 0 ] || own_network=(unshare --map-root-user --net)
+[ "$(id -u)" -eq 0 ] || own_network+=(--map-root-user)
+mapfile -t pages < <(files -- '*.md' 'debian/*.[18]')
 for page in "${pages[@]}"; do
   check_links "$page"
   check_names "$page"
-  commands "$page" | bash -n || complain "$page: commands that are no shell"
+  commands "$page" | bash -n || complain "$page: invalid shell"
   run "$page" run
-  run "$page" weir "${own_network[@]}" "$PWD/script/check-docs" --beside "$PWD/build/release/weir"
+  run "$page" weir "${own_network[@]}" bash "$PWD/script/docs.sh" --beside "$PWD/build/release/weir"
 done
 [ "$problems" -eq 0 ] || die "$problems problems in the pages"
