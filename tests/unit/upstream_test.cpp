@@ -23,8 +23,8 @@ std::string shown(const std::string& sent) {
   const Fd sender(ends[1]);
   Response response;
   testing::internal::CaptureStderr();
-  const bool read = response.read_status(connection) == Outcome::kDone &&
-                    response.read_headers(connection);
+  const bool read =
+      response.read_status(connection) == Outcome::kDone && response.read_headers(connection);
   const std::string errors = testing::internal::GetCapturedStderr();
   if (!read) return errors;
   const std::optional<std::uint64_t> length = response.content_length();

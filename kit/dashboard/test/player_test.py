@@ -20,7 +20,8 @@ LENGTHS = ["-hls_segment_options", "omit_video_pes_length=0"]
 STATE = """const video = document.querySelector('video');
 return video.error ? video.error.message : video.ended;"""
 # Decodes each frame by itself, however slow the machine is, and returns how many different ones there are.
-COUNT_FRAMES = """const [count, rate, done] = arguments, video = document.querySelector('video'), times = new Set();
+COUNT_FRAMES = """const [count, rate, done] = arguments, times = new Set();
+const video = document.querySelector('video');
 let frame = 0;
 const seek = () => {
   video.requestVideoFrameCallback((_, shown) => {
@@ -54,7 +55,8 @@ def fetch_library(package: str) -> bytes | None:
 def make_video(room: lab.Lab) -> None:
     video.ffmpeg(room, "-f", "lavfi", "-i", f"testsrc2=size=320x180:rate={RATE}:duration={SECONDS}",
                  "-f", "lavfi", "-i", f"sine=frequency=440:duration={SECONDS}", "-c:v", "libx264", "-g", RATE,
-                 "-bf", 0, "-pix_fmt", "yuv420p", "-c:a", "aac", *LENGTHS, *video.in_segments(room.www / "video", 2))
+                 "-bf", 0, "-pix_fmt", "yuv420p", "-c:a", "aac", *LENGTHS,
+                 *video.in_segments(room.www / "video", 2))
     bandwidth = video.publish(room.www / "video", f"{BASE}/video", 2)
     video.replace(room.www / "master.m3u8", video.master_playlist({f"{BASE}/video/list.m3u8": bandwidth}))
 
