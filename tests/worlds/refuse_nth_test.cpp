@@ -31,6 +31,8 @@ struct Fault {
   int error;
   Promise promise;
   const char* last_words = "";
+
+  friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.call; }
 };
 
 const Fault kFaults[] = {
