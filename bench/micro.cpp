@@ -124,7 +124,7 @@ void body_download(benchmark::State& state) {
   for (auto _ : state) {
     const auto got =
         curl.get_stream(origin.url(), buffer, encrypted ? "0123456789abcdef" : "", stop, 0);
-    if (!got || got->bytes != kBody) state.SkipWithError("a body is missing");
+    if (!got.done() || got.received != kBody) state.SkipWithError("a body is missing");
     buffer.clear();
   }
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kBody));
