@@ -52,6 +52,7 @@ std::int64_t ChunkFetcher::begin_pass(Playing& playing) {
   if (control_.is_over()) log_out("playlist chunks - should_finish");
   refresh_in(static_cast<std::int64_t>(chunklist.target_duration * limits::kRefreshAfter));
   const std::int32_t start_from = std::exchange(playing.start_from, 0);
+  playing.started = true;
   log_out("start from: ", start_from);
   log_out("searching for new chunks (last seq got ", last_seq_, ")");
   return chunklist.segments_before(start_from);
@@ -75,7 +76,6 @@ bool ChunkFetcher::take_chunk(Pass& pass) {
   chunks.pop_front();
   if (chunk.sequence > last_seq_) {
     const Download download = fetch_chunk(chunk);
-    if (download.done()) pass.playing.delivering = true;
     if (!download.done()) {
       note_failure();
     } else if (!note_success(chunk, download, pass.playing.current.variant->bandwidth)) {

@@ -48,7 +48,9 @@ void Chunklist::parse(std::string_view text) {
   if (!reader.read_header()) return;
   Cursor cursor;
   for (std::string_view line; reader.next(line);) parse_line(line, cursor);
-  if (reader.met_long_line()) chunks = {};
+  if (!reader.met_long_line()) return;
+  chunks = {};
+  dropped_ = 0;
 }
 
 void Chunklist::parse_line(std::string_view line, Cursor& cursor) {

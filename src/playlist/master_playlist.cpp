@@ -79,7 +79,7 @@ bool MasterPlaylist::refresh_variant(Playing& playing) {
   Chunklist& chunklist = *playing.chunklist;
   if (!UCurl().get(chunklist.url, text)) return false;
   chunklist.parse(text);
-  if (!playing.delivering) chunklist.require(playing.start_from);
+  if (!playing.started) chunklist.require(playing.start_from);
   return !chunklist.chunks.empty();
 }
 

@@ -20,7 +20,7 @@ struct Playing {
   std::optional<Chunklist> chunklist;  // of the current variant
 
   std::int32_t start_from = 0;  // segments that the next pass skips, negative from the end
-  bool delivering = false;      // a segment has been downloaded
+  bool started = false;         // a fill pass has begun
 };
 
 // A mailbox for one object, which it owns while it holds it.
