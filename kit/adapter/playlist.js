@@ -1,4 +1,5 @@
-// What playlists say (RFC 8216), of an origin's lines without blanks around them.
+// Parses playlists (RFC 8216), given as lines without surrounding blanks.
+import crypto from 'crypto';
 import urls from 'url.js';
 
 const REFUSED = {
@@ -8,36 +9,46 @@ const REFUSED = {
   '#EXT-X-I-FRAMES-ONLY': 'trick play (EXT-X-I-FRAMES-ONLY)',
 };
 const VIDEO = /^(avc|hvc|hev|dvh|dva|mp4v|vp0|av01)/i;
+const DIGITS = 15; // of a media sequence number, those that a JavaScript number holds exactly
+const WORD = 0x100000000;
+const LATE = 3; // segments by which a cache's copy of a live playlist may be older than another
 
 function attributes(line) {
   const found = {};
-  const pattern = /([A-Z0-9-]+)=("[^"]*"|[^",]*)/g;
+  const pattern = /([A-Z0-9-]+)=("[^"]*"|[^",]*)/gi;
   const text = line.slice(line.indexOf(':') + 1);
   let pair;
   while ((pair = pattern.exec(text))) {
-    found[pair[1]] = pair[2].replace(/^"|"$/g, '');
+    found[pair[1].toUpperCase()] = pair[2].replace(/^"|"$/g, '');
   }
   return found;
 }
 
-// The lines behind the first.
+// The lines after the first.
 function linesOf(text) {
-  const lines = text.replace(/^\uFEFF/, '').split('\n').map((line) => line.trim()).filter((line) => line);
-  if (lines[0] !== '#EXTM3U') {
+  const raw = text.split('\n'), lines = [];
+  urls.spend(raw.length);
+  if (raw[0].replace(/^\uFEFF/, '').trim() !== '#EXTM3U') {
     throw urls.refusal('no playlist');
   }
-  return lines.slice(1);
+  for (let at = 1; at < raw.length; at++) {
+    const line = raw[at].trim();
+    if (line) {
+      lines.push(line);
+    }
+  }
+  return lines;
 }
 
 function isMaster(lines) {
   return lines.some((line) => line.startsWith('#EXT-X-STREAM-INF:'));
 }
 
-// The variants of a master playlist in which sound and picture come together.
+// The variants of a master playlist that contain both audio and video.
 function usableVariants(url, lines) {
   const muxed = {}, variants = [];
   lines.filter((line) => line.startsWith('#EXT-X-MEDIA:')).map(attributes).forEach((media) => {
-    const group = `${media.TYPE} ${media['GROUP-ID']}`;
+    const group = `${String(media.TYPE).toUpperCase()} ${media['GROUP-ID']}`;
     muxed[group] = muxed[group] || !media.URI;
   });
   let tag, separate = false;
@@ -75,12 +86,13 @@ function timeOf(text) {
   return Date.UTC(at[1], at[2] - 1, at[3], at[4], at[5] - zone, at[6]) + (at[7] || 0) * 1000;
 }
 
-// The key and the vector of a tag, null where there is none. No vector stands for the number.
+// The key of a tag, null for none. Without a vector of its own it is used with each segment's number.
 function parseKey(url, tag) {
-  if (tag.METHOD === 'NONE') {
+  const method = String(tag.METHOD).toUpperCase();
+  if (method === 'NONE') {
     return null;
   }
-  if (tag.METHOD !== 'AES-128') {
+  if (method !== 'AES-128') {
     throw urls.refusal(`encryption with ${tag.METHOD} (EXT-X-KEY)`);
   }
   if ((tag.KEYFORMAT || 'identity') !== 'identity' || !tag.URI) {
@@ -90,61 +102,129 @@ function parseKey(url, tag) {
   return { url: urls.resolve(url, tag.URI), vector: vector && vector.padStart(32, '0') };
 }
 
+// `first` is what weir is told, two words of 32 bits what vectors are made of: 64 bits are allowed.
+function setNumber(media, value) {
+  const digits = (/^\d{1,20}/.exec(value) || ['0'])[0];
+  let high = 0, low = 0;
+  for (let at = 0; at < digits.length; at++) {
+    low = low * 10 + Number(digits[at]);
+    high = high * 10 + Math.floor(low / WORD);
+    low %= WORD;
+  }
+  media.first = Number(digits.slice(-DIGITS));
+  media.words = { high, low };
+  media.numbered = true;
+}
+
+function vectorOf(media, at) {
+  const low = media.words.low + at, high = media.words.high + Math.floor(low / WORD);
+  return media.segments[at].key.vector
+    || `${high.toString(16).padStart(24, '0')}${(low % WORD).toString(16).padStart(8, '0')}`;
+}
+
+function readTag(media, next, line) {
+  const tag = line.split(':', 1)[0], value = line.slice(tag.length + 1);
+  if (REFUSED[tag]) {
+    throw urls.refusal(REFUSED[tag]);
+  } else if (tag === '#EXT-X-TARGETDURATION') {
+    media.target = Math.ceil(parseFloat(value)) || 1;
+  } else if (tag === '#EXT-X-MEDIA-SEQUENCE') {
+    setNumber(media, value);
+  } else if (tag === '#EXT-X-KEY') {
+    next.key = parseKey(media.url, attributes(line));
+  } else if (tag === '#EXT-X-PROGRAM-DATE-TIME') {
+    next.time = timeOf(value);
+  } else if (tag === '#EXT-X-DISCONTINUITY') {
+    next.jump = true;
+  } else if (tag === '#EXT-X-ENDLIST') {
+    media.ended = true;
+  }
+}
+
+// Segment URLs stay as written: resolving them costs more than all else.
 function parseMedia(url, lines) {
-  const media = { target: 1, ended: false, segments: [] };
-  let number = 0, key = null, time = NaN, length = 0, jump = false;
-  lines.forEach((line) => {
-    const tag = line.split(':')[0];
-    const value = line.slice(tag.length + 1);
-    if (REFUSED[tag]) {
-      throw urls.refusal(REFUSED[tag]);
-    } else if (tag === '#EXT-X-TARGETDURATION') {
-      media.target = Math.ceil(parseFloat(value)) || 1;
-    } else if (tag === '#EXT-X-MEDIA-SEQUENCE') {
-      number = parseInt(value) || 0;
-    } else if (tag === '#EXT-X-KEY') {
-      key = parseKey(url, attributes(line));
-    } else if (tag === '#EXT-X-PROGRAM-DATE-TIME') {
-      time = timeOf(value);
-    } else if (tag === '#EXT-X-DISCONTINUITY') {
-      jump = true;
-    } else if (tag === '#EXTINF') {
-      length = parseFloat(value) || 0;
-    } else if (tag === '#EXT-X-ENDLIST') {
-      media.ended = true;
-    } else if (!line.startsWith('#')) {
-      const vector = key && (key.vector || number.toString(16).padStart(32, '0'));
-      media.segments.push(
-        { number, url: urls.resolve(url, line), length, time, jump, key: key && key.url, vector });
-      number++;
-      time += length * 1000;
-      jump = false;
+  const segments = [], next = { key: null, time: NaN, jump: false };
+  const media = { url, target: 1, ended: false, first: 0, words: { high: 0, low: 0 }, numbered: false, segments };
+  let length = 0;
+  for (let at = 0; at < lines.length; at++) {
+    const line = lines[at];
+    if (!line.startsWith('#')) {
+      segments.push({ uri: line, length, time: next.time, jump: next.jump, key: next.key });
+      next.time += length * 1000;
+      next.jump = false;
+    } else if (line.startsWith('#EXTINF:')) {
+      length = parseFloat(line.slice(8)) || 0;
+    } else {
+      readTag(media, next, line);
     }
-  });
-  if (!media.segments.length) {
+  }
+  if (!segments.length) {
     throw urls.refusal('no segments yet');
   }
   return media;
 }
 
-// By how much the numbers of a variant are to be raised to be those of the first: by their
-// times, else by their beginnings if both are whole, else by their ends if those are far apart,
-// because one may have been fetched a segment later.
-function offset(first, other) {
-  for (let at = other.segments.length - 1; at >= 0; at--) {
-    const own = other.segments[at];
-    const match = first.segments.find(
-      (segment) => Math.abs(segment.time - own.time) < own.length * 500);
-    if (match) {
-      return match.number - own.number;
-    }
-  }
-  const last = (media) => media.segments[media.segments.length - 1].number;
-  if (first.ended && other.ended && first.segments.length === other.segments.length) {
-    return first.segments[0].number - other.segments[0].number;
-  }
-  const apart = last(first) - last(other);
-  return Math.abs(apart) > 2 ? apart : 0;
+function lastNumber(media) {
+  return media.first + media.segments.length - 1;
 }
 
-export default { isMaster, linesOf, offset, parseMedia, usableVariants };
+// A segment's path identifies it where there are no numbers; queries may be signed anew each time.
+function markOf(segment) {
+  return crypto.createHash('md5').update(segment.uri.split('?')[0]).digest('hex');
+}
+
+// Makes the numbers of a playlist go on from those of its last copy, of which `note` (FIRST,LAST,
+// RAISE,MARK) tells, even if the encoder has been restarted or sends none. Returns the new note.
+function goOn(media, note) {
+  const was = (note || '').split(',');
+  const first = Number(was[0]), last = Number(was[1]), end = media.segments.length - 1;
+  let raise = Number(was[2] || 0);
+  if (note && !media.numbered) {
+    let same = end;
+    while (same >= 0 && markOf(media.segments[same]) !== was[3]) {
+      same--;
+    }
+    raise = last - same;
+  } else if (note) {
+    const now = lastNumber(media) + raise;
+    raise = now < first || now < last - LATE ? last + 1 - media.first : raise;
+  }
+  media.first += raise;
+  return lastNumber(media) < last
+    ? note : [media.first, lastNumber(media), raise, markOf(media.segments[end])].join(',');
+}
+
+// The index of the segment that begins within half a length of `own`, or -1. Times increase.
+function find(segments, own) {
+  let low = 0, high = segments.length;
+  while (low < high) {
+    const middle = (low + high) >> 1;
+    if (segments[middle].time <= own.time - own.length * 500) {
+      low = middle + 1;
+    } else {
+      high = middle;
+    }
+  }
+  return low < segments.length && Math.abs(segments[low].time - own.time) < own.length * 500 ? low : -1;
+}
+
+// By how much the numbers of a variant are to be raised to be the first variant's: by their times;
+// without, by their beginnings if both are whole, else by their ends if no numbers are in common.
+function offset(first, other) {
+  const skipped = first.segments.findIndex((segment) => segment.time === segment.time);
+  const dated = skipped < 0 ? [] : first.segments.slice(skipped);
+  for (let at = dated.length ? other.segments.length - 1 : -1; at >= 0; at--) {
+    const match = find(dated, other.segments[at]);
+    if (match >= 0) {
+      return first.first + skipped + match - other.first - at;
+    }
+  }
+  if (first.ended && other.ended && first.segments.length === other.segments.length) {
+    return first.first - other.first;
+  }
+  const apart = lastNumber(first) - lastNumber(other);
+  const common = other.first <= lastNumber(first) && first.first <= lastNumber(other);
+  return common || Math.abs(apart) <= 2 ? 0 : apart;
+}
+
+export default { goOn, isMaster, linesOf, offset, parseMedia, usableVariants, vectorOf };

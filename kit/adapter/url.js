@@ -1,14 +1,32 @@
 // URLs of an origin, as { scheme, host, path, query } (RFC 3986), and what weir can't be given.
 
 const URL = /^(https?):\/\/([^/?#]*)([^?#]*)([^#]*)/i;
+const FORBIDDEN = /[^!-~]|["<>\\^`{|}]/g; // in a request line
+
+const MOST_WORK = 80000; // lines of playlists: less than 0.5 s of processor time
+const RESOLVING = 12; // lines that could be read in the time that an unusual URL takes
+
+let work = 0; // of this request, which has a virtual machine to itself
 
 // Thrown where weir can't have what it asked for; answered with the status and the reason.
 function refusal(reason, status) {
   return { status: status || 502, reason };
 }
 
+// Bounds the time in which nginx's worker serves no other request.
+function spend(lines) {
+  work += lines;
+  if (work > MOST_WORK) {
+    throw refusal(`too large: more than ${MOST_WORK} lines, or fewer with keys or unusual URLs`);
+  }
+}
+
+function escape(written) {
+  return written.replace(FORBIDDEN, (char) => encodeURIComponent(char));
+}
+
 function parse(written) {
-  const found = URL.exec(written);
+  const found = URL.exec(escape(written));
   if (!found) {
     throw refusal(`no http or https: ${written}`);
   }
@@ -21,6 +39,9 @@ function text(url) {
 }
 
 function withoutDots(path) {
+  if (!path.includes('/.')) {
+    return path;
+  }
   const parts = path.split('/').slice(1), kept = [];
   parts.forEach((part) => {
     if (part === '..') {
@@ -33,10 +54,10 @@ function withoutDots(path) {
   return `/${kept.join('/')}${folder && kept.length ? '/' : ''}`;
 }
 
-// RFC 3986, 5.2; what may not stand in a request line is escaped.
+// RFC 3986, 5.2; characters that a request line must not contain are escaped.
 function resolve(base, reference) {
-  const escaped = reference.trim().replace(/#.*$/, '')
-    .replace(/[^!-~]|["<>\\^`{|}]/g, (char) => encodeURIComponent(char));
+  spend(RESOLVING);
+  const escaped = escape(reference.split('#', 1)[0].trim());
   let url;
   if (/^[a-z][a-z0-9+.-]*:/i.test(escaped)) {
     url = parse(escaped);
@@ -52,4 +73,4 @@ function resolve(base, reference) {
   return url;
 }
 
-export default { parse, refusal, resolve, text };
+export default { parse, refusal, resolve, spend, text };
