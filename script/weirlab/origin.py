@@ -1,6 +1,7 @@
 """An origin within this process, for what nginx can't do."""
 
 import contextlib
+import gzip
 import socketserver
 import ssl
 import threading
@@ -17,7 +18,7 @@ class Origin(socketserver.ThreadingTCPServer):
     It listens at every address, or at one, with TLS where there is a certificate, waits `delay`
     seconds before each answer, and runs in daemon threads of its own. `faults` has what goes wrong
     with a path: short, stall (once), silent; status=NUMBER, http10, icy, long-head, lower (the
-    fields' names), no-length, chunked; no-range.
+    fields' names), no-length, chunked, gzip; no-range.
     """
     daemon_threads = allow_reuse_address = True
     request_queue_size = 128
@@ -53,6 +54,7 @@ class Handler(socketserver.StreamRequestHandler):
     def answer(self, method: str, path: str, wanted: str) -> bool:
         """Whether another request may follow."""
         faults, data = self.server.faults(path), self.server.read(path)
+        data = gzip.compress(data) if "gzip" in faults else data
         time.sleep(SILENCE if "silent" in faults else self.server.delay)
         first, _, last = wanted.partition("-")
         start = int(first) if first else max(0, len(data) - int(last))
@@ -77,6 +79,8 @@ def head_of(data: bytes, start: int, faults: Collection[str]) -> bytes:
     status = next((fault[7:] for fault in faults if fault.startswith("status=")),
                   "206" if start else "200" if data else "404")
     lines = [f"{version} {status} x"]
+    if "gzip" in faults:
+        lines.append("Content-Encoding: gzip")
     if "long-head" in faults:
         lines.append("X: " + "x" * (300 << 10))
     if start:

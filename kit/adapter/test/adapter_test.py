@@ -10,6 +10,7 @@ import shlex
 import shutil
 import subprocess
 import sys
+import threading
 import urllib.error
 import urllib.request
 from collections.abc import Callable
@@ -28,10 +29,12 @@ from weirlab.origin import Origin  # noqa: E402
 from weirlab.video import ffmpeg  # noqa: E402
 
 PLAIN, CHUNKED, TLS = "http/127.0.0.1:8000", "http/127.0.0.1:8001", "https/origin.test"
+LATE, AWAY = "http/127.0.0.1:8002", 6  # s: weir itself waits 12 s for an origin that refuses connections
 HERE, RINGS = "http://127.0.0.1:7750", "http://~/name"  # the adapter in URLs given to weir
 AT_ONCE = 8  # streams
 HELD = 2  # MiB of a segment that the adapter can hold whole; 32 unless tested
 STREAMS = (
+    f"{HERE}/{LATE}/vod/list.m3u8", f"{RINGS}/{LATE}/vod/list.m3u8",
     f"{HERE}/{PLAIN}/vod/list.m3u8", f"{HERE}/{PLAIN}/encrypted/list.m3u8",
     f"{HERE}/{PLAIN}/master/master.m3u8", f"{HERE}/{CHUNKED}/vod/list.m3u8",
     f"{RINGS}/{CHUNKED}/encrypted/list.m3u8", f"{HERE}/{TLS}/vod/list.m3u8",
@@ -39,8 +42,8 @@ STREAMS = (
 ORIGIN = """server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/leaf.pem;
     ssl_certificate_key %(www)s/leaf.key; absolute_redirect off;
     rewrite ^/moved/(.*) /encrypted/$1 redirect; limit_rate 150k; }"""
-SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001 origin.test *.other.test
-    %(cases)s";
+SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001 127.0.0.1:8002 127.0.0.1:9
+    none.invalid origin.test *.other.test %(cases)s";
 upstream origin.test { server 127.0.0.1:8443; keepalive 2; }
 upstream an.other.test { server 127.0.0.1:8443; }
 proxy_ssl_trusted_certificate %(www)s/ca.pem;
@@ -49,6 +52,8 @@ NOT_FETCHED = (
     ("http/127.0.0.1:7753/x", 403, "not a listed origin"), ("https/other.test/x", 403, "not a listed"),
     ("https/an.other.test/vod/list.m3u8", 502, "no trusted certificate"),  # whose certificate names another host
     ("http-segment/127.0.0.1:8001/huge", 502, "too large"),
+    (f"http-segment/127.0.0.1:8000/x?weir=1,{'0' * 32},http%3A//127.0.0.1%3A8000/%0D%0AX", 404, "0/%0D%0AX"),
+    ("http/127.0.0.1:9/x", 502, "refuses"), ("http/none.invalid/x", 502, "resolved"),
     (f"{PLAIN}/none.m3u8", 404, "404 from"), ("ftp/127.0.0.1:8000/x", 404, "not /http/"))
 
 
@@ -165,6 +170,9 @@ def check_answers(www: Path, keyed: str, fourth: bytes) -> None:
         text_of(f"{PLAIN}/{playlist.name}?weir=0")
         playlist.unlink()
         assert ask(f"{PLAIN}/{playlist.name}?weir=0")[0] == status, f"cached wrongly: {duration} s"
+    for body in b"old", b"a new one":
+        (www / "again.ts").write_bytes(body)
+        wait_until("a changed segment", lambda: ask("http-segment/127.0.0.1:8000/again.ts")[2] == body)
     for path, host in ("master/master.m3u8", "~"), ("vod/list.m3u8?weir=0", "@"):
         text = text_of(f"{PLAIN}/{path}", 7751)
         assert set(re.findall("http://([^/]*)", text)) == {host}, text
@@ -175,7 +183,7 @@ def check_answers(www: Path, keyed: str, fourth: bytes) -> None:
             size = len(segment)
             assert (status, fields["Content-Range"], fields["Content-Length"], body) == (
                 206, f"bytes 100-{size - 1}/{size}", str(size - 100), segment[100:]), (path, turn, fields)
-    subprocess.run([sys.executable, KIT / "check/weir-check", STREAMS[1]], check=True)
+    subprocess.run([sys.executable, KIT / "check/weir-check", STREAMS[3]], check=True)
 
 
 def run(lab: Lab, binary: Path) -> None:
@@ -184,6 +192,7 @@ def run(lab: Lab, binary: Path) -> None:
     make_streams(lab)
     weir, log = start_servers(lab, binary, streams)
     with ThreadPoolExecutor(AT_ONCE) as pool:
+        threading.Timer(AWAY, Origin, (8002, chunked(lab.www))).start()
         tasks = [pool.submit(check_stream, f"{HERE}/{CHUNKED}/short/live.m3u8", joined(lab.www / "short"))]
         tasks += [pool.submit(check_stream, url, joined(lab.www / "vod")) for url in STREAMS]
         tasks += [pool.submit(check_case, host, case, log) for host, case in streams.items()]
