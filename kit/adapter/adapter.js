@@ -23,6 +23,7 @@ const BLOCK = 16; // bytes, of AES
 const RELATIVE = /^(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?$/;
 const ABSOLUTE = /^(https?):\/(\/[a-z0-9.-]+(?::\d+)?\/(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
 const AT_ONCE = 8; // variants
+const LOADING = 500; // lines that could be read in the time that a variant takes, besides its own
 const MOST_BYTES = 8 << 20; // of the playlists of a request
 const MOST_REASON = 1000; // bytes of a header field
 
@@ -88,6 +89,7 @@ async function loadVariants(r, variants) {
     while (next < variants.length) {
       const variant = variants[next++];
       try {
+        urls.spend(LOADING);
         const got = await fetchLines(r, variant.url);
         variant.media = await parseMedia(r, variant.url, got);
       } catch (error) {

@@ -4,7 +4,7 @@ const URL = /^(https?):\/\/([^/?#]*)([^?#]*)([^#]*)/i;
 const FORBIDDEN = /[^!-~]|["<>\\^`{|}]/g; // in a request line
 
 const MOST_WORK = 80000; // lines of playlists: less than 0.5 s of processor time
-const RESOLVING = 12; // lines that could be read in the time that an unusual URL takes
+const RESOLVING = 8; // lines that could be read in the time that an unusual URL takes
 
 let work = 0; // of this request, which has a virtual machine to itself
 
