@@ -12,6 +12,7 @@ const VIDEO = /^(avc|hvc|hev|dvh|dva|mp4v|vp0|av01)/i;
 const DIGITS = 15; // of a media sequence number, those that a JavaScript number holds exactly
 const ATTRIBUTES = 40; // bytes that take as long as a line without any
 const WORD = 0x100000000;
+const OUT_OF_STEP = 20; // segments by which live variants may differ that number alike
 const LATE = 3; // segments by which a cache's copy of a live playlist may be older than another
 
 // Without a regular expression, which would take most of a request's time.
@@ -215,9 +216,9 @@ function find(segments, own) {
 }
 
 // By how much the numbers of a variant are to be raised to be the first variant's: by their times;
-// without, by their beginnings if both are whole, else by their ends if no numbers are in common.
+// without, by their beginnings if both are whole, else by their ends unless one may just be older.
 function offset(first, other) {
-  const skipped = first.segments.findIndex((segment) => segment.time === segment.time);
+  const skipped = first.segments.findIndex((segment) => !isNaN(segment.time));
   const dated = skipped < 0 ? [] : first.segments.slice(skipped);
   for (let at = dated.length ? other.segments.length - 1 : -1; at >= 0; at--) {
     const match = find(dated, other.segments[at]);
@@ -229,8 +230,8 @@ function offset(first, other) {
     return first.first - other.first;
   }
   const apart = lastNumber(first) - lastNumber(other);
-  const common = other.first <= lastNumber(first) && first.first <= lastNumber(other);
-  return common || Math.abs(apart) <= 2 ? 0 : apart;
+  const older = Math.min(first.segments.length + other.segments.length, OUT_OF_STEP);
+  return Math.abs(apart) <= older ? 0 : apart;
 }
 
 export default { goOn, isMaster, linesOf, offset, parseMedia, usableVariants, vectorOf };
