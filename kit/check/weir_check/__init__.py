@@ -1,12 +1,12 @@
-"""Looks at a stream as weir would. SPDX-License-Identifier: MIT
+"""Reads a stream as weir would. SPDX-License-Identifier: MIT
 
-weir.py      what weir makes of URLs, maps and playlists, oddities included
-net.py       how it fetches, without its retries
-pages.py     playlists and keys, fetched
-media.py     segments: their decryption, and what is in them
-texts.py     what playlists give away
-viewing.py   what arrives of one variant, and what keeps the rest
-look.py      all variants, and which of them weir plays
-findings.py  what is said about it, and how bad it is
+weir.py      weir's parsing of URLs, maps and playlists, oddities included
+net.py       weir's way of fetching, without its retries
+pages.py     fetches playlists and keys
+media.py     decrypts segments and detects their format
+texts.py     findings from the text of a playlist
+viewing.py   one variant: the segments that arrive, and why others do not
+look.py      the whole stream: all variants, and the one that weir starts with
+findings.py  the findings' texts and grades
 main.py      the command
 """

@@ -1,4 +1,4 @@
-"""What is found: by code, what weir does because of it and how to mend it."""
+"""Findings by code: their effect on weir and the fix."""
 
 import re
 from dataclasses import dataclass, replace
@@ -6,7 +6,7 @@ from enum import IntEnum
 
 
 class Grade(IntEnum):
-    """What a finding costs; the worst one is the exit status."""
+    """How much a finding matters; the worst one is the exit status."""
     NOTE = 0
     LOSS = 1
     FATAL = 2
@@ -16,81 +16,82 @@ class Grade(IntEnum):
 VERDICTS = ("playable", "playable with loss", "not playable", "not reachable")
 ADAPTER = "put the adapter of docs/sources.md in front"
 
-# What comes of a document or a segment that weir can't have.
+# What weir does when it cannot fetch a document or segment.
 WITHOUT = {
-    "master": "ends the stream before it began",
-    "variant": "leaves this variant out",
-    "key": "plays what it enciphers undecrypted",
-    "segment": "tries it four times and skips it; four in a row end the stream",
+    "master": "ends the stream before it begins",
+    "variant": "skips this variant",
+    "key": "cannot decrypt the segments of this key",
+    "segment": "tries it four times, then skips it; four failures in a row end the stream",
 }
-# What weir does (where it says nothing: as above), and how to mend it.
+# What weir does (if empty: as above), and the fix.
 ADVICE = {
-    "blank-line": ("takes it for a segment without a name, and ends the stream there",
+    "blank-line": ("treats it as a segment without a name, and ends the stream there",
                    "remove it"),
     "byte-range": ("plays the whole file for each of its ranges",
-                   f"cut the media into one file a segment, or {ADAPTER}"),
-    "caches-differ": ("plays what the one has that it picks", "purge or refill the caches"),
-    "dead-cache": ("leaves it out, once it has failed, until the map is sent again",
-                   "repair it, or take it out of the map"),
-    "discontinuity": ("sends the media on as it is; players may stumble",
-                      "encode with timestamps that go on"),
+                   f"store each segment in a file of its own, or {ADAPTER}"),
+    "caches-differ": ("plays the copy of the cache that it selects", "purge or refill the caches"),
+    "dead-cache": ("skips it after the first failure until the map is sent again",
+                   "repair it, or remove it from the map"),
+    "discontinuity": ("passes the media on unchanged; players may stumble",
+                      "encode with continuous timestamps"),
     "fragmented-mp4": ("never fetches the initialisation section", "use MPEG-TS segments"),
-    "gap": ("asks for the segment that is not there", f"leave it out of the list, or {ADAPTER}"),
-    "header-case": ("", "spell it so (proxies for HTTP/2 often lower the case), or " + ADAPTER),
-    "http-1.0": ("does not decrypt what comes over HTTP/1.0", f"serve with HTTP/1.1, or {ADAPTER}"),
-    "https": ("speaks plain HTTP all the same, to port 80 where no other is given", ADAPTER),
-    "key-none": ("takes it for a key, tries that for 12 s and goes on with the one before",
+    "gap": ("requests the missing segment anyway", f"remove it from the playlist, or {ADAPTER}"),
+    "header-case": ("", "use that spelling (HTTP/2 proxies often send lower case), or " + ADAPTER),
+    "http-1.0": ("does not decrypt HTTP/1.0 responses", f"serve over HTTP/1.1, or {ADAPTER}"),
+    "https": ("fetches it as plain HTTP, on port 80 unless the URL names another", ADAPTER),
+    "key-none": ("treats it as a key, retries it for 12 s and continues with the previous key",
                  ADAPTER),
     "key-size": ("pads the key with zeros", "serve a key of 16 bytes"),
-    "long-segments": ("closes a stream that had nothing to send for 15 s",
-                      "make them shorter than that"),
-    "media-playlist": ("takes each of its lines for a variant",
-                       f"name it in a master playlist, or {ADAPTER}"),
-    "no-bandwidth": ("reads no further", "give every stream tag a BANDWIDTH"),
-    "no-cipher": ("decrypts, which was not checked", "install libcrypto (libssl3)"),
-    "no-length": ("", f"send Content-Length instead of chunks, or {ADAPTER}"),
-    "no-map": ("", "send that map to weir, and name it here with --chunk or --playlist"),
-    "no-number": ("plays only what is numbered above all before, and then ends the stream",
-                  f"name EXT-X-MEDIA-SEQUENCE, or {ADAPTER}"),
-    "no-range": ("repeats a segment from its start where the download stalls",
+    "long-segments": ("closes a stream after 15 s without data", "make segments shorter than that"),
+    "media-playlist": ("treats each of its lines as a variant",
+                       f"list it in a master playlist, or {ADAPTER}"),
+    "no-bandwidth": ("ignores the rest of the playlist", "give every stream tag a BANDWIDTH"),
+    "no-cipher": ("decrypts it; that was not checked", "install libcrypto (libssl3)"),
+    "no-length": ("", f"send Content-Length instead of chunked coding, or {ADAPTER}"),
+    "no-map": ("", "send that map to weir, and pass it here with --chunk or --playlist"),
+    "no-number": ("plays only segments numbered above all earlier ones, then ends the stream",
+                  f"add EXT-X-MEDIA-SEQUENCE, or {ADAPTER}"),
+    "no-range": ("repeats a segment from its start if the download stalls",
                  "answer Range with 206 and Content-Range"),
-    "no-segments": ("leaves this variant out", "list segments"),
-    "no-variants": ("ends the stream before it began", "list variants"),
-    "not-hls": ("finds nothing in it",
-                "let it begin with a line #EXTM3U, without a byte order mark"),
-    "not-http": ("", "serve it with HTTP/1.1"),
-    "not-media": ("sends it on as it is", "serve MPEG-TS segments"),
-    "number-zero": ("never fetches segment 0", f"number them from 1, or {ADAPTER}"),
-    "numbers-differ": ("repeats or skips media, or ends, where it changes the variant",
+    "no-segments": ("skips this variant", "list segments"),
+    "no-variants": ("ends the stream before it begins", "list variants"),
+    "not-hls": ("ignores its content",
+                "make #EXTM3U the first line, without a byte order mark"),
+    "not-http": ("", "serve it over HTTP/1.1"),
+    "not-media": ("passes it on unchanged", "serve MPEG-TS segments"),
+    "number-zero": ("never fetches segment 0", f"number segments from 1, or {ADAPTER}"),
+    "numbers-differ": ("repeats or skips media, or ends, when it changes the variant",
                        f"give a segment the same number in all variants, or {ADAPTER}"),
-    "numbers-jump": ("skips segments numbered below what it has played", "number them upwards"),
-    "relative-url": ("takes absolute http URLs only, and loses its time with this one",
+    "numbers-jump": ("skips segments not numbered above the last one played",
+                     "number segments in ascending order"),
+    "relative-url": ("accepts only absolute http URLs and wastes at least 12 s retrying this one",
                      f"write the whole URL, or {ADAPTER}"),
-    "reset": ("", "look at the server's log, or for a firewall"),
-    "sample-aes": ("decrypts it as AES-128", "encipher with AES-128, or not at all"),
-    "separate-audio": ("plays the pictures alone", "put the sound into the segments"),
-    "short": ("believes the server and plays a part", "look at the server's log"),
-    "silent": ("", "make the server answer within 6 s, and go on within 2 s"),
-    "stall": ("goes on from there, by Range", "look at the server and the network"),
+    "reset": ("", "check the server's log and any firewall"),
+    "sample-aes": ("decrypts it as AES-128", "encrypt with AES-128, or not at all"),
+    "separate-audio": ("plays the video without sound", "put the audio into the segments"),
+    "short": ("treats it as complete and plays that part", "check the server's log"),
+    "silent": ("", "make the server answer within 6 s, and continue within 2 s"),
+    "stall": ("resumes there with a Range request", "check the server and the network"),
     "status": ("", "correct the URL or the server; weir follows no redirects"),
-    "tag-as-variant": ("takes it for a variant, and loses 12 s where it tries that one first",
+    "tag-as-variant": ("treats it as a variant, and wastes 12 s if it tries that one first",
                        f"leave only stream tags and URLs, or {ADAPTER}"),
-    "target-duration": ("reloads too often, and ends a live stream after six reloads without news",
-                        "name the duration of the longest segment"),
-    "timeout": ("", "let weir through to it, or take a name that leads to a live server"),
+    "target-duration": ("reloads too often, and ends a live stream after six reloads without a new segment",
+                        "set it to the duration of the longest segment"),
+    "timeout": ("", "open the firewall for weir, or use the address of a live server"),
     "too-large": ("", "stay within weir's bounds"),
-    "too-late": ("closes a stream that had nothing to send for 15 s", "mend what costs the time"),
-    "unreachable": ("", "start the server, correct its address, or let weir through to it"),
-    "uri-not-last": ("takes all of the line behind URI for the address",
-                     f"let URI be the last attribute, or {ADAPTER}"),
-    "vector": ("starts from zeros, so that 16 bytes of each segment come out wrong",
-               f"encipher with a vector of zero, or {ADAPTER}"),
-    "weir-differs": ("does not have the maps or the network that were looked at",
-                     "send it the maps, and look at its journal"),
-    "window": ("misses what comes and goes between two reloads",
+    "too-late": ("closes a stream after 15 s without data", "remove the cause of the delay"),
+    "unreachable": ("", "start the server, correct its address, or open the firewall for weir"),
+    "uri-not-last": ("treats everything after URI= as the address",
+                     f"make URI the last attribute, or {ADAPTER}"),
+    "vector": ("uses a zero vector, which corrupts the first 16 bytes of each segment",
+               f"encrypt with a zero vector, or {ADAPTER}"),
+    "weir-differs": ("uses other maps or another network than this check",
+                     "send it the maps, and read its journal"),
+    "window": ("misses segments that appear and disappear between two reloads",
                "list at least three target durations"),
-    "wrong-bandwidth": ("goes by what stands behind the first BANDWIDTH=", "put BANDWIDTH first"),
-    "wrong-key": ("makes nothing of it that plays", "serve the key that it was enciphered with"),
+    "wrong-bandwidth": ("reads the number after the first BANDWIDTH=", "put BANDWIDTH first"),
+    "wrong-key": ("delivers media that no player can decode",
+                  "serve the key that the media was encrypted with"),
 }
 
 
@@ -100,7 +101,7 @@ class Finding:
     where: str  # a URL, with a line
     what: str
     grade: Grade = Grade.LOSS
-    kind: str = ""  # of the document, for WITHOUT
+    kind: str = ""  # of the document: a key of WITHOUT
 
     def texts(self) -> dict[str, str]:
         weir, mend = ADVICE[self.code]
@@ -108,7 +109,7 @@ class Finding:
                 "what": self.what, "weir": weir or WITHOUT[self.kind], "mend": mend}
 
     def __str__(self) -> str:
-        return ("{grade} {code} {where}: {what}; weir {weir}. Mend: {mend}."
+        return ("{grade} {code} {where}: {what}; weir {weir}. Fix: {mend}."
                 .format_map(self.texts()))
 
 
@@ -117,20 +118,20 @@ def capped(findings: list[Finding], grade: Grade) -> list[Finding]:
 
 
 def raised(findings: list[Finding]) -> list[Finding]:
-    """Losses that leave nothing."""
+    """Makes every loss fatal."""
     return [replace(one, grade=max(one.grade, Grade.FATAL)) if one.grade else one
             for one in findings]
 
 
 def merged(findings: list[Finding]) -> list[Finding]:
-    """One of each code a document, the worst first."""
+    """One finding for each code and document, the worst first."""
     groups: dict[tuple[str, str, str], list[Finding]] = {}
     for one in findings:
         document = re.sub(r"(/[^/]*):\d+$", r"\1", one.where)
         groups.setdefault((one.code, one.kind, document), []).append(one)
     result = []
     for group in groups.values():
-        more = f" (and {len(group) - 1} more such)" if len(group) > 1 else ""
+        more = f" (and {len(group) - 1} more)" if len(group) > 1 else ""
         result.append(replace(group[0], grade=max(one.grade for one in group),
                               what=group[0].what + more))
     return sorted(result, key=lambda one: -one.grade)

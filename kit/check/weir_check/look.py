@@ -1,4 +1,4 @@
-"""A whole stream: which variant weir begins with, what arrives, and what keeps the rest."""
+"""The whole stream: all variants, and the one that weir starts with."""
 
 from dataclasses import dataclass, field, replace
 
@@ -17,8 +17,8 @@ NO_MASTER = ("not-hls", "media-playlist")
 @dataclass
 class Report:
     findings: list[Finding] = field(default_factory=list)
-    start: Variant | None = None  # what weir begins with
-    head: bytes = b""  # of what it delivers
+    start: Variant | None = None  # the variant played first
+    head: bytes = b""  # the first bytes that weir delivers
 
 
 def look(net: Net, url: str, average: int, every: bool) -> Report:
@@ -29,7 +29,7 @@ def look(net: Net, url: str, average: int, every: bool) -> Report:
     if any(one.grade and one.code in NO_MASTER for one in report.findings):
         return report
     if all(variant.is_tag() for variant in variants) and (master.loads or master.body):
-        report.findings.append(Finding("no-variants", url, "names no variant", Grade.FATAL))
+        report.findings.append(Finding("no-variants", url, "lists no variant", Grade.FATAL))
     looks = [(variant, *load_variant(net, variant, url)) for variant in variants]
     report.start, failed = select(variants, average)
     delay = sum(variant.delay for variant in failed)
@@ -51,7 +51,7 @@ def look(net: Net, url: str, average: int, every: bool) -> Report:
 
 
 def of_master(master: Page) -> list[Finding]:
-    """Without it there is nothing."""
+    """The findings of a master playlist; a failure to load it is fatal or unreachable."""
     texts = list(master_findings(master.text, master.url)) if master.body else []
     if any(one.code in NO_MASTER for one in texts):
         return raised(master.findings + texts)
@@ -62,7 +62,7 @@ def of_master(master: Page) -> list[Finding]:
 
 def load_variant(net: Net, variant: Variant,
                  master: str) -> tuple[list[Finding], Media | None]:
-    """Its playlist is looked at even where weir doesn't get it."""
+    """Reads the variant's playlist, even if weir could not fetch it."""
     where = f"{master}:{variant.line}"
     if variant.is_tag():
         variant.delay = DELAY["relative-url"]
@@ -81,7 +81,7 @@ def load_variant(net: Net, variant: Variant,
 
 
 def select(variants: list[Variant], average: int) -> tuple[Variant | None, list[Variant]]:
-    """What weir plays at that speed, and what it tries in vain before."""
+    """The variant that weir plays at that speed, and those that it tries before without success."""
     failed: list[Variant] = []
     for variant in order_of_trial(variants, average):
         if variant.media:
@@ -91,7 +91,7 @@ def select(variants: list[Variant], average: int) -> tuple[Variant | None, list[
 
 
 def across_variants(variants: list[Variant], start: Variant | None, url: str) -> list[Finding]:
-    """What matters when the speed changes."""
+    """Findings about changes of the variant."""
     found: list[Finding] = []
     for variant in variants:
         if start and start.media and variant.media and variant is not start:
@@ -99,5 +99,5 @@ def across_variants(variants: list[Variant], start: Variant | None, url: str) ->
     for speed in sorted({variant.bandwidth >> 10 for variant in variants}):
         _, failed = select(variants, speed)
         if (delay := sum(variant.delay for variant in failed)) > NO_DATA:
-            found.append(Finding("too-late", url, f"to change to {speed} kbps takes {delay} s"))
+            found.append(Finding("too-late", url, f"changing to {speed} kbps takes {delay} s"))
     return found

@@ -1,4 +1,4 @@
-"""The command: arguments, the comparison with a running weir, and what is printed."""
+"""The command: arguments, the comparison with a running weir, and the output."""
 
 import argparse
 import io
@@ -18,13 +18,13 @@ USAGE = 64  # exit status
 
 def arguments(argv: list[str] | None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
-        prog="weir-check", description="Says why weir does not play a stream, or that it does.",
+        prog="weir-check", description="Diagnoses why weir does not play a stream.",
         epilog="Exit status: 0 playable, 1 with loss, 2 not playable, 3 not reachable, 64 usage.")
     parser.add_argument("url", help="of a master playlist, as given to weir")
     parser.add_argument("--chunk", metavar="MAP", help="the caches of http://@/")
     parser.add_argument("--playlist", metavar="MAP", help="the caches of http://~/")
-    parser.add_argument("--weir", metavar="HOST:PORT", help="stream from this weir, too")
-    parser.add_argument("--all", action="store_true", help="look at every segment")
+    parser.add_argument("--weir", metavar="HOST:PORT", help="also stream from this weir")
+    parser.add_argument("--all", action="store_true", help="check every segment")
     parser.add_argument("--json", action="store_true", help="print one JSON object")
     try:
         return parser.parse_args(argv)
@@ -39,11 +39,11 @@ def average_of(weir: str) -> tuple[int, list[Finding]]:
         return int(json.loads(answer.body)["avg_speed"]), []
     except (ValueError, KeyError, TypeError):
         return 0, [Finding("unreachable", f"http://{weir}/stats.json", answer.what or
-                           "answers no statistics", Grade.UNREACHABLE, "master")]
+                           "sends no statistics", Grade.UNREACHABLE, "master")]
 
 
 def stream(weir: str, url: str, wanted: int) -> bytes:
-    """The first bytes of a stream; fewer where no more come in time."""
+    """The first bytes of a stream; fewer if no more arrive in time."""
     host, _, port = weir.partition(":")
     data, end = b"", time.monotonic() + NO_DATA + 2
     try:
@@ -61,16 +61,16 @@ def stream(weir: str, url: str, wanted: int) -> bytes:
 
 
 def compared(weir: str, url: str, report: Report) -> list[Finding]:
-    """Whether a running weir delivers what it should."""
+    """Findings if a running weir does not deliver the expected bytes."""
     where, wanted = f"http://{weir}/stream.ts", len(report.head) or 1
     got = stream(weir, url, wanted)[:wanted]
     if report.head and not got:
-        return [Finding("weir-differs", where, "nothing comes", Grade.FATAL)]
+        return [Finding("weir-differs", where, "no data arrives", Grade.FATAL)]
     if got and not report.head:
-        return [Finding("weir-differs", where, "media comes all the same", Grade.NOTE)]
+        return [Finding("weir-differs", where, "delivers media anyway", Grade.NOTE)]
     ended = report.start and report.start.media and report.start.media.ended
     if ended and got != report.head:
-        return [Finding("weir-differs", where, f"the first {wanted} bytes are others")]
+        return [Finding("weir-differs", where, f"the first {wanted} bytes differ")]
     return []
 
 

@@ -1,15 +1,15 @@
-"""What is in a segment, and its decryption by the library that weir itself uses."""
+"""Decrypts segments, with the library that weir itself uses, and detects their format."""
 
 import ctypes
 import ctypes.util
 import zlib
 
 PACKET = 188  # bytes of a transport stream
-AUDIO = b"\xff\xf1", b"\xff\xf9", b"\xff\xfa", b"\xff\xfb", b"\x0b\x77"  # how frames begin
+AUDIO = b"\xff\xf1", b"\xff\xf9", b"\xff\xfa", b"\xff\xfb", b"\x0b\x77"  # the first bytes of frames
 
 
 def decrypt(data: bytes, key: bytes) -> bytes | None:
-    """AES-128-CBC from a vector of zeros, as weir does; nothing where there is no libcrypto."""
+    """AES-128-CBC with a zero vector, as weir does; None without libcrypto."""
     name = ctypes.util.find_library("crypto")
     if name is None:
         return None
@@ -27,7 +27,7 @@ def decrypt(data: bytes, key: bytes) -> bytes | None:
 
 
 def content(data: bytes) -> str:
-    """By the first bytes: ts, damaged (a ts that begins wrong), audio, mp4, text or unknown."""
+    """The format, by its first bytes: ts, damaged (a ts that begins wrong), audio, mp4, text, unknown."""
     if data[:1] == b"G" and data[PACKET:PACKET + 1] in (b"G", b""):
         return "damaged" if table_is_intact(data) is False else "ts"
     if data[PACKET:PACKET + 1] == b"G" and data[2 * PACKET:2 * PACKET + 1] in (b"G", b""):
@@ -40,13 +40,13 @@ def content(data: bytes) -> str:
 
 
 def table_is_intact(data: bytes) -> bool | None:
-    """Of the program or service table that most segments begin with, by its checksum.
+    """Whether the checksum of the program or service table at the start is right.
 
-    It tells whether the first 16 bytes were decrypted with the right vector. Nothing where a
-    segment begins with something else.
+    If it is, the first 16 bytes were decrypted with the right vector. None if the segment begins
+    with anything else.
     """
     if data[1:3] not in (b"\x40\x00", b"\x40\x11") or data[4:5] != b"\0":
         return None
     section = data[5:8 + int.from_bytes(data[6:8], "big") % 4096]
-    # The checksum of MPEG-2 is that of zlib with the bits of each byte the other way round.
+    # The checksum of MPEG-2 is that of zlib with the bits of each byte reversed.
     return zlib.crc32(bytes(int(f"{byte:08b}"[::-1], 2) for byte in section)) == 0xFFFFFFFF

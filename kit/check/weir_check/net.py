@@ -9,14 +9,14 @@ from .findings import Finding, Grade
 from .weir import HEAD_MAX, Media, Rings, parse_media, take_apart
 
 CONNECT, STATUS, READ = 2, 6, 2  # s
-ENDLESS, BODY_MAX = 60, 256 << 20  # s and bytes; what sends longer is no segment
+ENDLESS, BODY_MAX = 60, 256 << 20  # s and bytes; a longer response is not a segment
 MAPS = {"@": "chunk", "~": "playlist"}
-FAILS_OVER = ("unreachable", "timeout", "not-http")  # what makes weir try another cache
+FAILS_OVER = ("unreachable", "timeout", "not-http")  # make weir try another cache
 
 
 @dataclass(frozen=True)
 class Answer:
-    """What a server said; where weir makes nothing of it, the code and text of why."""
+    """A server's response; if weir cannot use it, the code and text of the finding."""
     server: str = ""
     code: str = ""
     what: str = ""
@@ -26,22 +26,22 @@ class Answer:
     body: bytes = b""
 
     def value(self, name: str) -> str | None:
-        """Of a header field, whose name weir compares in exact case."""
+        """The value of a header field, by its name in exact case, as weir compares it."""
         return next((value for key, value in self.fields if key == name), None)
 
     def finding(self, url: str, where: str, kind: str, grade: Grade = Grade.LOSS) -> Finding:
-        """`where` the URL is named."""
+        """`where`: the place that names the URL."""
         parts = take_apart(url)
         subject = self.server if parts and parts[0] in MAPS else url if url != where else ""
         return Finding(self.code, where, f"{subject} {self.what}".strip(), grade, kind)
 
 
 class Net:
-    """How to reach the hosts of URLs, through cache maps where those say so."""
+    """Fetches URLs; placeholder hosts through the cache maps."""
 
     def __init__(self, maps: dict[str, str]) -> None:
         self.rings = {kind: Rings(text) for kind, text in maps.items()}
-        self.told: set[str] = set()  # caches of which it is known that they don't answer
+        self.told: set[str] = set()  # caches already reported as dead
 
     def get(self, url: str, start: int = 0) -> Answer:
         parts = take_apart(url)
@@ -60,7 +60,7 @@ class Net:
         return answer
 
     def compare(self, url: str, answer: Answer) -> Iterator[Finding]:
-        """The other servers of the map with the one that answered."""
+        """Compares the other servers of the map with the one that answered."""
         host, port, path = take_apart(url) or ("", 0, "")
         rings = self.rings.get(MAPS.get(host, "")) if port is None else None
         servers = {one for ring in rings.rings for one in ring} if rings else set()
@@ -70,12 +70,12 @@ class Net:
                 self.told.add(server)
                 yield Finding("dead-cache", server, other.what, Grade.NOTE)
             elif other.code != answer.code or not alike(other.body, answer.body):
-                yield Finding("caches-differ", url, f"{server} has not what {answer.server} has",
+                yield Finding("caches-differ", url, f"{server} serves other content than {answer.server}",
                               Grade.NOTE)
 
 
 def alike(one: bytes, other: bytes) -> bool:
-    """A live playlist may be one segment behind."""
+    """Whether two responses have the same content; a live playlist may be one segment behind."""
     if one == other:
         return True
     first, second = (parse_media(body.decode("utf-8", "surrogateescape"), "")
@@ -89,7 +89,7 @@ def is_live(media: Media) -> bool:
 
 
 def exchange(server: str, path: str, start: int = 0) -> Answer:
-    """One GET, from that byte on."""
+    """Makes one GET request, from the byte `start` on."""
     host, _, port = server.partition(":")
     answer = Answer(server)
     ranged = f"Range: bytes={start}-\r\n" if start else ""
@@ -110,7 +110,7 @@ def exchange(server: str, path: str, start: int = 0) -> Answer:
 
 
 def receive(connection: socket.socket, answer: Answer) -> Answer:
-    """What weir makes of the answer."""
+    """Reads the response as weir does."""
     connection.settimeout(STATUS)
     data = b""
     try:
@@ -124,9 +124,9 @@ def receive(connection: socket.socket, answer: Answer) -> Answer:
         while b"\r\n\r\n" not in data:
             more = connection.recv(4096)
             if len(data) > HEAD_MAX:
-                return replace(answer, code="too-large", what="sends a head of more than 256 KiB")
+                return replace(answer, code="too-large", what="sends a header block of more than 256 KiB")
             if not more:
-                return replace(answer, code="silent", what="ends inside its head")
+                return replace(answer, code="silent", what="closes inside its header block")
             data += more
     except TimeoutError:
         return replace(answer, code="silent", what="does not answer")
@@ -150,7 +150,7 @@ def receive_body(connection: socket.socket, answer: Answer) -> Answer:
     if answer.http11 and length is None:
         other = next((name for name, _ in answer.fields if name.lower() == "content-length"), "")
         if other:
-            return replace(answer, code="header-case", what=f"says {other}, not Content-Length")
+            return replace(answer, code="header-case", what=f"sends {other}, not Content-Length")
         return replace(answer, code="no-length", what="sends no Content-Length")
     end = int(length) if answer.http11 and length and length.isdigit() else None
     began = time.monotonic()

@@ -1,4 +1,4 @@
-"""Playlists and keys: whether weir has them, and what is in them even where it doesn't."""
+"""Playlists and keys: whether weir can fetch them, and their content even if it cannot."""
 
 import http.client
 import urllib.request
@@ -24,7 +24,7 @@ class Page:
 
     @property
     def codes(self) -> list[str]:
-        """Why weir doesn't have it."""
+        """Why weir cannot fetch it."""
         return [one.code for one in self.findings if one.grade >= Grade.LOSS]
 
     @property
@@ -33,7 +33,7 @@ class Page:
 
     @property
     def delay(self) -> int:
-        """Seconds that weir spends on it in vain."""
+        """Seconds that weir wastes on it."""
         return max((DELAY.get(code, 0) for code in self.codes), default=0)
 
     @property
@@ -45,18 +45,18 @@ def address_findings(url: str, where: str, answer: Answer) -> list[Finding]:
     if take_apart(url) is None:
         return [Finding("relative-url", where, f"{url!r} is not an absolute http URL")]
     if url.startswith("https:"):
-        return [Finding("https", where, f"{url} wants TLS",
+        return [Finding("https", where, f"{url} requires TLS",
                         Grade.LOSS if answer.code else Grade.NOTE)]
     return []
 
 
 def page_of(net: Net, url: str, where: str, kind: str, base: str = "") -> Page:
-    """`where` it is named; a relative one is looked at all the same."""
+    """`where`: the place that names the URL, which is resolved even if weir would reject it."""
     address = urljoin(base, url)
     answer = net.get(address)
     found = address_findings(url, where, answer)
     if answer.code == "short":
-        found.append(answer.finding(address, where, kind, Grade.NOTE))  # weir makes do with it
+        found.append(answer.finding(address, where, kind, Grade.NOTE))  # weir uses the part
     elif answer.code and answer.code not in [one.code for one in found]:
         found.append(answer.finding(address, where if kind == "key" else address, kind))
     found += net.compare(address, answer)
@@ -67,7 +67,7 @@ def page_of(net: Net, url: str, where: str, kind: str, base: str = "") -> Page:
 
 
 def read_on(url: str, answer: Answer) -> bytes:
-    """With TLS, redirects and chunks, which weir doesn't know."""
+    """Fetches it with TLS, redirects and chunked coding, which weir does not support."""
     parts = take_apart(url)
     if parts and answer.server and parts[0] in MAPS:
         url = f"http://{answer.server}{parts[2]}"

@@ -1,4 +1,4 @@
-"""One variant, segment after segment, as weir's passes go through it."""
+"""One variant: the segments that arrive, and why others do not."""
 
 from dataclasses import dataclass
 from urllib.parse import urljoin
@@ -12,32 +12,32 @@ from .weir import DELAY, FAILED_IN_A_ROW, NO_DATA, Media, Segment, number, take_
 
 SAMPLES = 4  # segments of a variant that are fetched, unless all are
 PLAYS = ("ts", "audio")
-# What never keeps all segments of several from the player.
+# Findings that never cost a playlist of several segments all of them.
 PARTIAL = ("number-zero", "numbers-jump", "byte-range", "gap", "vector", "window",
            "target-duration", "long-segments", "no-number")
 
 
 @dataclass
 class Fate:
-    """What becomes of a segment."""
+    """The outcome of downloading a segment."""
     data: bytes = b""
     lost: bool = False
-    junk: bool = False  # arrives, but nothing plays it
-    delay: int = 0  # s, lost with it
+    junk: bool = False  # arrives, but is not playable
+    delay: int = 0  # s that the failure costs
 
 
 def lost_by(code: str) -> Fate:
-    """Four attempts of a download, a second apart."""
+    """The outcome of four failed downloads, a second apart."""
     return Fate(lost=True, delay=4 * DELAY.get(code, 0) + 3)
 
 
 class Viewing:
     def __init__(self, net: Net, media: Media, silence: int) -> None:
         self.net, self.media = net, media
-        self.silence = silence  # s, since the player got anything
+        self.silence = silence  # s since the player last received data
         self.found = list(media_findings(media))
         self.key, self.key_page = b"", Page("", b"", [])
-        self.head = b""  # of what arrives
+        self.head = b""  # the first bytes that arrive
         self.arrived = 0
 
     def go(self, every: bool) -> list[Finding]:
@@ -63,7 +63,7 @@ class Viewing:
                 if segment is self.media.last:
                     break
         if self.silence > NO_DATA and not fate.lost:
-            self.note("too-late", self.media.url, f"media would come after {self.silence} s")
+            self.note("too-late", self.media.url, f"media would arrive after {self.silence} s")
         return self.found if self.arrived else self.nothing_arrives()
 
     def nothing_arrives(self) -> list[Finding]:
@@ -74,7 +74,7 @@ class Viewing:
         self.found.append(Finding(code, where, what, grade))
 
     def load_key(self, segment: Segment) -> int:
-        """The seconds that it takes in vain. A key that can't be had is not asked for again."""
+        """Returns the seconds wasted. A key that cannot be fetched is not requested again."""
         if not segment.key_url:
             self.key = b""
         elif segment.key_url != self.key_page.url:
@@ -110,7 +110,7 @@ class Viewing:
         return fate if take_apart(segment.url) else lost_by("relative-url")
 
     def look_at_delivery(self, address: str, where: str, answer: Answer) -> None:
-        """Whether a download that breaks off can be resumed."""
+        """Checks that an interrupted download can be resumed."""
         half = max(len(answer.body) // 2, 1)
         rest = self.net.get(address, half)
         said = rest.value("Content-Range") or "none"
@@ -127,21 +127,21 @@ class Viewing:
         if self.key and answer.http11:
             data = decrypt(answer.body, self.key)
         if data is None:
-            self.note("no-cipher", where, "the segment is enciphered", Grade.NOTE)
+            self.note("no-cipher", where, "the segment is encrypted", Grade.NOTE)
             return Fate()
         kind = content(data)
         junk = kind not in (*PLAYS, "damaged")
         if segment.key_url:
             self.explain_key(segment, where, answer, data)
         elif kind == "mp4" or ("#EXT-X-MAP" in self.media.tags and junk):
-            self.note("fragmented-mp4", where, "the segment is a part of an MP4 file")
+            self.note("fragmented-mp4", where, "the segment is part of an MP4 file")
         elif junk:
-            junk = kind == "text" or not data  # nobody knows otherwise
+            junk = kind == "text" or not data  # other unknown formats may be playable
             self.note("not-media", where, f"the segment begins with {data[:16]!r}", Grade(junk))
         return Fate(data, junk=junk)
 
     def explain_key(self, segment: Segment, where: str, answer: Answer, data: bytes) -> None:
-        """Why a segment comes out wrong; a note where it doesn't all the same."""
+        """Reports why a segment is decrypted wrongly; only a note if it is playable anyway."""
         kind, cause = content(data), key_cause(segment)
         grade = Grade.NOTE if kind in PLAYS else Grade.LOSS
         if cause:
@@ -153,7 +153,7 @@ class Viewing:
         elif len(self.key) < 16:
             self.note("key-size", where, f"the key has {len(self.key)} bytes", grade)
         elif kind not in (*PLAYS, "damaged"):
-            self.note("wrong-key", where, "what is decrypted is no media")
+            self.note("wrong-key", where, "the decrypted data is not media")
         vector = attributes(segment.key_line).get("IV", "")
         if kind == "damaged" or (is_set(vector, segment.number) and (
                 vector if grade else table_is_intact(data) is None)):
@@ -161,7 +161,7 @@ class Viewing:
 
 
 def is_set(vector: str, segment_number: int) -> bool:
-    """Whether it is not zero; without one it is the number (RFC 8216, 5.2)."""
+    """Whether the vector is not zero; by default it is the segment's number (RFC 8216, 5.2)."""
     try:
         return int(vector, 16) != 0 if vector else segment_number != 0
     except ValueError:

@@ -1,4 +1,4 @@
-"""What weir makes of URLs, cache maps and playlists, oddities included."""
+"""weir's parsing of URLs, cache maps and playlists, oddities included."""
 
 import re
 import zlib
@@ -6,17 +6,17 @@ from collections.abc import Iterator
 from dataclasses import dataclass, field
 
 WHITE = " \t\n\v\f\r"
-NO_DATA = 15  # s, after which a stream with nothing to send is closed
+NO_DATA = 15  # s without data, after which a stream is closed
 FAILED_IN_A_ROW = 4  # segments; they end the stream
 DOCUMENT_MAX, HEAD_MAX, LINE_MAX = 16 << 20, 256 << 10, 64 << 10  # bytes
 SEGMENTS_MAX, VARIANTS_MAX = 50_000, 4_096
-# s spent on a document in vain, by what is wrong with it; no time where it isn't here
+# s wasted on a document, by the code of its finding; 0 for other codes
 DELAY = {"relative-url": 12, "unreachable": 12, "not-http": 12, "no-map": 12, "timeout": 60,
          "silent": 6}
 
 
 def number(text: str) -> int:
-    """What strtoll makes of it."""
+    """The number at the start of the text, as strtoll reads it."""
     found = re.match(r"[ \t\n\v\f\r]*([+-]?[0-9]+)", text)
     return int(found[1]) if found else 0
 
@@ -30,7 +30,7 @@ def lines_of(text: str) -> list[tuple[int, str]]:
 
 
 def take_apart(url: str) -> tuple[str, int | None, str] | None:
-    """Host, port and path; no port where the URL has none, nothing where weir refuses it."""
+    """Host, port (None if the URL has none) and path; None if weir rejects the URL."""
     scheme, found, rest = url.partition("://")
     if not found or scheme not in ("http", "https"):
         return None
@@ -40,7 +40,7 @@ def take_apart(url: str) -> tuple[str, int | None, str] | None:
 
 
 class Rings:
-    """A cache map, and which of its servers have failed."""
+    """A cache map and its failed servers."""
 
     def __init__(self, text: str) -> None:
         self.rings = [pieces(ring, ",") for ring in pieces(text, ";")]
@@ -63,7 +63,7 @@ class Segment:
     url: str
     key_url: str = ""
     key_line: str = ""
-    tags: tuple[str, ...] = ()  # that stand before it
+    tags: tuple[str, ...] = ()  # the lines since the previous segment
 
     def missing(self) -> bool:
         return any(tag.startswith("#EXT-X-GAP") for tag in self.tags)
@@ -78,7 +78,7 @@ class Media:
     """The playlist of a variant."""
     url: str
     target: int = 1
-    last: Segment | None = None  # stands before EXT-X-ENDLIST
+    last: Segment | None = None  # the segment before EXT-X-ENDLIST
     tags: set[str] = field(default_factory=set)
     segments: list[Segment] = field(default_factory=list)
 
@@ -89,12 +89,12 @@ class Media:
 
 @dataclass(eq=False)
 class Variant:
-    """A line of a master playlist that weir takes for one."""
+    """A line of a master playlist that weir treats as a variant."""
     line: int
     bandwidth: int
     url: str
-    media: Media | None = None  # what weir loads from it
-    delay: int = 0  # s, where there is nothing to load
+    media: Media | None = None  # None if weir cannot load it
+    delay: int = 0  # s wasted if it cannot be loaded
 
     def is_tag(self) -> bool:
         return not self.url or self.url.startswith("#")
@@ -140,7 +140,7 @@ def parse_media(text: str, url: str) -> Media:
 
 
 def beyond_bounds(document: bytes, kind: str) -> str:
-    """What of it is more than weir takes."""
+    """The bound of weir that the document exceeds, or nothing."""
     if len(document) > DOCUMENT_MAX:
         return f"more than {DOCUMENT_MAX >> 20} MiB"
     text = document.decode("utf-8", "replace") if kind != "key" else ""
@@ -154,7 +154,10 @@ def beyond_bounds(document: bytes, kind: str) -> str:
 
 
 def order_of_trial(variants: list[Variant], average: int) -> Iterator[Variant]:
-    """As weir selects at that average speed, in kbps, each one after those before failed."""
+    """The order in which weir tries the variants, each after the previous one failed.
+
+    `average` is the average speed in kbps.
+    """
     left = list(variants)
     while left:
         best = min(left, key=lambda variant: variant.bandwidth)
