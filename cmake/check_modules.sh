@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks that the table of modules is enforced: with the compiler's own command line
-# for a source of the module `buffer`, a header that the module has declared is
-# found, and one that it has not declared is not. Takes the build folder.
+# check_modules.sh BUILD_FOLDER: checks that the table of modules is enforced. With the
+# command line of a source of the module `buffer`, the compiler must find the headers of
+# declared modules and no others.
 set -euo pipefail
 
-cd "$1"  # holds nothing that a relative include could find
+cd "$1"  # contains nothing that a relative include could find
 command=$(sed -n 's/.*"command": "\(.*\) -o .*buffer\/cbuff.cpp.*/\1/p' compile_commands.json)
 [ -n "$command" ] || { echo "no command line for buffer/cbuff.cpp"; exit 1; }
 

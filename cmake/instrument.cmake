@@ -1,4 +1,4 @@
-# How everything is compiled: warnings, hardening and instrumentation.
+# Compiler options for all targets: warnings, hardening and instrumentation.
 add_library(weir_build INTERFACE)
 
 option(WEIR_TESTS "Build the tests, with GoogleTest" OFF)
@@ -6,10 +6,10 @@ option(WEIR_BENCH "Build the benchmarks" OFF)
 option(WEIR_FUZZ "Build the fuzz drivers (clang)" OFF)
 option(WEIR_WERROR "Warnings are errors" OFF)
 option(WEIR_HARDENED "PIE, full RELRO, fortified, stack protector" OFF)
-set(WEIR_SANITIZE "" CACHE STRING "Comma-separated sanitizers, none recovered from")
+set(WEIR_SANITIZE "" CACHE STRING "Comma-separated sanitizers; any report ends the program")
 option(WEIR_COVERAGE "Instrument for gcov" OFF)
 
-# Without it stat() fails on a file with a large inode number, and time ends in 2038.
+# On 32 bits the defaults make stat() fail for large inode numbers and time_t end in 2038.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(weir_build INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
@@ -37,7 +37,7 @@ if(WEIR_HARDENED)
   target_compile_options(weir_build INTERFACE
     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong -fstack-clash-protection
     -fPIE -ffunction-sections -fdata-sections
-    # Where it was built leaves no trace in what was built.
+    # Keep the paths of the build machine out of the binary.
     -ffile-prefix-map=${PROJECT_BINARY_DIR}/include/= -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
   target_link_options(weir_build INTERFACE
     -pie -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
@@ -50,7 +50,7 @@ if(WEIR_SANITIZE)
   target_link_options(weir_build INTERFACE -fsanitize=${WEIR_SANITIZE})
 endif()
 
-# Drivers bring a main of libFuzzer's; all they use is watched for new branches.
+# Coverage feedback for libFuzzer, whose main() only the drivers link.
 if(WEIR_FUZZ)
   target_compile_options(weir_build INTERFACE -fsanitize=fuzzer-no-link)
 endif()

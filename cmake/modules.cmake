@@ -1,8 +1,8 @@
 # module(NAME [USED...]): a static library of the folder src/NAME.
 #
-# The folder is staged behind a link, so that `#include "buffer/cbuff.h"`
-# resolves only for those who declared `buffer`. Linking is transitive,
-# seeing headers is not.
+# The include path contains a link to the folder, so that `#include "buffer/cbuff.h"`
+# resolves only in modules that declare `buffer`. Linking is transitive, header
+# visibility is not.
 function(module name)
   file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/${name}/*.cpp
                                       ${PROJECT_SOURCE_DIR}/src/${name}/*.h)
@@ -12,7 +12,7 @@ function(module name)
   file(MAKE_DIRECTORY ${stage})
   file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${name} ${stage}/${name} SYMBOLIC)
   target_include_directories(${name} PUBLIC ${stage})
-  # Messages, debuggers and coverage name the file where it really is.
+  # Messages, debuggers and coverage show the real path, not that of the link.
   target_compile_options(${name} PUBLIC -ffile-prefix-map=${stage}/=${PROJECT_SOURCE_DIR}/src/)
   uses(${name} ${ARGN})
 endfunction()
@@ -23,7 +23,7 @@ function(uses target)
 endfunction()
 
 # program(NAME SOURCE USED...): an executable of a source in src/ itself.
-# It is staged too: beside the modules, it would see them all.
+# It is also compiled through a link: from src/ itself it could include every module.
 function(program name source)
   set(stage ${PROJECT_BINARY_DIR}/include/${name}-program)
   file(MAKE_DIRECTORY ${stage})
