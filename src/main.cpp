@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
     weir::log_err("Specify maximal buffer size");
     return 2;
   }
-  // As an unsigned number a negative one exceeds any fill count: no limit.
+  // A negative number, converted to unsigned, exceeds any fill count and so means no limit.
   const auto max_buffer = static_cast<std::uint64_t>(std::strtoll(argv[1], nullptr, 10));
   const auto server = std::make_unique<weir::Server>(kAllInterfaces, kPort, kBacklog, max_buffer,
                                                      weir::real_device());

@@ -4,7 +4,7 @@
 
 namespace weir {
 
-// CLOCK_MONOTONIC: not affected by changes of the date. Any thread may call it.
+// CLOCK_MONOTONIC: not affected by changes of the date. Any thread may call this function.
 [[nodiscard]] inline timespec monotonic_now() {
   timespec now{};
   (void)clock_gettime(CLOCK_MONOTONIC, &now);

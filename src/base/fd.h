@@ -6,7 +6,7 @@
 
 namespace weir {
 
-// Owns a file descriptor, or none, and closes it.
+// Owns at most one file descriptor, and closes it.
 //
 // Threads: one at a time.
 class Fd {

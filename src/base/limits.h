@@ -13,23 +13,23 @@ using std::chrono::seconds;
 
 // Clients -------------------------------------------------------------------
 
-inline constexpr seconds kTurn{1};              // of the server loop without a connection
-inline constexpr seconds kClientTimeout{10};    // of a read from or a write to a client, in all
-inline constexpr int kRequestLine = 4095;       // bytes; the rest is read as the next line
-inline constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body
+inline constexpr seconds kTurn{1};              // longest wait of the server loop for a connection
+inline constexpr seconds kClientTimeout{10};    // of one read from or write to a client
+inline constexpr int kRequestLine = 4095;       // bytes; a longer line continues as the next one
+inline constexpr size_t kMaxDiscarded = 65536;  // bytes of a request's body, read before closing
 
-// Bytes that the kernel accepts ahead of the network. Without a limit it accepts 4 MB and
-// wakes the writer when a third of them have gone, which a player that reads at the pace of
-// its video may not manage within kClientTimeout. The cost: a paused player loses its stream
-// that much sooner, 8 s at 4 Mbit/s.
+// Unsent bytes that the kernel accepts for a client. Without a limit it accepts 4 MB and wakes
+// the writer when a third of that has been sent, which may exceed kClientTimeout for a player
+// that reads at the pace of its video. The cost: a paused player loses its stream sooner, by
+// 8 s at 4 Mbit/s.
 inline constexpr int kMaxUnsent = 256 * 1024;
 
 // From the buffer to the player ---------------------------------------------
 
-inline constexpr size_t kMaxWrite = 131071;     // bytes; keeps a turn short, the figures fresh
-inline constexpr milliseconds kEmptyWait{100};  // for bytes in an empty buffer
-inline constexpr milliseconds kIdlePoll{50};    // after that, before the next turn
-inline constexpr seconds kNoDataLimit{15};      // longer without data ends the stream
+inline constexpr size_t kMaxWrite = 131071;     // bytes; keeps writes short and statistics current
+inline constexpr milliseconds kEmptyWait{100};  // wait for data if the buffer is empty
+inline constexpr milliseconds kIdlePoll{50};    // pause after an unsuccessful wait for data
+inline constexpr seconds kNoDataLimit{15};      // a longer time without data ends the stream
 
 // One attempt to download ---------------------------------------------------
 
@@ -38,41 +38,41 @@ inline constexpr seconds kSendTimeout{2};
 inline constexpr seconds kStatusTimeout{6};  // of the first read of a response
 inline constexpr seconds kReadTimeout{2};    // of every other read
 
-inline constexpr size_t kHeadRead = 4096;         // bytes of a header block in one read
-inline constexpr size_t kBodyRead = 131071;       // bytes of a body in one read
+inline constexpr size_t kHeadRead = 4096;         // bytes per read of a header block
+inline constexpr size_t kBodyRead = 131071;       // bytes per read of a body
 inline constexpr size_t kMaxHead = 262144;        // bytes of a header block
 inline constexpr size_t kMaxDocument = 16 << 20;  // bytes of a playlist or a key
 
-// Retries. The worst case of one download is kTries * kAttempts attempts, and that of a
-// segment kDownloads downloads.
+// Retries. A download makes at most kTries * kAttempts attempts; a segment is downloaded at
+// most kDownloads times.
 
-inline constexpr int kAttempts = 4;          // to get a usable answer, in one try
+inline constexpr int kAttempts = 4;          // to get a status line, per try
 inline constexpr seconds kAttemptPause{1};   // after the 2nd and 3rd attempt at a named host
-inline constexpr int kTries = 6;             // in one download
-inline constexpr int kDownloads = 4;         // of one segment, each resuming the one before
-inline constexpr seconds kDownloadPause{1};  // between them
+inline constexpr int kTries = 6;             // per download
+inline constexpr int kDownloads = 4;         // per segment, each resuming the previous one
+inline constexpr seconds kDownloadPause{1};  // between two downloads of a segment
 
 // Playlists -----------------------------------------------------------------
 
 inline constexpr size_t kMaxVariants = 4096;
-inline constexpr size_t kMaxChunks = 50000;  // segments kept of a media playlist
+inline constexpr size_t kMaxChunks = 50000;  // segments kept per media playlist
 inline constexpr size_t kMaxLine = 65536;    // bytes
-inline constexpr size_t kKeySize = 16;       // bytes of a key; any further ones are ignored
+inline constexpr size_t kKeySize = 16;       // bytes of a key; the rest is ignored
 
 // Streams -------------------------------------------------------------------
 
-inline constexpr seconds kTimerTurn{1};           // of the refresh timer
+inline constexpr seconds kTimerTurn{1};           // pause of the refresh timer
 inline constexpr double kRefreshAfter = 0.65;     // of the target duration, from a pass's start
-inline constexpr std::uint32_t kRefreshIdle = 4;  // part of it after a pass without a new segment
-inline constexpr size_t kEnoughChunks = 4;        // more are downloaded before the next refresh
+inline constexpr std::uint32_t kRefreshIdle = 4;  // divisor of that after an idle pass
+inline constexpr size_t kEnoughChunks = 4;        // with more left, the playlist is not reloaded
 inline constexpr std::uint32_t kMaxFailedChunks = 3;  // in a row; one more ends the stream
-inline constexpr std::uint32_t kMaxEmptyReloads = 6;  // in a row; they end the stream
+inline constexpr std::uint32_t kMaxEmptyReloads = 6;  // in a row; the sixth ends the stream
 
 // Watchdog and log ----------------------------------------------------------
 
-inline constexpr seconds kMarkerGrace{10};  // from the marker's first sight to the restart
+inline constexpr seconds kMarkerGrace{10};  // from the marker's first sighting to the restart
 inline constexpr seconds kPingTimeout{300};
-inline constexpr milliseconds kLastLine{100};     // that the line before a restart may wait
-inline constexpr milliseconds kLastLineStep{10};  // between its attempts
+inline constexpr milliseconds kLastLine{100};     // longest wait for the log line before a restart
+inline constexpr milliseconds kLastLineStep{10};  // between attempts to write that line
 
 }  // namespace weir::limits

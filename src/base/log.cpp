@@ -44,7 +44,7 @@ void write_all(int fd, std::string_view text) {
 }
 
 // Whether the text can be written without blocking. A writable pipe accepts PIPE_BUF bytes,
-// provided that no other thread writes to it before.
+// provided that no other thread writes to it first.
 bool takes_at_once(int fd, std::string_view text) {
   pollfd entry{fd, POLLOUT, 0};
   return text.size() <= PIPE_BUF && poll(&entry, 1, 0) == 1;
@@ -55,8 +55,8 @@ void write_waiting(Stream& stream) WEIR_REQUIRES(stream.mutex) {
   stream.waiting.clear();
 }
 
-// Keeps lines in order if both streams share a file or pipe. Never blocks on the reader of the
-// standard output.
+// Keeps lines in order if both streams share a file or pipe. Never blocks, even if the
+// reader of the standard output has stalled.
 void flush_out_at_once() {
   Stream& stream = out();
   if (!stream.mutex.try_lock()) return;

@@ -2,12 +2,12 @@
 // problems on the standard error stream.
 //
 // Each line is written with one call under the lock of its stream, so that lines of
-// different threads never mix. Lines are not buffered, except for text passed to
-// log_out_unflushed(), which is written with the next line.
+// different threads never mix. Only text passed to log_out_unflushed() is
+// buffered; it is written with the next line.
 //
 // Threads: any. Calls block while the reader of their stream has stalled, except
 //          log_err_at_once(). The other stream is not affected.
-// Failure: not reported. A stream that cannot be written to loses its lines.
+// Failure: not reported. Lines that cannot be written are lost.
 #pragma once
 
 #include <charconv>
@@ -61,14 +61,14 @@ void log_err(const Pieces&... pieces) {
   log_detail::write_err(log_detail::compose(pieces...));
 }
 
-// One line about a problem that must not delay the next step: dropped if the stream does not
+// One line about a problem, written just before a restart: dropped if the stream does not
 // accept it within 100 ms.
 template <class... Pieces>
 void log_err_at_once(const Pieces&... pieces) {
   log_detail::write_err_at_once(log_detail::compose(pieces...));
 }
 
-// Progress that may be written together with the next line of either kind.
+// Progress that may be buffered until the next line of either stream.
 void log_out_unflushed(std::string_view text);
 
 }  // namespace weir

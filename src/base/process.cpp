@@ -29,9 +29,9 @@ void raise_descriptor_limit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// New pages cost a page fault every 4 KiB, nearly as much as moving their bytes. So blocks
-// come from malloc's heap, one for all threads, and freed blocks stay there for any stream to
-// reuse until release_free_memory().
+// New pages cost a page fault every 4 KiB, nearly as much as copying 4 KiB. So blocks come
+// from a single malloc heap for all threads, where freed blocks remain for reuse by any stream
+// until release_free_memory().
 void keep_freed_memory() {
   constexpr int kLargerThanBlocks = 4 << 20;  // bytes
   constexpr int kNever = -1;

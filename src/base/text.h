@@ -33,8 +33,8 @@ class Pieces {
 [[nodiscard]] std::string_view ltrim(std::string_view text);
 [[nodiscard]] std::string_view trim(std::string_view text);
 
-// Percent-decoding in place; "+" becomes a space. Malformed escapes do not fail: of the two
-// characters after "%" the hexadecimal ones at the start count, and none gives a NUL.
+// Percent-decoding in place; "+" becomes a space. A malformed escape does not fail: its value
+// is that of the leading hexadecimal digits of the two characters after "%", NUL without any.
 void url_decode(std::string& text);
 
 // The decimal number at the start of the text, as strtoll reads it: leading white space and a

@@ -13,13 +13,13 @@ void lower_priority();
 
 using ThreadEntry = void* (*)(void*);
 
-// Starts a thread that is never joined. False if the system refuses one: `entry` is then not
-// called.
+// Starts a thread that is never joined. False if the system refuses to create one:
+// `entry` is then not called.
 [[nodiscard]] bool start_detached(ThreadEntry entry, void* argument);
 
-// A thread that its owner joins, at the latest before destroying this object.
+// A thread that must be joined before this object is destroyed.
 //
-// Threads: the owner's only.
+// Threads: only the owner's.
 class WorkerThread {
  public:
   WorkerThread() = default;
@@ -27,7 +27,7 @@ class WorkerThread {
   WorkerThread& operator=(const WorkerThread&) = delete;
 
   // Runs entry(argument). The previous thread must have been joined. False if the system
-  // refuses a thread: there is then nothing to join.
+  // refuses to create a thread; join() then does nothing.
   [[nodiscard]] bool start(ThreadEntry entry, void* argument);
 
   // Waits until the thread, if any, has ended.

@@ -7,7 +7,7 @@
 
 namespace weir {
 
-// Waits until a read (write) would not block. The end of the stream and a pending socket error
+// Wait until a read (write) would not block. The end of the stream and a pending socket error
 // count as ready, because the next call reports them. False on a time-out or an error.
 [[nodiscard]] bool wait_readable(int fd, std::chrono::seconds timeout);
 [[nodiscard]] bool wait_writable(int fd, std::chrono::seconds timeout);

@@ -8,7 +8,7 @@ namespace weir {
 
 namespace {
 constexpr size_t kAlignment = 16;
-// For the raw address and the shift to the next boundary.
+// Room for the raw address and for the shift to the next boundary.
 constexpr size_t kOverhead = sizeof(void*) + kAlignment - 1;
 }  // namespace
 

@@ -14,7 +14,7 @@ namespace weir {
 //
 // The producer fills `data`, then publishes with a release store of writePos; a consumer that
 // loads writePos with acquire sees the bytes. Lowering `limit` to writePos seals the block:
-// the rest of its storage stays unused.
+// the rest of its storage is never used.
 struct CBlock {
   explicit CBlock(std::uint64_t size)
       : data(aligned_bytes(static_cast<size_t>(size))), limit(size) {}

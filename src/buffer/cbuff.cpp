@@ -16,7 +16,7 @@ namespace weir {
 
 namespace {
 
-// Makes the system supply the pages of the range now.
+// Makes the kernel supply the pages of the range at once.
 void populate(unsigned char* memory, size_t bytes) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t to_boundary = -reinterpret_cast<std::uintptr_t>(memory) % page;
@@ -69,7 +69,7 @@ bool CBuff::has_tail() {
 }
 
 // Publishes `count` bytes at the producer's position. If they fill the block, the store of
-// writePos is the last access to it: the consumer may free it then.
+// writePos is the producer's last access to the block: the consumer may then free it.
 void CBuff::publish(std::uint64_t count) {
   position_ += count;
   room_ -= count;
@@ -105,8 +105,8 @@ std::span<unsigned char> CBuff::sealAndReserve() {
 
 void CBuff::commit(std::uint64_t count) {
   if (count > 0) publish(count);
-  // At once, unlike write(), which appends when more bytes arrive. If memory has run out, the
-  // next reserve() tries again.
+  // A full block gets its successor at once, unlike in write(). If memory has run out, the next
+  // reserve() tries again.
   if (room_ == 0) (void)append();
 }
 
@@ -141,7 +141,7 @@ void CBuff::consume(std::uint64_t count) {
 std::uint64_t CBuff::read(std::span<unsigned char> destination) {
   size_t copied = 0;
   while (copied < destination.size()) {
-    // Only the first pass may wait.
+    // Only the first iteration may wait.
     if (copied > 0 && fill() == 0) break;
     const std::span<const unsigned char> from = peek();
     const size_t count = std::min(from.size(), destination.size() - copied);

@@ -16,10 +16,10 @@ struct CBlock;
 // producer checks fill() and pauses.
 //
 // Threads:   one producer (write, reserve, sealAndReserve, commit) and one consumer (peek,
-//            consume, read), lock-free except when a block is linked or unlinked. fill()
-//            from any thread. clear() and destruction after both have ended.
-// Ownership: a block is freed when the consumer has passed its end, the rest by clear() or
-//            destruction.
+//            consume, read), lock-free except when a block is linked or unlinked. Any
+//            thread may call fill(). clear() and the destructor require that both have ended.
+// Ownership: a block is freed when the consumer has passed its end; remaining blocks are freed
+//            by clear() or the destructor.
 // Failure:   lack of memory for a block is reported on the error stream, and the bytes that
 //            the block would have held are refused.
 class CBuff {
@@ -46,7 +46,7 @@ class CBuff {
   // start, then commit.
   [[nodiscard]] std::span<unsigned char> reserve();
 
-  // The same, with a whole new block; seals the tail block.
+  // Seals the tail block and returns a whole new one, to be used like that of reserve().
   [[nodiscard]] std::span<unsigned char> sealAndReserve();
 
   // Publishes the first `count` bytes of the last reservation.
@@ -55,7 +55,7 @@ class CBuff {
   // Consumer -----------------------------------------------------------------
 
   // The oldest contiguous bytes, at most to the end of a block. If the buffer is empty, waits
-  // once for 100 ms; empty if there is still nothing.
+  // once for 100 ms, and returns nothing if it is still empty.
   [[nodiscard]] std::span<const unsigned char> peek();
 
   // Drops bytes at the front, at most as many as peek() returned.
@@ -75,7 +75,7 @@ class CBuff {
   [[nodiscard]] bool wait_for_bytes() const;
   void remove_head();
 
-  // Set once.
+  // Constant after construction.
   const std::uint64_t block_size_;
 
   // Producer only. It accesses `current_` without the lock only while room_ > 0: the consumer

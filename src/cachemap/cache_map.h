@@ -12,7 +12,7 @@ namespace weir {
 // before it are dead. A dead server becomes alive again only with a new map.
 //
 // Threads: any. Each operation holds the mutex while it logs, so that a selection is never
-//          logged in the middle of a dump. Inside, only the log's locks are taken.
+//          logged in the middle of a dump. While holding it, takes only the log's locks.
 class CacheMap {
  public:
   // The address of the server for the path of an upstream URL, or "" if there is none. It

@@ -12,7 +12,7 @@ struct Chunk {
   std::string url;             // absolute, as in the playlist
   bool last = false;           // the end of the stream
 
-  // Of the AES-128 key; shared by the segments after one key line; null for clear media.
+  // The URL of the AES-128 key, shared by the segments after a key line; null for clear media.
   std::shared_ptr<const std::string> key_url;
 };
 

@@ -16,8 +16,8 @@ namespace weir {
 
 namespace {
 
-// A measured speed, which may be infinite or NaN, in whole kbps. The cap prevents an overflow
-// of the weighted sum.
+// Converts a measured speed, which may be infinite or NaN, to whole kbps. The cap prevents an
+// overflow of the weighted sum.
 std::uint64_t whole_kbps(double speed) {
   constexpr double kMaxSpeed = 0x1p53;
   return speed > 0 ? static_cast<std::uint64_t>(std::min(speed, kMaxSpeed)) : 0;
@@ -27,7 +27,7 @@ std::uint64_t whole_kbps(double speed) {
 
 struct ChunkFetcher::Pass {
   Playing& playing;
-  std::int64_t skip = 0;  // segments at the front that startFrom excludes
+  std::int64_t skip = 0;  // number of leading segments that startFrom excludes
   std::int64_t index = 0;
   bool attempted = false;  // a segment was new, even if its download failed
 };

@@ -14,12 +14,12 @@ struct Playing;
 struct StreamControl;
 struct Streams;
 
-// Downloads the segments of a stream into its buffer, one after another, and decides when the
-// stream is over.
+// Downloads the segments of a stream into its buffer in order, and decides when the stream is
+// over.
 //
 // Threads:   one fill pass at a time, each on its own thread, joined before the next one
 //            starts. A pass blocks as UCurl::get_stream() does.
-// Ownership: the arguments of the constructor stay the caller's and live longer.
+// Ownership: the caller owns the constructor's arguments, which must outlive this object.
 // Failure:   a segment that cannot be downloaded is skipped; the fourth in a row ends the
 //            stream. The reason is on the error stream.
 class ChunkFetcher {
@@ -45,12 +45,12 @@ class ChunkFetcher {
   void refresh_in(std::int64_t seconds);
   void refresh_at_once();
 
-  // Set once.
+  // Constant after construction.
   CBuff& buffer_;
   Streams& streams_;
   StreamControl& control_;
 
-  // Fill pass only; kept from one pass to the next.
+  // Used by the fill pass only; kept from one pass to the next.
   UCurl client_;
   KeyCache keys_;
   std::uint64_t last_seq_ = 0;       // sequence number of the last segment delivered

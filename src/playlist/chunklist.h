@@ -25,24 +25,24 @@ class Chunklist {
   // METHOD, and its URI extends to the end of the line, because playlists are made for weir.
   void parse(std::string_view text);
 
-  // How many of `chunks` precede the segment that `start_from` names: its index in the
-  // playlist, negative from the end. Negative if that segment was dropped, or if there is
-  // none because the playlist is shorter.
+  // The number of `chunks` before the segment that `start_from` selects by its index in the
+  // playlist, negative from the end. Negative if that segment was dropped, or if the playlist
+  // is too short to contain it.
   [[nodiscard]] std::int64_t segments_before(std::int32_t start_from) const;
 
-  // Refuses the playlist, with the reason on the error stream, if that segment was dropped:
-  // there are no segments then.
+  // Removes all segments, with the reason on the error stream, if the segment that `start_from`
+  // selects was dropped.
   void require(std::int32_t start_from);
 
   std::string url;
-  std::uint32_t target_duration = 1;  // seconds; a text without the tag keeps the value
+  std::uint32_t target_duration = 1;  // seconds; a playlist without the tag keeps the value
   std::deque<Chunk> chunks;
 
  private:
   struct Cursor;
   void parse_line(std::string_view line, Cursor& cursor);
 
-  std::int64_t dropped_ = 0;  // segments of the text before the first of `chunks`
+  std::int64_t dropped_ = 0;  // number of the playlist's segments before the first of `chunks`
 };
 
 }  // namespace weir

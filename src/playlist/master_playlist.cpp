@@ -37,7 +37,7 @@ bool MasterPlaylist::start_refreshing() {
 void MasterPlaylist::finish() {
   log_out("MasterPlaylist::finish");
   control_.end_stream();
-  // The timer first, because it starts fill threads.
+  // Join the timer first, because it starts fill threads.
   timer_thread_.join();
   fill_thread_.join();
 }
@@ -57,7 +57,7 @@ bool MasterPlaylist::refresh_master() {
   return selected;
 }
 
-// True if there is a current variant afterwards, kept or newly chosen.
+// Keeps or changes the current variant. False if there is none afterwards.
 bool MasterPlaylist::select_variant(Playing& playing) {
   const std::uint64_t average = streams_.stats.avg_speed.get();
   log_out("select variant, curr avg in bps: ", average * 1024);
@@ -71,8 +71,9 @@ bool MasterPlaylist::select_variant(Playing& playing) {
   return true;
 }
 
-// False if the playlist cannot be loaded or has no segments. A stream that has begun
-// takes what is left of a long one; before, the segment that it begins with must be there.
+// False if the playlist cannot be loaded or has no segments. If the first segments of a long
+// playlist were dropped, only a stream that has already begun accepts it; a new one needs the
+// segment that it starts with.
 bool MasterPlaylist::refresh_variant(Playing& playing) {
   log_out("Chunklist: refresh variant");
   std::string text;
@@ -130,8 +131,8 @@ void MasterPlaylist::refresh_timer() {
   }
 }
 
-// Selects variants until the playlist of one can be loaded. False if the stream was told to
-// end during that: the timer must not sleep again.
+// Selects variants until the playlist of one can be loaded. False if the stream ended
+// meanwhile: the timer must not sleep again.
 bool MasterPlaylist::refresh_now() {
   std::unique_ptr<Playing> playing = to_timer_.take();
   if (playing == nullptr) {

@@ -18,14 +18,14 @@ struct Streams;
 // reloads the variant's playlist and downloads its segments into the buffer.
 //
 // Threads:   the owner calls start_refreshing() and finish(). The refresh timer thread wakes
-//            up once a second; if a refresh is due and no fill pass is running, it selects a
+//            once a second; if a refresh is due and no fill pass is running, it selects a
 //            variant, loads its playlist and starts a fill pass on another thread.
-// Ownership: the buffer and the shared state are the caller's and live longer.
-// Failure:   false from start_refreshing(), later should_finish(); the reason is on the error
-//            stream.
+// Ownership: the caller owns the buffer and the shared state, which must outlive this object.
+// Failure:   start_refreshing() returns false; later failures end the stream. The reason is on
+//            the error stream.
 class MasterPlaylist {
  public:
-  // `start_from`: the segments that the first pass skips; negative counts from the end.
+  // `start_from`: number of segments that the first pass skips; negative counts from the end.
   MasterPlaylist(std::string master_url, CBuff& buffer, Streams& streams, std::int32_t start_from);
   ~MasterPlaylist();
   MasterPlaylist(const MasterPlaylist&) = delete;
@@ -56,22 +56,22 @@ class MasterPlaylist {
   static void* timer_thread_entry(void* self);
   static void* fill_thread_entry(void* self);
 
-  // Set once.
+  // Constant after construction.
   const std::string master_url_;
   const CBuff& buffer_;
   const Streams& streams_;
 
   StreamControl control_;
 
-  // In `to_timer_` unless the timer or a fill pass holds it, or it is in `to_pass_`: on its way
-  // to a fill thread that has not started yet.
+  // The playback state is in `to_timer_` unless the timer or a fill pass holds it, or in
+  // `to_pass_` until a new fill thread takes it.
   HandOver<Playing> to_timer_;
   HandOver<Playing> to_pass_;
 
-  const std::unique_ptr<ChunkFetcher> fetcher_;  // fill pass only
+  const std::unique_ptr<ChunkFetcher> fetcher_;  // used by the fill pass only
 
-  // The owner joins the timer thread. The timer joins the fill thread; after the timer has
-  // ended, the owner does.
+  // The owner joins the timer thread. The fill thread is joined by the timer or, after the timer
+  // has ended, by the owner.
   WorkerThread timer_thread_;
   WorkerThread fill_thread_;
 };

@@ -19,13 +19,13 @@ struct Playing {
   Selection current;                   // points into `variants`
   std::optional<Chunklist> chunklist;  // of the current variant
 
-  std::int32_t start_from = 0;  // segments that the next pass skips, negative from the end
+  std::int32_t start_from = 0;  // segments for the next pass to skip; negative: from the end
   bool started = false;         // a fill pass has begun
 };
 
-// A mailbox for one object, which it owns while it holds it.
+// A mailbox that passes ownership of one object between threads.
 //
-// Threads: one puts, another one takes; neither blocks. Release and acquire suffice: the
+// Threads: one calls put(), another take(); neither blocks. Release and acquire suffice: the
 //          thread that takes the object sees everything done to it before put().
 template <class Object>
 class HandOver {

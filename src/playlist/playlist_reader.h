@@ -11,7 +11,7 @@ namespace weir {
 // Reads a playlist line by line. Lines end at "\n" only and are not trimmed.
 //
 // Threads:   one at a time.
-// Ownership: the text stays the caller's; lines point into it.
+// Ownership: the caller owns the text; lines point into it.
 class PlaylistReader {
  public:
   explicit PlaylistReader(std::string_view text) : lines_(text, '\n') {}
@@ -24,7 +24,7 @@ class PlaylistReader {
   // limits::kMaxLine, which is logged on the error stream.
   [[nodiscard]] bool next(std::string_view& line);
 
-  // Whether next() has met such a line.
+  // Whether next() has found a line that is too long.
   [[nodiscard]] bool met_long_line() const { return met_long_line_; }
 
  private:

@@ -8,8 +8,8 @@ namespace weir {
 
 namespace {
 
-constexpr double kAdequateFill = 0.6;  // of the maximal buffer
-constexpr double kUpperBand = 1.2;     // times the next higher bandwidth
+constexpr double kAdequateFill = 0.6;  // to keep a slow variant; fraction of the buffer
+constexpr double kUpperBand = 1.2;     // upper limit of the band, times the next higher bandwidth
 constexpr auto kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
 // A well-filled buffer bridges a slow period. The comparison uses single precision.

@@ -14,7 +14,7 @@ namespace weir {
 //
 // Threads: any may read and write. Relaxed order suffices: each value is atomic, and nothing
 //          relies on two values being consistent. An average may mix the speeds of streams
-//          that add theirs at the same time.
+//          that finish downloads at the same time.
 struct StreamStats {
   class Value {
    public:

@@ -6,9 +6,9 @@
 
 namespace weir {
 
-// What all streams of the process share.
+// State shared by all streams of the process.
 struct Streams {
-  const std::uint64_t max_buffer;  // bytes; no segment is started while a stream holds as many
+  const std::uint64_t max_buffer;  // bytes; a stream that holds this many starts no segment
   StreamStats stats;
 };
 

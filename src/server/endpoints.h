@@ -1,8 +1,8 @@
-// The endpoints. Each sends its whole response, header block included.
+// The endpoints. Each function sends a whole response, header block included.
 //
 // Threads:   any. answer_stream() blocks for as long as the player listens.
-// Ownership: the descriptor stays the caller's.
-// Failure:   not reported; a write that fails is not repeated.
+// Ownership: the caller owns the descriptor.
+// Failure:   not reported; a failed write is not repeated.
 #pragma once
 
 namespace weir {
@@ -11,8 +11,8 @@ struct RequestLine;
 struct Service;
 
 // "/stream", "/stream.ts": the media of the master playlist `url`, from segment `startFrom`
-// on (negative: counted from the end). The body ends when the stream is over and all of it
-// has been sent, when a write fails, and when nothing was readable for more than 15 s.
+// on (negative: counted from the end). The body ends when the whole stream has been
+// sent, when a write fails, or when the buffer has been empty for more than 15 s.
 // Without `url` the answer is 406.
 void answer_stream(int fd, const RequestLine& request, Service& service);
 

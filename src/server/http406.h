@@ -6,8 +6,8 @@
 
 namespace weir {
 
-// The request is not acceptable; the text becomes the reason phrase of the response. Thrown as
-// a pointer: the Request that throws it owns it.
+// Reports an unacceptable request; the text becomes the reason phrase of the response. Thrown
+// as a pointer that the throwing Request owns.
 class Http406 : public std::exception {
  public:
   explicit Http406(std::string text) : message_(std::move(text)) {}

@@ -1,4 +1,4 @@
-// The thread of a connection, and the routes.
+// The thread of a connection, and the table of endpoints.
 #include "server/request.h"
 
 #include <sys/socket.h>

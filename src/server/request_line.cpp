@@ -61,8 +61,8 @@ std::optional<RequestLine> parse_request_line(std::string_view line) {
   return request;
 }
 
-// CR counts but is not stored, and a read error counts as a byte, so that a silent client is
-// given up only at the limit.
+// CR counts towards the limit but is not stored. A failed read counts as a byte, so that a silent
+// client is dropped only at the limit.
 std::string readline(int fd) {
   std::string line;
   for (int count = 0; count < limits::kRequestLine;) {

@@ -29,11 +29,11 @@ struct RequestLine {
 [[nodiscard]] std::optional<RequestLine> parse_request_line(std::string_view line);
 
 // The next line from a client, without its line end. A line is cut after 4095 bytes; the rest
-// is the next line. Deliberate: a read that fails or times out counts as a byte, so that one
+// becomes the next line. Deliberate: a read that fails or times out counts as a byte, so that one
 // time-out does not cut off a slow client.
 [[nodiscard]] std::string readline(int fd);
 
-// Reads up to an empty line.
+// Reads and ignores header lines up to an empty line.
 void skip_headers(int fd);
 
 }  // namespace weir

@@ -33,8 +33,8 @@ Service& new_service(std::uint64_t max_buffer, Device device) {
 }
 
 // The crypto library and the resolver initialise themselves on first use. If memory runs out
-// during that, they crash, hang, or fail from then on. So this happens here, before there is a
-// stream to lose. No name is looked up.
+// during that, they crash, hang or keep failing. So they are initialised before the first
+// stream, without a look-up.
 void set_up_libraries() {
   // The library's exit handler would free ciphers that other threads use.
   (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
@@ -81,7 +81,7 @@ void Server::run() {
   }
 }
 
-// False after a second; errors count as time-outs.
+// Waits for at most a second. Errors count as time-outs.
 bool Server::wait_for_connection() const {
   fd_set ready;
   FD_ZERO(&ready);

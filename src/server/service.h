@@ -7,7 +7,7 @@
 
 namespace weir {
 
-// What all requests share. Created once and never destroyed: detached threads use it until
+// State shared by all requests. Created once and never destroyed: detached threads use it until
 // the process ends.
 struct Service {
   Service(std::uint64_t max_buffer, Device device) : streams{max_buffer, {}}, watchdog(device) {}

@@ -30,7 +30,7 @@ void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& st
           time_t started) {
   time_t last_sent = started;
   for (;;) {
-    // In this order: once the flag is seen, the fill count can only fall.
+    // Check the flag first: once it is set, the fill count can only decrease.
     if (playlist.should_finish() && buffer.fill() == 0) return;
     const std::span<const unsigned char> readable = buffer.peek();
     stats.set_buffered(buffer.fill());
@@ -51,7 +51,7 @@ void pump(int fd, CBuff& buffer, const MasterPlaylist& playlist, StreamStats& st
   }
 }
 
-// Everything the stream needs is freed when this returns.
+// Runs one stream. Ends its threads and frees its memory before it returns.
 void stream(int fd, const std::string& url, std::int32_t start_from, Streams& streams) {
   const time_t started = seconds_now();
   send_head(fd, 200, "Streaming...", kStreamType);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr auto kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 
-// Nothing, and a log line, if an HTTP/1.1 response does not state the length.
+// The length of the body. Nothing, and a log line, if an HTTP/1.1 response does not state it.
 std::optional<std::uint64_t> body_length(const Response& response) {
   if (!response.http11()) return kToTheEnd;
   const std::optional<std::uint64_t> length = response.content_length();
@@ -25,7 +25,7 @@ std::optional<std::uint64_t> body_length(const Response& response) {
 }
 
 bool stopped(Connection& connection, const std::atomic<bool>& stop_flag) {
-  // Relaxed: the flag publishes nothing else, and noticing it one read later is soon enough.
+  // Relaxed: the flag publishes no other data, and may be noticed one read later.
   if (!stop_flag.load(std::memory_order_relaxed)) return false;
   log_out("forced stream break. should finish");
   connection.close_if_open();
@@ -47,7 +47,7 @@ Outcome read_segment_to_end(Connection& connection, const Response& response, Se
   return Outcome::kDone;
 }
 
-// Reads the body up to its length. Every failure but that of a receive counts as the end.
+// Reads the body up to its length. Every failure except a failed receive counts as the end.
 Outcome read_segment(Connection& connection, const Response& response, SegmentSink& sink,
                      const std::atomic<bool>& stop_flag, std::uint64_t& received) {
   const std::optional<std::uint64_t> length = body_length(response);
@@ -65,8 +65,8 @@ Outcome read_segment(Connection& connection, const Response& response, SegmentSi
   return Outcome::kDone;
 }
 
-// False, and nothing is appended, if the document would become too large. Up to a quarter
-// of the limit the string doubles its capacity each time; beyond, that would take too much.
+// Appends nothing and returns false if the document would become too large. Up to a quarter of
+// the limit the string grows by doubling; beyond, doubling would take too much memory.
 bool append(std::string& document, std::string_view piece) {
   const size_t size = document.size() + piece.size();
   if (size > limits::kMaxDocument) return false;

@@ -40,7 +40,7 @@ std::string dotted(in_addr address) {
 }
 
 // Re-entrant gethostbyname(). False if the name has no entry. If the entry has no address,
-// `found` is unchanged and `any` false.
+// `found` is unchanged and `any` is false.
 bool look_up(const std::string& name, in_addr& found, bool& any) {
   std::string space(1024, '\0');
   hostent entry{};
@@ -104,7 +104,7 @@ bool Connection::connect_to(const std::string& host, int port) {
   return true;
 }
 
-// A dotted address does not go to the resolver.
+// Dotted addresses are parsed without the resolver.
 bool Connection::resolve(const std::string& name) {
   const in_addr_t address = inet_addr(name.c_str());
   if (address != INADDR_NONE) {
@@ -140,7 +140,7 @@ bool Connection::wait_for_sending() const {
 }
 
 bool Connection::send(std::string_view bytes) const {
-  // Does not block: a server that never reads must not hold the thread.
+  // Must not block: a server that never reads must not hold the thread.
   return ::send(sock_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) >= 0;
 }
 
@@ -165,7 +165,7 @@ std::optional<std::string> Connection::recv_string(size_t most, std::chrono::sec
   return std::string(piece.get(), static_cast<size_t>(count));
 }
 
-// Tries without waiting first: at full speed the bytes have usually arrived.
+// Tries to receive before waiting: at full speed data has usually arrived.
 std::optional<size_t> Connection::recv_into(std::span<unsigned char> destination) {
   ssize_t count = recv(sock_.get(), destination.data(), destination.size(), MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) {

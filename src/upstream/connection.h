@@ -25,7 +25,7 @@ namespace weir {
 //            The other operations leave the connection open.
 class Connection {
  public:
-  // Takes over a connected socket, or starts without one.
+  // Takes ownership of a connected socket, or starts without one.
   explicit Connection(Fd sock = Fd()) : sock_(std::move(sock)) {}
   ~Connection();
   Connection(const Connection&) = delete;
@@ -35,8 +35,8 @@ class Connection {
   // one, because readers of the log expect it.
   void set_url_host(const std::string& host) { url_host_ = host; }
 
-  // May return true although the server refuses the connection, or has closed a reused one:
-  // then the first send or receive fails.
+  // May return true although the server refuses the connection or has closed a reused one; the
+  // first send or receive then fails.
   [[nodiscard]] bool connect_to(const std::string& host, int port);
 
   // False if the server accepts no bytes within 2 s.
@@ -66,7 +66,7 @@ class Connection {
   sockaddr_in addr_{};
   std::string url_host_;
 
-  // Of the last successful connect; kept when the connection is closed.
+  // Host and port of the last successful connect; kept when the connection is closed.
   std::string connected_host_;
   int connected_port_ = -1;
 };

@@ -11,12 +11,12 @@ namespace weir {
 
 // Decrypts one media segment: AES-128-CBC (RFC 8216, section 4.3.2.4), PKCS#7 padding.
 // Deliberate: the initialisation vector is always zero, because streams for weir are
-// encrypted with that.
+// encrypted that way.
 //
 // Threads: one at a time.
 class Decryptor {
  public:
-  // Bytes. An update writes at most this many more than its input, finish() at most this many.
+  // Bytes: an update writes at most kSlack more than its input, finish() at most kSlack.
   static constexpr size_t kSlack = 32;
 
   // Uses the first 16 bytes of the key; a shorter key is padded with zeros. False, with a line

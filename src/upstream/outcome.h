@@ -2,7 +2,7 @@
 
 namespace weir {
 
-// The outcome of a step of a download, and what follows from it.
+// The outcome of a step of a download, and the next step.
 enum class Outcome {
   kDone,      // the step succeeded
   kNoAnswer,  // no connection, or no usable status line: make the next attempt

@@ -11,15 +11,15 @@ namespace weir {
 
 class Connection;
 
-// A response while it is read (RFC 9112): status line, header fields, start of the body. Bytes
+// A response being read (RFC 9112): status line, header fields, start of the body. Bytes
 // received but not yet parsed are in `rest`.
 //
 // Threads: one at a time.
-// Failure: a header block of more than 256 KiB counts as a receive that failed.
+// Failure: a header block of more than 256 KiB counts as a failed receive.
 class Response {
  public:
-  // Makes one read; a status line that is incomplete then counts as none. Done if the status
-  // is 2xx.
+  // Makes one read; a status line incomplete after it counts as missing. Done if the status is
+  // 2xx.
   [[nodiscard]] Outcome read_status(Connection& connection);
 
   // Reads up to the blank line after the header fields. False if a receive failed. Deliberate:

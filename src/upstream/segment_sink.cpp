@@ -19,8 +19,8 @@ std::span<const unsigned char> as_bytes(std::string_view text) {
   return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-// Storage of at least `wanted` bytes, in a new block if the tail has less room. Smaller only
-// if memory has run out.
+// Storage of at least `wanted` bytes, in a new block if the tail block has less room. Smaller
+// only if memory has run out.
 std::span<unsigned char> reserve_at_least(CBuff& buffer, size_t wanted) {
   const std::span<unsigned char> storage = buffer.reserve();
   return storage.size() >= wanted ? storage : buffer.sealAndReserve();

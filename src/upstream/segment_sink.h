@@ -15,9 +15,9 @@ class Decryptor;
 // Stores the body of a media segment in a stream's buffer, decrypted if the decryptor is
 // active.
 //
-// Threads:   the buffer's producer.
-// Ownership: the buffer and the decryptor stay the caller's.
-// Failure:   lack of memory is reported by the buffer; nothing more may be stored then.
+// Threads:   only the buffer's producer.
+// Ownership: the caller owns the buffer and the decryptor.
+// Failure:   the buffer reports lack of memory; nothing more may be stored after that.
 class SegmentSink {
  public:
   SegmentSink(CBuff& buffer, Decryptor& decryptor) : buffer_(buffer), decryptor_(decryptor) {}

@@ -24,7 +24,7 @@ class ServerChoice {
 
   [[nodiscard]] bool from_cache_map() const { return map_ != nullptr; }
 
-  // Host and port to connect to and path to request, of the last URL that could be parsed.
+  // Host and port to connect to and path to request, from the last valid URL.
   [[nodiscard]] const std::string& host() const { return url_.host; }
   [[nodiscard]] int port() const { return url_.port; }
   [[nodiscard]] const std::string& path() const { return url_.path; }
@@ -33,8 +33,8 @@ class ServerChoice {
   [[nodiscard]] bool substitute(CacheMap& map, const char* failure);
 
   Url url_;
-  CacheMap* map_ = nullptr;   // of cache_server_; null for a named host
-  std::string cache_server_;  // as in the map
+  CacheMap* map_ = nullptr;   // the map that contains cache_server_; null for a named host
+  std::string cache_server_;  // its address as written in the map
 };
 
 }  // namespace weir

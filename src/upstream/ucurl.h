@@ -39,8 +39,8 @@ class UCurl {
                                     const std::atomic<bool>& stop_flag, std::uint64_t position);
 
  private:
-  // Gets a response up to the end of its header block. False after the last try, and when a
-  // receive failed.
+  // Reads a response up to the end of its header block. False after the last try or a failed
+  // receive.
   [[nodiscard]] bool get_head(const std::string& url, Response& response, bool keep_alive,
                               std::uint64_t position, std::string_view name);
   [[nodiscard]] Outcome get_common(const std::string& url, Response& response, bool keep_alive,
@@ -55,7 +55,7 @@ class UCurl {
   ServerChoice server_;
   Connection connection_;
 
-  // Active between downloads only if a receive failed: for the download that resumes.
+  // Stays active after a download only if a receive failed, for the download that resumes it.
   Decryptor cipher_;
 };
 

@@ -4,7 +4,7 @@
 
 namespace weir {
 
-// The operating system, as far as the watchdog uses it.
+// The system calls of the watchdog, replaceable by tests.
 struct Device {
   timespec (*now)();        // CLOCK_MONOTONIC
   bool (*marker_exists)();  // the file that announces a shutdown

@@ -12,8 +12,8 @@ namespace weir {
 //
 // Threads: check() by the server loop only; ping() by any.
 // Failure: a stalled error stream delays the restart by 100 ms, and the line is dropped. If the
-//          restart is not permitted, check() continues: the marker triggers again with every
-//          call, the time-out after the next ping.
+//          restart is not permitted, check() continues: the marker triggers again at every
+//          call, the time-out only after the next ping.
 class Watchdog {
  public:
   explicit Watchdog(Device device);
@@ -36,8 +36,8 @@ class Watchdog {
   std::atomic<bool> armed_{false};
   std::atomic<time_t> last_ping_{0};
 
-  // Server loop only. Deliberate: marker_seen_ is never reset, so that a device that renews the
-  // marker instead of shutting down is restarted.
+  // Used by the server loop only. Deliberate: marker_seen_ is never reset, so that a device that
+  // renews the marker instead of shutting down is restarted.
   bool marker_seen_ = false;
   time_t marker_seen_at_ = 0;
 };
