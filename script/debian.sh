@@ -7,16 +7,15 @@
 
 readonly releases=(bookworm trixie)
 readonly cache=${XDG_CACHE_HOME:-$HOME/.cache}/weir-debian
-readonly selection=('trixie asked test' 'bookworm root demo' 'trixie root image' 'bookworm free package')
+readonly selection=('trixie asked demo test' 'bookworm root demo test' 'trixie root image' 'bookworm free package')
 readonly week=$((7 * 24 * 60)) limit=1800 # minutes, seconds
-readonly no_reboot=(setpriv --bounding-set -sys_boot --inh-caps -sys_boot)
 readonly isolation=(unshare --mount --pid --ipc --fork --kill-child)
 
 # isolated FUNCTION [ARGUMENT...]: runs a function of this file in namespaces, so that its
 # mounts and processes end with it.
 isolated() {
   [ "$(id -u)" -eq 0 ] || die "This needs root, for namespaces and mounts."
-  "${no_reboot[@]}" "${isolation[@]}" --mount-proc bash -c '. script/debian.sh; "$@"' bash "$@"
+  script/without-reboot "${isolation[@]}" --mount-proc bash -c '. script/debian.sh; "$@"' bash "$@"
 }
 
 # make_systems RELEASE...: archives of minimal systems, in the cache. Without updates: those
@@ -74,51 +73,49 @@ enter() {
     chroot . /srv/weir/script/without-reboot bash -c '. /srv/weir/script/debian.sh; "$@"; exit' bash "${@:2}"
 }
 
-# bare [--all | RELEASE USER COMMAND]: each of the README's commands as the first command in a
-# new system, by root, by a user ("free") whose sudo needs no password and by one ("asked")
-# whose sudo asks for it. --all tries every combination.
+# bare [--all | RELEASE USER COMMAND...]: the README's commands in new systems, by root, by a user
+# ("free") whose sudo needs no password and by one ("asked") whose sudo asks for it. In a system
+# for several commands, each needs all packages of those before. --all tries every combination.
 bare() {
-  local plan=("${selection[@]}") trial failed=0
+  local plan=("${selection[@]}")
   case ${1:-} in
     '') ;;
-    --all) mapfile -t plan < <(printf '%s\n' {bookworm,trixie}\ {root,free,asked}\ {demo,test,package,image}) ;;
+    --all) mapfile -t plan < <(printf '%s\n' {bookworm,trixie}\ {root,free,asked}\ {demo\ test,package,image}) ;;
     *) plan=("$*") ;;
   esac
   make_systems "${releases[@]}"
-  mkdir -p build/bare
-  for trial in "${plan[@]}"; do
-    while (($(jobs -pr | wc -l) >= $(nproc))); do wait -n || failed=1; done
-    # shellcheck disable=SC2086 # three words
-    isolated try $trial &
-  done
-  while [ -n "$(jobs -p)" ]; do wait -n || failed=1; done
-  return $failed
+  printf '%s\n' "${plan[@]}" |
+    xargs -P "$(nproc)" -L 1 bash -c '. script/debian.sh; isolated try "$@"' bash
 }
 
-# try RELEASE USER COMMAND: its output is shown if it fails.
+# try RELEASE USER COMMAND...: shows the output if one fails.
 try() {
-  local name=$1-$2-$3 root=build/bare/$1-$2-$3 began=$SECONDS verdict=passed
+  local trial="$*" verdict=passed
+  local root=build/bare/${trial// /-}
   # An ordinary user's mmdebstrap downloads by itself; it starts no server.
   [ "$3" != image ] || network=()
   unpack_system "$1" "$root"
-  in_system "$root" first_command "${@:2}" </dev/null >"build/bare/$name.log" 2>&1 || verdict=FAILED
-  [ $verdict = passed ] || tail -n 100 "build/bare/$name.log"
-  echo "$1, $2: $3 $verdict after $((SECONDS - began)) s"
+  in_system "$root" first_commands "${@:2}" >"$root.log" 2>&1 || verdict=FAILED
+  [ $verdict = passed ] || tail -n 100 "$root.log"
+  echo "$trial: $verdict after $SECONDS s"
   [ $verdict = passed ]
 }
 
-# first_command USER COMMAND: in the system.
-first_command() {
-  local user=$1 line="cd /srv/weir && script/$2"
-  [ "$2" != image ] || line="cd /srv/weir && kit/image/build"
+# first_commands USER COMMAND...: in the system.
+first_commands() {
+  local user=$1 command line
   if [ "$user" != root ]; then
     useradd --create-home --shell /bin/bash "$user"
     [ "$user" = asked ] || echo "$user ALL=(ALL) NOPASSWD: ALL" >"/etc/sudoers.d/$user"
     chown -R "$user" .
   fi
-  [ "$user" != asked ] || obey_refusal "$line"
-  su -l "$user" -c "$line"
-  [ "$2" != package ] || install_and_purge
+  for command in "${@:2}"; do
+    line="cd /srv/weir && script/$command"
+    [ "$command" != image ] || line="cd /srv/weir && kit/image/build"
+    [ "$user" != asked ] || obey_refusal "$line"
+    su -l "$user" -c "$line"
+    [ "$command" != package ] || install_and_purge
+  done
 }
 
 # obey_refusal COMMAND: without a terminal the user gets one list of all packages to install.
@@ -126,11 +123,9 @@ obey_refusal() {
   local said packages
   ! said=$(su -l asked -c "$1" 2>&1) || die "not refused"
   echo "$said"
-  packages=$(sed -n 's/^Please install first: sudo apt-get install //p' <<<"$said")
-  [ -n "$packages" ] || die "not told what to install"
-  apt-get update -qq
-  # shellcheck disable=SC2086 # a list
-  DEBIAN_FRONTEND=noninteractive apt-get install -qq --no-install-recommends $packages
+  read -ra packages < <(sed -n 's/^Please install first: sudo apt-get install //p' <<<"$said")
+  [ ${#packages[@]} -gt 0 ] || die "not told what to install"
+  apt_get install "${packages[@]}"
 }
 
 # install_and_purge: the package streams once installed, and leaves nothing when purged.

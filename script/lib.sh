@@ -10,9 +10,8 @@ PATH+=:/usr/sbin:/sbin # nginx and others are there; an ordinary user's PATH lac
 # shellcheck disable=SC2034
 {
   build_needs=(g++ cmake ninja-build libssl-dev)
-  test_needs=("${build_needs[@]}" libgtest-dev binutils curl ffmpeg iproute2 libnginx-mod-http-js
-    mount mtail nginx openssl python3)
   demo_needs=("${build_needs[@]}" ffmpeg iproute2 nginx openssl python3)
+  test_needs=("${demo_needs[@]}" libgtest-dev binutils curl libnginx-mod-http-js mount mtail)
   bench_needs=("${demo_needs[@]}" libbenchmark-dev)
   fleet_needs=("${build_needs[@]}" curl etcd-client etcd-server haproxy iproute2 mount nftables
     nginx openssl python3 socat)
