@@ -12,8 +12,8 @@ from asyncio import StreamReader, StreamWriter
 from collections import Counter, defaultdict
 from typing import NamedTuple
 
-from weirlab.live import segment_name
-from weirlab.players import Short
+from live import segment_name
+from players import Short
 
 # Seconds, longer than weir waits in a body (2) and before a head (6), with a margin for weir's
 # low priority on a busy machine.

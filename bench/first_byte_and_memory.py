@@ -5,21 +5,22 @@ compared with weir's fixed waits; and the peak RSS with a player much slower tha
 with the size of the buffer, one segment and two blocks, and the RSS after the player has left.
 """
 
-import argparse
-import statistics
 import time
-from pathlib import Path
+from statistics import median
 
-import tables
+import common
 from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, wait_until
 from weirlab.network import own_network
 from weirlab.origin import Origin
-from weirlab.video import make_noise
 
 ORIGIN, LATE = 9000, 9001
 MIB = 1 << 20
 BLOCK = 512 << 10
+BINARY = TOP / "build/bench/weir"
+BUFFER = 32 * MIB  # weir's argument
+ROUNDS = 15  # of each first byte
+PACE, SECONDS = 1_000_000, 20  # bytes/s of the slow player, and how long it plays
 
 
 def first_byte(kind: str) -> float:
@@ -40,57 +41,49 @@ def fixed_waits(delay: float, answers: int) -> float:
     return delay + look
 
 
-def first_bytes(lab: Lab, options: argparse.Namespace) -> None:
+def first_bytes(lab: Lab) -> None:
     def read(path: str) -> bytes:
         return (lab.www / path[1:]).read_bytes().replace(b":%d/" % ORIGIN, b":%d/" % LATE)
 
-    origin, weir = Origin(LATE, read), lab.weir(options.binary, options.buffer)
-    tables.print_head("media", "answers after, ms", "first byte, ms", "fixed waits, ms", "ratio")
+    origin, weir = Origin(LATE, read), lab.weir(BINARY, BUFFER)
+    common.print_head("media", "answers after, ms", "first byte, ms", "fixed waits, ms", "ratio")
     for kind, answers in (("clear", 2), ("aes", 3)):  # playlist, key, segment
-        for delay in map(int, options.delays.split(",")):
+        for delay in (0, 20, 60, 120):  # ms
             origin.delay = delay / 1000
-            times = [first_byte(kind) for _ in range(options.rounds)]
+            times = [first_byte(kind) for _ in range(ROUNDS)]
             fixed = fixed_waits(delay, answers)
-            tables.print_row(kind, delay, tables.spread(times, 1), fixed,
-                             f"{statistics.median(times) / fixed:.2f}")
+            common.print_row(kind, delay, common.spread(times, 1), fixed,
+                             f"{median(times) / fixed:.2f}")
     lab.end(weir)
 
 
-def slow_player(lab: Lab, options: argparse.Namespace, kind: str, segment: int) -> None:
-    bound = (options.buffer + segment + 2 * BLOCK) / MIB
-    weir = lab.weir(options.binary, options.buffer)
+def slow_player(lab: Lab, kind: str, segment: int) -> None:
+    bound = (BUFFER + segment + 2 * BLOCK) / MIB
+    weir = lab.weir(BINARY, BUFFER)
     idle = procfs.sample(weir.pid)["rss"]
     with client.connect(client.stream_path(f"http://127.0.0.1:{ORIGIN}/{kind}/master.m3u8")) as player:
-        end = time.monotonic() + options.seconds
+        end = time.monotonic() + SECONDS
         while time.monotonic() < end:
-            player.recv(options.pace // 20)
+            player.recv(PACE // 20)
             time.sleep(0.05)
-    peak = procfs.peak(weir.pid)
+    peak = common.peak(weir.pid)
     wait_until("the stream to end", lambda: procfs.threads(weir.pid) == 1, 90)
     sizes = (idle, peak, peak - idle, bound, procfs.sample(weir.pid)["rss"])
-    tables.print_row(kind, *(f"{size:.1f}" for size in sizes))
+    common.print_row(kind, *(f"{size:.1f}" for size in sizes))
     lab.end(weir)
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--binary", type=Path, default=TOP / "build/bench/weir")
-    parser.add_argument("--rounds", type=int, default=15, help="of each first byte")
-    parser.add_argument("--delays", default="0,20,60,120", help="ms")
-    parser.add_argument("--buffer", type=int, default=32 * MIB, help="bytes, weir's argument")
-    parser.add_argument("--pace", type=int, default=1_000_000, help="bytes/s of the slow player")
-    parser.add_argument("--seconds", type=float, default=20, help="with the slow player")
-    options = parser.parse_args()
     own_network()
     with Lab("/dev/shm") as lab:
-        sizes = make_noise(lab, f"http://127.0.0.1:{ORIGIN}", segments=30)
-        first_bytes(lab, options)
+        sizes = common.make_noise(lab, f"http://127.0.0.1:{ORIGIN}", segments=30)
+        first_bytes(lab)
         lab.origin(ORIGIN)
         print()
-        tables.print_head("media", "idle RSS, MiB", "highest RSS", "above idle",
+        common.print_head("media", "idle RSS, MiB", "highest RSS", "above idle",
                           "buffer, segment, two blocks", "after the stream")
         for kind in ("clear", "aes"):
-            slow_player(lab, options, kind, max(sizes))
+            slow_player(lab, kind, max(sizes))
 
 
 if __name__ == "__main__":

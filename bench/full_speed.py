@@ -6,7 +6,6 @@ Prints a Markdown table of medians, spreads and ratios to the relay of the same 
 """
 
 import argparse
-import functools
 import os
 import socket
 import subprocess
@@ -14,12 +13,10 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
-from programs import PEERS
-import tables
+import common
 from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process
 from weirlab.network import own_network
-from weirlab.video import make_noise
 
 ORIGIN, RELAY = 8090, 8091
 BASE = f"http://127.0.0.1:{ORIGIN}"
@@ -53,14 +50,14 @@ def finish(process: Process) -> tuple[float, float]:
 class Bench:
     def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
         self.lab, self.options = lab, options
-        sizes = make_noise(lab, BASE, options.segments)
+        sizes = common.make_noise(lab, BASE, options.segments)
         self.segments, self.size = len(sizes), sum(sizes)
         lab.origin(ORIGIN)
 
     def relay(self, kind: str) -> Run:
         process = self.lab.start([self.options.build / "bench/relay", RELAY, ORIGIN, f"/{kind}/",
                                   self.segments, *([self.lab.www / "key"] if kind == "aes" else [])])
-        total, seconds = play(client.connect_soon("/", RELAY))
+        total, seconds = play(common.connect_soon(RELAY))
         assert total == self.size, f"relay: {total} of {self.size} bytes"
         return Run(total / seconds, *finish(process))
 
@@ -69,7 +66,7 @@ class Bench:
         before = procfs.cpu(process.pid)
         total, seconds = play(client.connect(client.stream_path(f"{BASE}/{kind}/master.m3u8")))
         assert total - self.size in range(1, 1000), f"weir: {total} of {self.size} bytes"
-        result = Run(self.size / seconds, procfs.cpu(process.pid) - before, procfs.peak(process.pid))
+        result = Run(self.size / seconds, procfs.cpu(process.pid) - before, common.peak(process.pid))
         self.lab.end(process)
         return result
 
@@ -82,16 +79,14 @@ class Bench:
         return Run(self.size / (time.monotonic() - start), cpu, peak)
 
     def report(self, kind: str) -> None:
-        every = {"relay": self.relay, "weir": self.weir}
-        every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
-        results = tables.in_turn({name: functools.partial(every[name], kind)
-                                  for name in self.options.programs.split(",")}, self.options.rounds)
+        results = common.alternate({"relay": self.relay, "weir": self.weir}, self.peer,
+                                   self.options.programs, self.options.rounds, kind)
         floor = next(iter(results.values()))
         for name, rows in results.items():
             speeds, floor_speeds = [[run.speed / 1e6 for run in runs] for runs in (rows, floor)]
             cpus, floor_cpus = [[run.cpu / self.size * 1e9 for run in runs] for runs in (rows, floor)]
-            tables.print_row(kind, name, tables.spread(speeds, 0), tables.ratio(speeds, floor_speeds),
-                             tables.spread(cpus, 2), tables.ratio(cpus, floor_cpus),
+            common.print_row(kind, name, common.spread(speeds, 0), common.ratio(speeds, floor_speeds),
+                             common.spread(cpus, 2), common.ratio(cpus, floor_cpus),
                              f"{max(run.peak for run in rows):.0f}")
 
 
@@ -100,13 +95,13 @@ def main() -> None:
     parser.add_argument("--build", type=Path, default=TOP / "build/bench")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--segments", type=int, default=156, help="of five seconds and 5 MB")
-    parser.add_argument("--programs", default=",".join(["relay", "weir", *PEERS]))
+    parser.add_argument("--programs", default=",".join(["relay", "weir", *common.PEERS]))
     parser.add_argument("--buffer", type=int, default=2_000_000_000, help="bytes, of weir")
     options = parser.parse_args()
     own_network()
     with Lab() as lab:
         bench = Bench(lab, options)
-        tables.print_head("media", "program", "MB/s", "ratio", "CPU s/GB", "ratio", "peak RSS MiB")
+        common.print_head("media", "program", "MB/s", "ratio", "CPU s/GB", "ratio", "peak RSS MiB")
         for kind in ("clear", "aes"):
             bench.report(kind)
 

@@ -9,7 +9,6 @@ the cost per stream, the response times of the statistics and what was left afte
 """
 
 import argparse
-import functools
 import os
 import selectors
 import socket
@@ -21,18 +20,18 @@ from collections.abc import Callable
 from itertools import accumulate
 from pathlib import Path
 
-from programs import PEERS
-import tables
+import common
+from poller import Poller
 from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process, wait_until
 from weirlab.network import own_network
-from poller import Poller
-from weirlab.video import make_noise, media_playlist, replace, segments_in
+from weirlab.video import media_playlist, replace, segments_in
 
 SECONDS = 2  # a segment
 WINDOW = 10  # segments
 ORIGIN, RELAYS = 9000, 9100  # the relays' first port; all below those of connections
 BASE = f"http://127.0.0.1:{ORIGIN}"
+BUFFER = 32 << 20  # bytes, weir's argument
 OPEN_RATE = 100  # streams a second
 RETURN_LIMIT = 90  # seconds
 TELLING = 20 * 188  # bytes at the beginning of a segment that no other segment has
@@ -141,13 +140,13 @@ class Players(threading.Thread):
 class Bench:
     def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
         self.lab, self.options = lab, options
-        opening = max(options.streams) / OPEN_RATE
-        self.segments = len(make_noise(
+        self.counts = [int(count) for count in options.streams.split(",")]
+        opening = max(self.counts) / OPEN_RATE
+        self.segments = len(common.make_noise(
             lab, BASE, WINDOW + int(opening + options.seconds) // SECONDS + 18, SECONDS,
             int(options.mbit * 1e6)))
         self.video = Video(lab)
         self.weirs: list[dict[str, object]] = []
-        self.costs: list[Figures] = []
         self.sound = True
         lab.origin(ORIGIN)
 
@@ -159,11 +158,11 @@ class Bench:
             add(number)
             time.sleep(max(1 / OPEN_RATE, 2 * SECONDS / count))
         time.sleep(2 * SECONDS)
-        began, before = time.monotonic(), total(cpu, processes)
+        before, began = total_cpu(processes), time.monotonic()
         time.sleep(self.options.seconds)
-        seconds = time.monotonic() - began
-        result = {name: 100 * (value - before[name]) / seconds
-                  for name, value in total(cpu, processes).items()} | total(procfs.sample, processes)
+        result = {"cpu": 100 * (total_cpu(processes) - before) / (time.monotonic() - began)}
+        samples = [procfs.sample(process.pid) for process in processes]
+        result |= {name: sum(sample[name] for sample in samples) for name in samples[0]}
         assert channel.is_alive(), "the video is too short"
         channel.done.set()
         channel.join()
@@ -184,7 +183,7 @@ class Bench:
 
     def weir(self, kind: str, count: int) -> Figures:
         poller = Poller(0.2)
-        process = self.lab.weir(self.options.build / "weir", self.options.buffer)
+        process = self.lab.weir(self.options.build / "weir", BUFFER)
         idle = procfs.sample(process.pid)
         silent = [socket.create_connection(("127.0.0.1", client.WEIR))
                   for _ in range(self.options.silent)]
@@ -193,7 +192,7 @@ class Bench:
         poller.start()
         path = client.stream_path(f"{BASE}/{kind}/master.m3u8", -3)
         cost = self.measure_played(kind, count, lambda _: client.connect(path), [process])
-        cost["stream seconds"] = (time.monotonic() - began) * count
+        stream_seconds = (time.monotonic() - began) * count
         polls = poller.stop()
         for connection in silent:
             connection.close()
@@ -202,28 +201,25 @@ class Bench:
         self.sound &= polls["failures"] == 0 and after["descriptors"] == idle["descriptors"]
         process.terminate()
         _, process.returncode, usage = os.wait4(process.pid, 0)
-        answers = [f"{1000 * polls[name]:.1f}" for name in ("median", "99 %", "longest")]
-        self.costs.append(cost)
         self.weirs.append({
             "streams": count, "media": kind, "Mbit/s": f"{cost['mbit']:.0f}", "MB": f"{cost['mb']:,.0f}",
-            "CPU %, system": f"{cost['cpu']:.1f}, {cost['system']:.1f}",
+            "CPU %": f"{cost['cpu']:.1f}",
             "PSS a stream, MiB": f"{(cost['pss'] - quiet['pss']) / count:.2f}",
             "threads, descriptors": f"{cost['threads']:.0f}, {cost['descriptors']:.0f}",
-            "switches/s a stream":
-                f"{(usage.ru_nvcsw + usage.ru_nivcsw) / cost['stream seconds']:.0f}",
-            "answers: median, 99 %, longest, ms": ", ".join(answers),
+            "switches/s a stream": f"{(usage.ru_nvcsw + usage.ru_nivcsw) / stream_seconds:.0f}",
+            "longest answer, ms": f"{1000 * polls['longest']:.1f}",
             "failed of": f"{polls['failures']} of {polls['polls']}",
             "PSS before, after": f"{idle['pss']:.1f}, {after['pss']:.1f}"})
         return cost
 
     def relay(self, kind: str, count: int) -> Figures:
-        processes: list[Process] = []
+        processes = list[Process]()
         key = self.lab.www / "key" if kind == "aes" else ""
 
         def connect(number: int) -> socket.socket:
             processes.append(self.lab.start([self.options.build / "bench/relay", RELAYS + number,
                                              ORIGIN, f"/{kind}/", 1000, key, SECONDS]))
-            return client.connect_soon("/", RELAYS + number)
+            return common.connect_soon(RELAYS + number)
 
         result = self.measure_played(kind, count, connect, processes)
         self.end(processes)
@@ -244,61 +240,45 @@ class Bench:
             self.lab.end(process)
 
     def report(self, kind: str, count: int) -> None:
-        every = {"relay": self.relay, "weir": self.weir}
-        every |= {name: functools.partial(self.peer, PEERS[name]) for name in PEERS}
-        results = tables.in_turn({name: functools.partial(every[name], kind, count)
-                                  for name in self.options.programs}, self.options.rounds)
+        results = common.alternate({"relay": self.relay, "weir": self.weir}, self.peer,
+                                   self.options.programs, self.options.rounds, kind, count)
         floor = [run["cpu"] for run in next(iter(results.values()))]
         for name, rows in results.items():
             cpus = [run["cpu"] for run in rows]
-            tables.print_row(kind, f"{count} x {name}", tables.spread(cpus, 1),
-                             tables.ratio(cpus, floor), f"{max(run['pss'] for run in rows):.0f}")
+            common.print_row(kind, f"{count} x {name}", common.spread(cpus, 1),
+                             common.ratio(cpus, floor), f"{max(run['pss'] for run in rows):.0f}")
 
 
-def cpu(pid: int) -> Figures:
+def total_cpu(processes: list[Process]) -> float:
     """Seconds."""
-    return {"cpu": procfs.cpu(pid), "system": procfs.user_and_system(pid)[1]}
-
-
-def total(figures_of: Callable[[int], Figures], processes: list[Process]) -> Figures:
-    each = [figures_of(process.pid) for process in processes]
-    return {name: sum(figures[name] for figures in each) for name in each[0]}
-
-
-def words(text: str) -> list[str]:
-    return text.split(",")
-
-
-def numbers(text: str) -> list[int]:
-    return [int(word) for word in words(text)]
+    return sum(procfs.cpu(process.pid) for process in processes)
 
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", type=Path, default=TOP / "build/bench")
-    parser.add_argument("--streams", type=numbers, default=[200], help="or several numbers: 10,50,100")
+    parser.add_argument("--streams", default="200", help="or several numbers: 10,50,100")
     parser.add_argument("--silent", type=int, default=0, help="connections that never send anything")
     parser.add_argument("--mbit", type=float, default=4, help="of each stream")
     parser.add_argument("--seconds", type=int, default=20, help="of measuring")
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--kinds", type=words, default=["clear", "aes"])
-    parser.add_argument("--buffer", type=int, default=32 << 20, help="bytes, weir's argument")
-    parser.add_argument("--programs", type=words, default=["relay", "weir", "ffmpeg"],
+    parser.add_argument("--kinds", default="clear,aes")
+    parser.add_argument("--programs", default="relay,weir,ffmpeg",
                         help="streamlink takes 50 MiB a stream")
     options = parser.parse_args()
     own_network()
     os.nice(19 - os.nice(0))  # as weir's threads, so that neither side starves the other
     with Lab("/dev/shm") as lab:
         bench = Bench(lab, options)
-        tables.print_head("media", "program", "CPU, % of a core", "ratio", "PSS, MiB")
-        for kind in options.kinds:
-            for count in options.streams:
+        common.print_head("media", "program", "CPU, % of a core", "ratio", "PSS, MiB")
+        for kind in options.kinds.split(","):
+            for count in bench.counts:
                 bench.report(kind, count)
         if bench.weirs:
             print()
-            tables.print_head(*bench.weirs[0])
+            common.print_head(*bench.weirs[0])
         for row in bench.weirs:
-            tables.print_row(*row.values())
+            common.print_row(*row.values())
     sys.exit(not bench.sound)
 
 

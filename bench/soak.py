@@ -9,9 +9,7 @@ import argparse
 import asyncio
 import json
 import random
-import re
 import signal
-import statistics
 import sys
 import time
 from collections import Counter
@@ -19,14 +17,14 @@ from collections.abc import Awaitable, Callable
 from pathlib import Path
 from typing import Any
 
-import tables
+import common
 from faults import FaultProxy, Journal
+from live import Channels, Content
+from players import Player, open_stream
 from poller import Poller
 from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, Process
-from weirlab.live import Channels, Content
 from weirlab.network import own_network
-from weirlab.players import Player, open_stream
 
 ORIGIN, ORIGIN_FRONT, CACHE, CACHE_FRONT = 9000, 9001, 9011, 9021
 SECONDS = 2  # per segment
@@ -34,7 +32,9 @@ CLEAR, ENCRYPTED = 2, 2  # channels
 BUFFER = 4 << 20
 MAP_EVERY = (10, 40)
 SAMPLE_EVERY = 5
+OUT = TOP / "build/soak"
 PATIENCE = 120  # seconds without any progress
+PLAYLIST_FAULTS = 0.003  # chance of each request
 KEPT = 16  # MiB of PSS that the allocator may keep
 # kind: share in percent, and how many seconds they stay
 HABITS = {"viewer": (50, (15, 150)), "zapper": (25, (0.2, 6)), "slow": (15, (30, 120)),
@@ -113,7 +113,7 @@ class Soak:
     def __init__(self, lab: Lab, options: argparse.Namespace) -> None:
         self.lab, self.options = lab, options
         self.journal = Journal()
-        chances = (options.segment_faults, options.playlist_faults)
+        chances = (options.segment_faults, PLAYLIST_FAULTS)
         lab.origin(ORIGIN)
         self.origin = FaultProxy("origin", ORIGIN_FRONT, ORIGIN, self.journal, chances)
         self.fronts = [FaultProxy(f"cache{number}", CACHE_FRONT + number, CACHE + number, self.journal,
@@ -254,17 +254,8 @@ def failures(soak: Soak) -> list[str]:
     return [name for name, holds in found.items() if holds]
 
 
-def slope(rows: list[dict[str, float]], name: str) -> float:
-    """MiB an hour, by least squares."""
-    hours = [row["seconds"] / 3600 for row in rows]
-    return statistics.linear_regression(hours, [row[name] for row in rows]).slope if rows[2:] else 0
-
-
 def figures(soak: Soak) -> dict[str, object]:
-    """The results; weir's messages are counted by kind."""
     audience, samples = soak.audience, soak.samples
-    said = (re.sub(r"http\S+|\d+|HTTP/.*", "", line).strip()
-            for line in soak.lab.log.read_text(errors="replace").splitlines())
     return {
         "failures": failures(soak), "of the run itself": soak.broken,
         "minutes": round(samples[-1]["seconds"] / 60, 1) if samples else 0,
@@ -272,11 +263,9 @@ def figures(soak: Soak) -> dict[str, object]:
         "first wrong byte": audience.first_wrong, "unexplained": audience.unexplained,
         "faults and other events": soak.journal.counts(),
         "players": audience.served, "ends of streams": audience.ends,
-        **{f"{name}, MiB/h after the first quarter":
-           round(slope(samples[len(samples) // 4:], name), 2) for name in ("rss", "pss")},
         "before the first player": soak.base, "after the last player": soak.left,
         "most": {name: max((row[name] for row in samples), default=0) for name in soak.base},
-        "statistics": soak.polls, "weir's messages": dict(Counter(said).most_common(20))}
+        "statistics": soak.polls}
 
 
 def main() -> None:
@@ -285,23 +274,21 @@ def main() -> None:
     parser.add_argument("--players", type=int, default=20, help="at a time")
     parser.add_argument("--rates", default="750000,1500000,3000000", help="of the variants, bit/s")
     parser.add_argument("--sanitized", action="store_true", help="the binary has a sanitizer")
-    parser.add_argument("--out", type=Path, default=TOP / "build/soak", help="folder of the results")
     parser.add_argument("--binary", type=Path, default=TOP / "build/release/weir")
     parser.add_argument("--segment-faults", type=float, default=0.02, help="chance of each request")
-    parser.add_argument("--playlist-faults", type=float, default=0.003)
     parser.add_argument("--kill-every", type=float, default=120, help="seconds between dying caches")
     options = parser.parse_args()
-    options.out.mkdir(parents=True, exist_ok=True)
+    OUT.mkdir(parents=True, exist_ok=True)
     own_network()
     with Lab("/dev/shm") as lab:
         soak = Soak(lab, options)
         asyncio.run(soak.run())
         results = figures(soak)
-        (options.out / "soak.json").write_text(json.dumps(
+        (OUT / "soak.json").write_text(json.dumps(
             {"figures": results, "samples": soak.samples, "events": soak.journal.events}, indent=1))
-        (options.out / "weir.log").write_bytes(lab.log.read_bytes())
+        (OUT / "weir.log").write_bytes(lab.log.read_bytes())
         for name, value in results.items():
-            tables.print_row(name, json.dumps(value))
+            common.print_row(name, json.dumps(value))
     sys.exit(bool(results["failures"]))
 
 

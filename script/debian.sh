@@ -145,7 +145,7 @@ install_and_purge() {
 booted() {
   local name
   [ $# -gt 0 ] || set -- "${releases[@]}"
-  need systemd-container procps
+  need systemd-container
   for name in "$@"; do
     script/release "$name" "$(dpkg --print-architecture)"
     isolated try_booted "$name"
@@ -153,36 +153,30 @@ booted() {
 }
 
 try_booted() {
-  local root=build/booted/$1 log=build/booted/$1.log package init='' turn
+  local root=build/booted/$1 log=build/booted/$1.log
   unpack_system "$1" "$root"
-  package=$(echo build/packages/weir_*~deb"$(. "$root/etc/os-release" && echo "$VERSION_ID")_$(dpkg --print-architecture).deb")
-  cp "$package" "$root/root"
-  in_system "$root" prepare_boot >"$log" 2>&1 || { tail "$log"; die "$1: nothing to boot"; }
+  cp build/packages/weir_*~deb"$(. "$root/etc/os-release" && echo "$VERSION_ID")_$(dpkg --print-architecture).deb" "$root/root"
   # On a host with control groups v1 the container still gets v2, like every Debian.
-  SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 systemd-nspawn --quiet --boot --private-network --register=no --keep-unit \
-    --drop-capability=CAP_SYS_BOOT --console=pipe --directory="$root" </dev/null >>"$log" 2>&1 &
-  for turn in $(seq 100); do
-    init=$(pgrep --parent $!) && [ "$(readlink "/proc/$init/ns/mnt")" != "$(readlink /proc/self/ns/mnt)" ] &&
-      inside "$init" systemctl is-system-running --wait >>"$log" 2>&1 && break
-    [ "$turn" -lt 100 ] || { tail "$log"; die "$1: systemd does not run"; }
-    sleep 0.2
-  done
-  inside "$init" /srv/weir/debian/tests/booted "/root/$(basename "$package")" >>"$log" 2>&1 || { tail -n 100 "$log"; die "$1: failed"; }
-  echo "$1: passed"
+  if in_system "$root" prepare_boot >"$log" 2>&1 &&
+    SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 systemd-nspawn --quiet --boot --private-network --register=no --keep-unit \
+      --drop-capability=CAP_SYS_BOOT --console=pipe --directory="$root" </dev/null >>"$log" 2>&1; then
+    echo "$1: passed"
+  else
+    tail -n 100 "$log"
+    die "$1: failed"
+  fi
 }
 
-# prepare_boot: installs what the container needs, since it has no network.
+# prepare_boot: installs what the container needs, since it has no network, and the service whose
+# exit status becomes the container's.
 prepare_boot() {
-  local depends
+  local depends unit=/etc/systemd/system/booted.service
   depends=$(dpkg-deb -f /root/weir_*.deb Depends | sed 's/ ([^)]*)//g; s/,//g')
   # shellcheck disable=SC2086 # a list
   need systemd-sysv dbus curl openssl procps python3 mtail $depends
-}
-
-# inside INIT COMMAND...: in the container with that first process.
-inside() {
-  script/without-reboot nsenter --target="$1" --mount --uts --ipc --net --pid --root --wd \
-    env -i PATH=/usr/sbin:/usr/bin "${@:2}"
+  printf '%s\n' '[Unit]' After=multi-user.target SuccessAction=exit FailureAction=exit '[Service]' Type=exec \
+    StandardOutput=journal+console "ExecStart=/srv/weir/debian/tests/booted $(echo /root/weir_*.deb)" >$unit
+  ln -s $unit /etc/systemd/system/multi-user.target.wants/
 }
 
 # release RELEASE ARCHITECTURE: the package of HEAD, in build/packages.

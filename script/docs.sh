@@ -4,7 +4,6 @@
 #   console run    in a fresh copy of the tree
 #   console weir   there, beside weir on its port and a web server on 192.0.2.1:80
 #                  that serves www/
-# In a manual page the mark is a comment before the block.
 . "$(dirname "$0")/lib.sh"
 shopt -s extglob
 problems=0
@@ -47,13 +46,9 @@ check_names() {
 # blocks PAGE [MARK]: the lines of the blocks with that mark, or of all. Typed lines begin
 # with "$ ", continued ones included.
 blocks() {
-  # shellcheck disable=SC2016 # backquotes
-  case $1 in
-    *.[18]) sed 's/^\.\\" console \(.*\)/```console \1/; s/^\.Ed/```/; s/\\e$/\\/; s/\\(dq/"/g; /^\.Bd/d' "$1" ;;
-    *) cat "$1" ;;
-  esac | awk -v mark="${2:-}" '
+  awk -v mark="${2:-}" '
     /^```/ { inside = !inside && /^```console/ && (mark == "" || $0 == "```console " mark); next }
-    inside { print (more ? "$ " : "") $0; more = (more || /^\$ /) && /\\$/ }'
+    inside { print (more ? "$ " : "") $0; more = (more || /^\$ /) && /\\$/ }' "$1"
 }
 
 commands() { blocks "$@" | sed -n 's/^\$ //p'; }

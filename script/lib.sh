@@ -83,16 +83,17 @@ apt_get() {
     export DEBIAN_FRONTEND=noninteractive DEBCONF_NOWARNINGS=yes RUNLEVEL=1
     set -- "$@" -y -qq --no-install-recommends
     apt-get update -qq -o APT::Status-Fd=3 3>&1 >/dev/null
-    apt-get "$@" -o APT::Status-Fd=3 3>&1 >/dev/null' sh "$@" | show_apt_progress
+    apt-get "$@" -o APT::Status-Fd=3 3>&1 >/dev/null' sh "$@" |
+    sed -u 's/^[^:]*:[^:]*:\([0-9]*\)[^:]*:/\1 % /' | show_progress
 }
 
-# show_apt_progress: turns apt's status lines into one line on a terminal.
-show_apt_progress() {
-  local percent text
-  while IFS=: read -r _ _ percent text; do
-    [ ! -t 2 ] || printf '\r\033[K%3d %%  %.60s' "${percent%.*}" "$text" >&2
-  done
-  [ ! -t 2 ] || printf '\r\033[K' >&2
+# show_progress: on a terminal shows the last line of its input.
+show_progress() {
+  local line columns
+  [ -t 2 ] || { cat >/dev/null; return; }
+  columns=$(tput cols 2>/dev/null || echo 80)
+  while IFS= read -r line; do printf '\r\033[K%s' "${line:0:columns-1}" >&2; done
+  printf '\r\033[K' >&2
 }
 
 # If there is a compiler cache, all clones share it.

@@ -1,1 +1,1 @@
-"""What the demo, the benchmarks and the tests of the real program are made of."""
+"""Building blocks of the demo, the benchmarks and the tests of the real program."""

@@ -1,7 +1,6 @@
-"""Asks weir, or another server on the loopback interface, for something over HTTP."""
+"""HTTP requests to weir or to another server, usually on the loopback interface."""
 
 import socket
-import time
 import urllib.parse
 
 WEIR = 7744  # weir's port is fixed
@@ -14,12 +13,12 @@ def stream_path(master: str, start_from: int | None = None) -> str:
 
 
 def maps_path(servers: str) -> str:
-    """The path that makes these the caches of media and playlists alike."""
+    """The path that makes weir use these caches for media and playlists."""
     return f"/update-cache-map?chunk={servers}&playlist={servers}"
 
 
 def answers(port: int) -> bool:
-    """Whether something listens there."""
+    """Whether a server listens there."""
     try:
         socket.create_connection(("127.0.0.1", port), timeout=1).close()
         return True
@@ -33,24 +32,14 @@ def request(path: str) -> bytes:
 
 def connect(path: str, port: int = WEIR, timeout: float | None = None,
             host: str = "127.0.0.1") -> socket.socket:
-    """A connection on which the request is sent."""
+    """A connection on which the request has been sent."""
     connection = socket.create_connection((host, port), timeout)
     connection.sendall(request(path))
     return connection
 
 
-def connect_soon(path: str, port: int) -> socket.socket:
-    """The same to one that just starts and takes a single connection, so that none must be tried."""
-    for _ in range(1000):
-        try:
-            return connect(path, port)
-        except ConnectionRefusedError:
-            time.sleep(0.002)
-    raise SystemExit(f"nothing listens on port {port}")
-
-
 def ask(path: str, port: int = WEIR, timeout: float = 60) -> bytes:
-    """The whole answer with its head, or what of it came before the connection broke."""
+    """The whole response with its head, or the part before the connection broke."""
     answer = bytearray()
     try:
         with connect(path, port, timeout) as connection:
@@ -62,7 +51,7 @@ def ask(path: str, port: int = WEIR, timeout: float = 60) -> bytes:
 
 
 def get(path: str) -> bytes:
-    """The body of weir's answer; ValueError unless that is a 200."""
+    """The body of weir's response; ValueError unless it is a 200."""
     head, _, body = ask(path).partition(b"\r\n\r\n")
     if not head.startswith(b"HTTP/1.0 200 "):
         raise ValueError(f"{path}: {head[:60]!r}")

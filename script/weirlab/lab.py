@@ -1,4 +1,4 @@
-"""Starts weir, nginx and whatever else a run needs, and leaves nothing of it behind."""
+"""Starts weir, nginx and other programs, and cleans up after them."""
 
 import multiprocessing
 import os
@@ -19,10 +19,10 @@ from weirlab.client import WEIR, answers
 TOP = Path(__file__).resolve().parents[2]
 Process = subprocess.Popen[bytes]
 
-# What ends a run; a terminal that closes does unless that is ignored, as under nohup.
+# These end a run. Hang-ups do unless they are ignored, as under nohup.
 SIGNALS = [signal.SIGINT, signal.SIGTERM,
            *([signal.SIGHUP] if signal.getsignal(signal.SIGHUP) != signal.SIG_IGN else [])]
-# Nothing of nginx's needs root, so root gives it away.
+# nginx needs no privileges here: as root, run it as nobody.
 AS_NOBODY: dict[str, Any] = (
     {"user": "nobody", "group": "nogroup", "extra_groups": []} if os.geteuid() == 0 else {})
 NGINX = """{top} daemon off; worker_processes 1; pid nginx.pid; error_log error.log crit;
@@ -35,7 +35,7 @@ server {{ listen 127.0.0.1:{port} backlog=4096; {server} }}
 {http}
 }}
 """
-# Small pieces make nginx keep a rate evenly. A live playlist must not be kept.
+# Small pieces make nginx keep a rate evenly. Live playlists must not be cached.
 CACHE = """limit_rate {rate}; sendfile_max_chunk 16k;
 location / {{ proxy_pass http://127.0.0.1:{upstream}; proxy_cache z; proxy_cache_valid 200 1m; }}
 location ~ [.]m3u8$ {{ proxy_pass http://127.0.0.1:{upstream}; }}"""
@@ -51,13 +51,13 @@ def wait_until(what: str, condition: Callable[[], object], seconds: float = 20) 
 
 
 def is_idle(weir: Process) -> bool:
-    """Whether nothing of a stream is left: no second thread, and no descriptor besides the standard
-    streams and the listening socket."""
+    """Whether no stream is left: one thread, and no descriptor besides the standard streams and the
+    listening socket."""
     return procfs.threads(weir.pid) == 1 and procfs.descriptors(weir.pid) == 4
 
 
 def in_background(function: Callable[..., object], *arguments: object) -> None:
-    """Runs it in a process that ends with this one, and leaves Ctrl-C to this one."""
+    """Runs it in a process that ends with this one and ignores Ctrl-C."""
     def run() -> None:
         os.setpgid(0, 0)
         function(*arguments)
@@ -66,9 +66,9 @@ def in_background(function: Callable[..., object], *arguments: object) -> None:
 
 
 class Lab:
-    """A folder and the processes that work in it; both go with it, also on Ctrl-C.
+    """A temporary directory and its child processes; both are cleaned up on exit, including on Ctrl-C.
 
-    To be made in the main thread. `www` is what the origin serves, `log` what weir says.
+    Create it in the main thread. `www` is the origin's web root, `log` weir's log.
     """
 
     def __init__(self, parent: str | None = None) -> None:
@@ -100,15 +100,15 @@ class Lab:
         self._ignore_signals()
         for process in self.running[::-1]:
             self.end(process)
-        for child in procfs.children(os.getpid()):  # one that was just being started
+        for child in procfs.children(os.getpid()):  # e.g. one that was just being started
             os.kill(child, signal.SIGKILL)
         shutil.rmtree(self.work, ignore_errors=True)
 
     def start(self, command: Sequence[object], **options: Any) -> Process:
         """`options` are Popen's."""
         options.setdefault("stdin", subprocess.DEVNULL)
-        # A session of its own keeps Ctrl-C away from it, and weir's low priority from starving it:
-        # where the kernel groups tasks by session, priorities count within one only.
+        # In a session of its own it gets no Ctrl-C, and weir's low priority cannot starve it: if the
+        # kernel groups tasks by session, priorities only count within one.
         process = subprocess.Popen([str(word) for word in command], start_new_session=True, **options)
         self.running.append(process)
         return process
@@ -124,20 +124,18 @@ class Lab:
             self.running.remove(process)
 
     def kill_with_children(self, process: Process) -> None:
-        """An nginx with SIGKILL: the master first, which would replace its workers."""
+        """Kills an nginx: the master first, which would replace its workers."""
         workers = procfs.children(process.pid)
         self.end(process, signal.SIGKILL)
         for worker in workers:
             os.kill(worker, signal.SIGKILL)
 
     def configure(self, name: str, port: int, server: str, top: str = "", http: str = "") -> Path:
-        """Writes the configuration of an nginx; returns its folder.
-
-        `top` and `http` are what else stands at the top level and within http.
-        """
+        """Writes the configuration of an nginx; returns its folder. `top` and `http` are added at the
+        top level and within http."""
         folder = self.work / name
         (folder / "t").mkdir(parents=True, exist_ok=True)
-        # The root of a user namespace has nobody to give it away to.
+        # Root in a user namespace has no other uid to switch to.
         if os.geteuid() == 0 and not AS_NOBODY:
             top = "user root root; " + top
         text = NGINX.format(port=port, server=server, top=top, http=http)
@@ -163,12 +161,11 @@ class Lab:
         """`rate` is in bytes a second for each answer, 0 for no limit."""
         return self.nginx(name, port, CACHE.format(upstream=upstream, rate=rate))
 
-    def weir(self, binary: Path, buffer: int, prefix: Sequence[object] = (),
-             progress: bool = False, threads: int = 1) -> Process:
-        """Never able to restart the machine. `progress`: log the standard output, too. `threads`: of
-        an idle process, to which a sanitizer may add one."""
+    def weir(self, binary: Path, buffer: int, progress: bool = False, threads: int = 1) -> Process:
+        """Cannot restart the machine. `progress`: log the standard output, too. `threads`: of an idle
+        process, to which a sanitizer may add one."""
         with open(self.log, "ab") as log:
-            process = self.start([TOP / "script/without-reboot", *prefix, binary, buffer], stderr=log,
+            process = self.start([TOP / "script/without-reboot", binary, buffer], stderr=log,
                                  stdout=log if progress else subprocess.DEVNULL)
         wait_until("weir to answer", lambda: process.poll() is not None or answers(WEIR))
         wait_until("weir to be idle",

@@ -1,4 +1,4 @@
-"""Network namespaces, in which weir's fixed port is free and nobody else is."""
+"""Network namespaces: isolation, and a free port 7744."""
 
 import ctypes
 import os
@@ -11,10 +11,10 @@ HERE = "/proc/thread-self/ns/net"
 
 
 def own_network(mounts: bool = False) -> None:
-    """Moves this process there. To be called before anything is started or listens.
+    """Moves this process to a new one. Call it before anything starts or listens.
 
-    An ordinary user becomes root of a user namespace first, where the system allows it.
-    With `mounts`, what this process mounts is seen by nobody else either.
+    An ordinary user becomes root of a user namespace first, if the system allows it. With `mounts`
+    this process also gets a mount namespace.
     """
     uid, gid = os.geteuid(), os.getegid()
     if LIBC.unshare(NEW_NETWORK | (NEW_MOUNTS if mounts else 0) | (NEW_USER if uid else 0)) != 0:
@@ -34,14 +34,14 @@ def ip(command: str) -> None:
 
 
 def make_bridge(address: str) -> None:
-    """Joins the network where this thread is to the hosts made there from now on."""
+    """Connects this thread's network to the hosts that it creates from now on."""
     ip("link add bridge type bridge")
     ip(f"address add {address}/24 dev bridge")
     ip("link set bridge up")
 
 
 class Host:
-    """A machine of its own, as far as the network goes: `with host:` this thread is there."""
+    """A network namespace with an address on the bridge; `with host:` moves this thread into it."""
 
     def __init__(self, address: str) -> None:
         self.address = address

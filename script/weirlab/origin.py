@@ -1,4 +1,4 @@
-"""An origin within this process, for what nginx can't do."""
+"""An origin within this process that can misbehave, which nginx cannot."""
 
 import contextlib
 import gzip
@@ -13,12 +13,12 @@ STALL, SILENCE = 4, 7  # seconds: longer than weir waits in a body (2) and befor
 
 
 class Origin(socketserver.ThreadingTCPServer):
-    """Answers requests, ranges included, with what `read` has for a path; if nothing, with 404.
+    """Answers requests, also for ranges, with the bytes that `read` returns, or with 404 if none.
 
-    It listens at every address, or at one, with TLS where there is a certificate, waits `delay`
-    seconds before each answer, and runs in daemon threads of its own. `faults` has what goes wrong
-    with a path: short, stall (once), silent; status=NUMBER, http10, icy, long-head, lower (the
-    fields' names), no-length, chunked, gzip; no-range.
+    It listens on all addresses or on one, uses TLS if it has a certificate, waits `delay` seconds
+    before each response, and runs in daemon threads. `faults` returns the faults of a path: short,
+    stall (once), silent; status=NUMBER, http10, icy, long-head, lower (field names), no-length,
+    chunked, gzip; no-range.
     """
     daemon_threads = allow_reuse_address = True
     request_queue_size = 128

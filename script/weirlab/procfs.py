@@ -1,11 +1,9 @@
-"""What the kernel says about a process."""
+"""Figures of a process from /proc."""
 
 import os
 import re
 import time
 from pathlib import Path
-
-TICKS = os.sysconf("SC_CLK_TCK")
 
 
 def read(pid: int, name: str) -> str:
@@ -20,14 +18,8 @@ def alive(pid: int) -> bool:
 
 
 def cpu(pid: int) -> float:
-    """Seconds of CPU, to the nanosecond, by the clock that each process has."""
+    """Seconds of CPU, to the nanosecond, by the process's own clock."""
     return time.clock_gettime((~pid << 3) | 2)
-
-
-def user_and_system(pid: int) -> tuple[float, float]:
-    """Seconds of CPU in user mode and in the kernel, in steps of a tick."""
-    fields = read(pid, "stat").rsplit(")", 1)[1].split()
-    return int(fields[11]) / TICKS, int(fields[12]) / TICKS
 
 
 def children(pid: int) -> list[int]:
@@ -49,12 +41,7 @@ def sample(pid: int) -> dict[str, float]:
     return sizes | {"threads": threads(pid), "descriptors": descriptors(pid)}
 
 
-def peak(pid: int) -> float:
-    """The highest RSS so far, MiB."""
-    return int(re.findall(r"^VmHWM:\s+(\d+)", read(pid, "status"), re.M)[0]) / 1024
-
-
 def can_reboot(pid: int) -> bool:
-    """Where nothing is listed, that counts as a yes."""
+    """Returns True if the capability sets cannot be read."""
     sets = re.findall(r"^Cap(?:Eff|Prm):\s+(\w+)", read(pid, "status"), re.M)
     return len(sets) != 2 or any(int(mask, 16) >> 22 & 1 for mask in sets)

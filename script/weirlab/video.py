@@ -1,6 +1,5 @@
-"""Makes video: MPEG-TS in segments, clear and encrypted, and the playlists."""
+"""Creates video: MPEG-TS segments, clear or encrypted, and their playlists."""
 
-import shutil
 import subprocess
 from collections.abc import Sequence
 from pathlib import Path
@@ -12,7 +11,7 @@ FIRST = 1  # weir never fetches segment number 0
 
 
 def cipher(vector: int = 0) -> list[str]:
-    """The command for AES-128 as in HLS: CBC, PKCS#7. weir has only the initialisation vector zero."""
+    """The command for AES-128 as in HLS: CBC, PKCS#7. weir always uses the initialisation vector 0."""
     return ["openssl", "enc", "-aes-128-cbc", "-K", KEY.hex(), "-iv", f"{vector:032x}"]
 
 
@@ -21,7 +20,7 @@ def encrypt(clear: bytes, vector: int = 0) -> bytes:
 
 
 def encrypt_file(path: Path) -> None:
-    """Without reading it here: what starts programs stays small, since their peak RSS is at least its own."""
+    """Does not read it into memory: a child's peak RSS is at least that of the process that starts it."""
     secret = path.with_suffix(".new")
     with path.open("rb") as source, secret.open("wb") as target:
         subprocess.run(cipher(), stdin=source, stdout=target, check=True)
@@ -29,7 +28,7 @@ def encrypt_file(path: Path) -> None:
 
 
 def replace(path: Path, data: bytes | str) -> None:
-    """By renaming, so that a server never sees half of it."""
+    """Renames, so that a server never sees an incomplete file."""
     fresh = path.with_suffix(".new")
     fresh.write_bytes(data if isinstance(data, bytes) else data.encode())
     fresh.rename(path)
@@ -37,7 +36,7 @@ def replace(path: Path, data: bytes | str) -> None:
 
 def media_playlist(urls: Sequence[str], seconds: float, first: int = FIRST, key: str = "",
                    over: bool = True) -> str:
-    """`key` is the URL of a key, which weir wants last in its tag; `over` if nothing will follow."""
+    """`key` is the URL of a key, which weir expects last in its tag; `over`: the stream has ended."""
     lines = ["#EXTM3U", f"#EXT-X-TARGETDURATION:{-int(-seconds // 1)}",
              f"#EXT-X-MEDIA-SEQUENCE:{first}"]
     if key:
@@ -48,7 +47,7 @@ def media_playlist(urls: Sequence[str], seconds: float, first: int = FIRST, key:
 
 
 def master_playlist(variants: dict[str, int]) -> str:
-    """`variants` has the bandwidth for each URL."""
+    """`variants` maps URLs to bandwidths."""
     return "#EXTM3U\n" + "".join(f"#EXT-X-STREAM-INF:BANDWIDTH={bandwidth}\n{url}\n"
                                  for url, bandwidth in variants.items())
 
@@ -63,7 +62,7 @@ def segments_in(folder: Path) -> list[Path]:
 
 
 def in_segments(folder: Path, seconds: int, name: str = "%d.ts") -> list[object]:
-    """ffmpeg's options for an output in clear segments."""
+    """ffmpeg's options for output in clear segments."""
     folder.mkdir(parents=True)
     return ["-f", "hls", "-hls_time", seconds, "-hls_list_size", 0, "-start_number", FIRST,
             "-hls_segment_filename", folder / name, folder / "list.m3u8"]
@@ -79,25 +78,3 @@ def publish(folder: Path, url: str, seconds: int, key: str = "") -> int:
     replace(folder / "list.m3u8", media_playlist([f"{url}/{path.name}" for path in segments],
                                                  seconds, key=key))
     return largest * 8 // seconds
-
-
-def make_noise(lab: Lab, base: str, segments: int, seconds: int = 5,
-               bitrate: int = 8_000_000) -> list[int]:
-    """The same noise over and over, clear and encrypted; returns the sizes of its segments.
-
-    `base` is the URL of the web root; there are clear/master.m3u8, aes/master.m3u8 and the key.
-    """
-    clear, noise = lab.www / "clear", lab.work / "noise.ts"
-    side = int((bitrate / 120) ** 0.5) // 16 * 16  # noise of larger pictures would take more bits
-    ffmpeg(lab, "-v", "fatal", "-f", "lavfi", "-i",
-           f"nullsrc=s={side}x{side}:r=25:d={seconds},geq=random(1)*255", "-c:v", "mpeg2video", "-g", 25,
-           "-b:v", bitrate, "-maxrate", bitrate, "-bufsize", "2M",
-           "-muxrate", bitrate * 21 // 20, noise)
-    ffmpeg(lab, "-stream_loop", segments - 1, "-i", noise, "-c", "copy", *in_segments(clear, seconds))
-    shutil.copytree(clear, lab.www / "aes")
-    (lab.www / "key").write_bytes(KEY)
-    for kind, key in (("clear", ""), ("aes", f"{base}/key")):
-        publish(lab.www / kind, f"{base}/{kind}", seconds, key)
-        replace(lab.www / kind / "master.m3u8",
-                master_playlist({f"{base}/{kind}/list.m3u8": bitrate}))
-    return [path.stat().st_size for path in segments_in(clear)]

@@ -17,12 +17,12 @@ from collections.abc import Callable
 from pathlib import Path
 from statistics import median
 
-from weirlab import client, procfs
 from fleet import CACHE1, CACHE2, CONFIGURATION, HAPROXY, PLAYERS, SPARE, STRANGER, WEIRS, Fleet
+from live import Channels
+from players import Audience, Seat
+from weirlab import client, procfs
 from weirlab.lab import TOP, Lab, wait_until
-from weirlab.live import Channels
 from weirlab.network import ip, own_network
-from weirlab.players import Audience, Seat
 
 CHANNELS, SECONDS = 4, 1
 SLACK = 10  # seconds, for what takes less than one on an idle machine

@@ -1,8 +1,7 @@
-"""Live channels in which every byte can be told from the name of its segment.
+"""Live channels whose every byte follows from the name of its segment.
 
-A segment is a header of one line and a slice of a pool of pseudo-random bytes. The byte 0
-stands at the beginning of every header and nowhere else, so the place where a segment was
-cut short is where the next 0 stands.
+A segment is a header of one line and a slice of a pool of pseudo-random bytes. Every header begins
+with the byte 0, which occurs nowhere else, so a 0 inside a segment shows where it was cut short.
 """
 
 import random
@@ -19,7 +18,7 @@ HEADER = 188
 SLACK = 1 << 20
 FIRST_SEQUENCE = 1000
 WINDOW = 10  # segments
-KEPT = 12  # segments that stay after they have left the playlist
+KEPT = 12  # segments available after they have left the playlist
 
 
 def segment_size(rate: int, seconds: float) -> int:
@@ -28,7 +27,7 @@ def segment_size(rate: int, seconds: float) -> int:
 
 
 def segment_name(channel: int | str, variant: int | str, sequence: int) -> str:
-    """Of fixed width: a name cut short is never that of another segment."""
+    """Has a fixed width, so that a truncated name is never another segment's."""
     return f"{channel}/{variant}/{sequence:010d}"
 
 
@@ -54,7 +53,7 @@ class Content:
 
     @classmethod
     def parse_header(cls, header: bytes) -> tuple[str, int] | None:
-        """The name and the size of the segment, or None when a byte is wrong."""
+        """The name and the size of the segment, or None if a byte is wrong."""
         words = header[1:].split(b" ")
         if len(words) != 4 or not words[1].isdigit():
             return None
@@ -66,8 +65,8 @@ class Content:
 class Channels:
     """Publishes channels c0, c1 and so on below a web root, the clear ones first.
 
-    All variants share their numbering. `playlists`, `segments` and `keys` are the scheme
-    and host under which weir is to find each.
+    All variants share their numbering. `playlists`, `segments` and `keys` are the scheme and host
+    of each kind of URL.
     """
     root: Path
     rates: Sequence[int]  # bits a second, one for each variant
@@ -79,15 +78,11 @@ class Channels:
     keys: str
 
     def start(self) -> Content:
-        """In a process of its own, which ends with this one."""
+        """Publishes from a separate process, which ends with this one."""
         content = Content(segment_size(max(self.rates), self.seconds))
         in_background(self._run, content)
         wait_until("the channels", lambda: len(list(self.root.glob("c0/0/*.ts"))) >= WINDOW, 60)
         return content
-
-    def newest(self) -> int:
-        """The number of the segment published last."""
-        return int(Path((self.root / "c0/0.m3u8").read_text().split()[-1]).stem)
 
     def _run(self, content: Content) -> None:
         for channel in range(self.clear + self.encrypted):

@@ -1,85 +1,69 @@
-"""Players of live channels: each has every byte of its stream checked as it comes."""
+"""Players of live channels that compare every byte of their streams on arrival."""
 
 import asyncio
 import threading
 import time
-from collections.abc import Callable
 from dataclasses import dataclass, field
 
+from live import HEADER, Content
 from weirlab import client
-from weirlab.live import HEADER, Content
 
 AT_ONCE = asyncio.Semaphore(3)  # weir's queue of connections to accept has room for 5
 
 
 @dataclass
 class Short:
-    """A segment that ended before its size, at that byte."""
+    """A segment that ended early, after that many bytes."""
     name: str
     at: int
-    restarted: bool = False  # it came once more, from its beginning
+    restarted: bool = False  # it came again, from its beginning
     when: float = field(default_factory=time.time)
 
 
 class StreamCheck:
-    """Takes the bytes of one stream as they come, and counts."""
+    """Compares the bytes of one stream as they arrive, and counts."""
 
     def __init__(self, content: Content) -> None:
         self.content = content
         self.received = self.verified = self.segments = 0
-        self.wrong = 0  # bytes that are not what the segment has at that place
-        self.repeated = 0  # segments that came again, though they were whole
+        self.wrong = 0  # bytes in pieces that differ from the segment
+        self.repeated = 0  # segments that came again although they were whole
         self.missing: list[tuple[str, int]] = []  # channel and sequence
         self.shorts: list[Short] = []
         self.variants: set[str] = set()
         self.first_wrong = ""
-        self.header: bytes | None = None  # what has come of it, until it is whole
-        self.name, self.sequence = "", 0
-        self.first = 0  # sequence
+        self.header = b""  # until it is whole
+        self.name, self.first, self.sequence = "", 0, 0
         self.size = self.left = self.at = 0
 
     def feed(self, data: bytes) -> None:
-        before, *begun = data.split(b"\0")
         self.received += len(data)
-        self._take(before)
-        for piece in begun:
-            self._begin_header()
-            self._take(piece)
+        for number, piece in enumerate(data.split(b"\0")):
+            if number > 0:
+                self._end_segment()
+                self.header = b"\0"
+            if self.header:
+                count = HEADER - len(self.header)
+                self.header, piece = self.header + piece[:count], piece[count:]
+                if len(self.header) == HEADER:
+                    self._begin_segment(self.header)
+                    self.header = b""
+            if piece:
+                self._compare(piece)
 
-    def _begin_header(self) -> None:
-        if self.header is not None:  # the last one was cut short
-            words = self.header[1:].split(b" ")
-            self.shorts.append(Short(words[0].decode("latin-1") if len(words) > 1 else "", 0))
+    def _end_segment(self) -> None:
+        if self.header:
+            name, *more = self.header[1:].decode("latin-1").split(" ")
+            self.shorts.append(Short(name if more else "", 0))
         elif self.left:
             self.shorts.append(Short(self.name, self.size - self.left))
-        self.header, self.left = b"\0", 0
-
-    def _take(self, piece: bytes) -> None:
-        """Bytes of a header, of its segment, and then of nothing that could be told."""
-        if self.header is not None:
-            count = HEADER - len(self.header)
-            self.header, piece = self.header + piece[:count], piece[count:]
-            if len(self.header) < HEADER:
-                return
-            self._begin_segment(self.header)
-            self.header = None
-        count = sound = min(len(piece), self.left)
-        if not self.content.pool.startswith(piece[:count], self.at):
-            truth = self.content.pool[self.at:self.at + count]
-            sound = sum(a == b for a, b in zip(piece, truth))
-        self.verified += sound
-        self.at += count
-        self.left -= count
-        self.segments += count > 0 and self.left == 0
-        self._note_wrong(len(piece) - sound)
+        self.left = 0
 
     def _begin_segment(self, header: bytes) -> None:
         parsed = Content.parse_header(header)
         if parsed is None:
-            self._note_wrong(HEADER)
-            return
+            return self._count(HEADER, False)
         name, self.size = parsed
-        self.verified += HEADER
         channel, variant, number = name.split("/")
         sequence = int(number)
         self.variants.add(variant)
@@ -89,26 +73,33 @@ class StreamCheck:
             self.repeated += 1
         elif self.sequence:
             self.missing += [(channel, s) for s in range(self.sequence + 1, sequence)]
-        self.name, self.sequence = name, sequence
-        self.first = self.first or sequence
+        self.name, self.sequence, self.first = name, sequence, self.first or sequence
         self.left, self.at = self.size - HEADER, Content.offset(name)
+        self._count(HEADER, True)
 
-    def _note_wrong(self, count: int) -> None:
-        self.wrong += count
-        if count and not self.first_wrong:
-            place = self.name or "before the first segment"
-            self.first_wrong = f"{place}, stream byte <= {self.received}"
+    def _compare(self, piece: bytes) -> None:
+        right = len(piece) <= self.left and self.content.pool.startswith(piece, self.at)
+        self.at += len(piece)
+        self.left = max(0, self.left - len(piece))
+        self.segments += right and self.left == 0
+        self._count(len(piece), right)
+
+    def _count(self, size: int, right: bool) -> None:
+        self.verified += size if right else 0
+        self.wrong += 0 if right else size
+        if not right and not self.first_wrong:
+            self.first_wrong = f"{self.name or 'before the first segment'}, stream byte <= {self.received}"
 
 
 class Player(asyncio.Protocol):
-    """Reads what comes, or no more than `rate` bytes a second."""
+    """Reads what arrives, or at most `rate` bytes a second."""
 
     def __init__(self, content: Content, rate: float | None = None) -> None:
         self.found = StreamCheck(content)
         self.rate = rate
         self.head: bytes | None = b""
         self.started = self.last = time.monotonic()
-        self.first = 0.0  # when media came for the first time
+        self.first = 0.0  # when the first media arrived
         self.longest_gap = 0.0  # seconds between two arrivals
         self.error: Exception | None = None
         self.ended = asyncio.get_running_loop().create_future()
@@ -120,23 +111,16 @@ class Player(asyncio.Protocol):
 
     def data_received(self, data: bytes) -> None:
         now = time.monotonic()
-        self.longest_gap = max(self.longest_gap, now - self.last)
-        self.last = now
+        self.longest_gap, self.last = max(self.longest_gap, now - self.last), now
         if self.head is not None:
             self.head, separator, data = (self.head + data).partition(b"\r\n\r\n")
-            if not separator:
-                return
-            self.head = None
+            self.head = None if separator else self.head
         if data:
             self.first = self.first or now
-        self.found.feed(data)
+            self.found.feed(data)
         if self.rate is not None:
             self.transport.pause_reading()
-            asyncio.get_running_loop().call_later(len(data) / self.rate, self._go_on)
-
-    def _go_on(self) -> None:
-        if not self.transport.is_closing():
-            self.transport.resume_reading()
+            asyncio.get_running_loop().call_later(len(data) / self.rate, self.transport.resume_reading)
 
     def connection_lost(self, exc: Exception | None) -> None:
         self.error = exc
@@ -144,13 +128,12 @@ class Player(asyncio.Protocol):
             self.ended.set_result(None)
 
     def leave(self) -> None:
-        """As a player that is switched off: what is on the way is refused."""
+        """Refuses what is on the way, like a player that is switched off."""
         self.transport.abort()
 
 
-async def open_stream(content: Content, master: str, start_from: int = -3,
-                      rate: float | None = None, host: str = "127.0.0.1",
-                      port: int = client.WEIR) -> Player:
+async def open_stream(content: Content, master: str, start_from: int = -3, rate: float | None = None,
+                      host: str = "127.0.0.1", port: int = client.WEIR) -> Player:
     async with AT_ONCE:
         _, player = await asyncio.get_running_loop().create_connection(
             lambda: Player(content, rate), host, port)
@@ -158,15 +141,8 @@ async def open_stream(content: Content, master: str, start_from: int = -3,
     return player
 
 
-async def until(condition: Callable[[], object], seconds: float) -> None:
-    """Waits for it, but no longer than that."""
-    deadline = time.monotonic() + seconds
-    while not condition() and time.monotonic() < deadline:
-        await asyncio.sleep(0.2)
-
-
 class Seat:
-    """A player that begins again at once when its stream ends."""
+    """A player that reconnects at once when its stream ends."""
 
     def __init__(self) -> None:
         self.players: list[Player] = []
@@ -184,12 +160,12 @@ class Seat:
         return len(self.players) > len(self.lost) and self.players[-1].found.first > 0
 
     def pause(self) -> float:
-        """The longest without media, since that was set to 0."""
+        """The longest time without media since `longest_gap` was set to 0."""
         return max(self.players[-1].longest_gap, time.monotonic() - self.players[-1].last)
 
 
 class Audience:
-    """Seats in a thread of their own, so that nobody else holds the players up."""
+    """Seats in a thread of their own, so that nothing else delays the players."""
 
     def __init__(self, content: Content, host: str, port: int) -> None:
         self.content, self.host, self.port = content, host, port
@@ -203,10 +179,10 @@ class Audience:
             self.seats[-1].watch(self.content, master, self.host, self.port), self.loop)
 
     def lost(self) -> int:
-        """Streams so far."""
+        """How many streams have ended so far."""
         return sum(len(seat.lost) for seat in self.seats)
 
     def total(self, name: str) -> int:
-        """Of what the checks of all streams have found."""
+        """The sum of that attribute of all checks."""
         values = [getattr(player.found, name) for seat in self.seats for player in seat.players]
         return sum(len(value) if isinstance(value, list) else value for value in values)
