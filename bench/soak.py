@@ -130,7 +130,7 @@ class Soak:
         self.samples: list[dict[str, float]] = []
         self.base = self.left = procfs.sample(self.weir.pid)
         self.broken: list[str] = []  # errors of the run itself
-        self.polls: dict[str, Any] = {}
+        self.polls: dict[str, Any] = {"failures": 0}
 
     def start_cache(self, number: int) -> Process:
         return self.lab.cache(f"cache{number}", CACHE + number, ORIGIN_FRONT)
@@ -171,18 +171,19 @@ class Soak:
                 await asyncio.sleep(1)
 
     async def sample(self) -> None:
-        while procfs.alive(self.weir.pid):
+        while True:
             self.samples.append({"seconds": time.time() - self.journal.began,
                                  **procfs.sample(self.weir.pid), "bytes": self.audience.received(),
                                  "players": len(self.audience.present)})
             await asyncio.sleep(SAMPLE_EVERY)
-        raise RuntimeError("weir ended")
 
     async def progress(self, amount: Callable[[], float], enough: Callable[[], bool]) -> None:
-        """Waits until it is enough; raises if the amount stays the same for too long."""
+        """Waits until it is enough; raises if weir ends or the amount stays the same for too long."""
         last, changed = amount(), time.monotonic()
         while not enough():
             await asyncio.sleep(0.2)
+            if not procfs.alive(self.weir.pid):
+                raise RuntimeError("weir ended")
             if amount() != last:
                 last, changed = amount(), time.monotonic()
             elif time.monotonic() - changed > PATIENCE:
@@ -218,7 +219,15 @@ class Soak:
             await proxy.listen()
         self.caches = [self.start_cache(number) for number in range(3)]
         await self.push_map(dead_too=True)
-        await self.warm_up()
+        try:
+            await self.warm_up()
+            await self.load()
+            await self.settle()
+        except (OSError, RuntimeError) as error:
+            self.broken.append(repr(error))
+
+    async def load(self) -> None:
+        """Runs all actors until the time is over or one of them fails."""
         self.poller.start()
         self.journal.began = time.time()
         work: list[Awaitable[object]] = [self.audience.seat() for _ in range(self.options.players)]
@@ -230,11 +239,6 @@ class Soak:
         for task in [*ends, *tasks]:
             task.cancel()
         await asyncio.gather(*ends, *tasks, return_exceptions=True)
-        if procfs.alive(self.weir.pid):
-            try:
-                await self.settle()
-            except RuntimeError:
-                pass  # failures() names what is left
         self.polls = self.poller.stop()
 
 
@@ -289,6 +293,8 @@ def main() -> None:
         (OUT / "weir.log").write_bytes(lab.log.read_bytes())
         for name, value in results.items():
             common.print_row(name, json.dumps(value))
+        if results["failures"]:
+            print(lab.log.read_text(errors="replace")[-5000:])
     sys.exit(bool(results["failures"]))
 
 
