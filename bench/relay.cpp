@@ -1,11 +1,10 @@
-// The floor that weir is measured against: one thread that reads segments over
-// one keep-alive connection, decrypts them where a key is given, and writes
-// them to the one player that connects. It buffers, adapts and retries nothing.
+// The baseline of the benchmarks: one thread reads segments over one keep-alive connection,
+// decrypts them if it has a key, and writes them to its only player. It buffers, adapts and retries
+// nothing.
 //
 // relay LISTEN_PORT ORIGIN_PORT PATH_PREFIX SEGMENTS [KEY_FILE [SECONDS]]
 //
-// With seconds it begins a segment that often, as one does that follows a live
-// stream; an empty KEY_FILE is none.
+// SECONDS: the interval between segments, as in a live stream. An empty KEY_FILE means no key.
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <sys/socket.h>
