@@ -52,7 +52,7 @@ class Journal:
                        if event.kind != "kill" or not event.what)
 
     def explains(self, short: Short) -> bool:
-        """One cut does, and so do two faults: weir restarts the segment or gives it up."""
+        """A cut explains it, and so do two faults, after which weir restarts or abandons the segment."""
         if not short.name:
             age = short.when - self.began
             return any(0 <= age - event.when < 120 and event.kind in CUTTING for event in self.events)
@@ -68,8 +68,8 @@ class Journal:
 
 
 class FaultProxy:
-    """Listens on `port` and forwards to `upstream`. `chances`: of a fault, for each request of a
-    segment and of a media playlist."""
+    """Listens on `port` and forwards to `upstream`. `chances` of a fault: per request for a segment, and
+    for a media playlist."""
 
     def __init__(self, name: str, port: int, upstream: int, journal: Journal,
                  chances: tuple[float, float]) -> None:
@@ -101,13 +101,13 @@ class FaultProxy:
             while await self._answer(reader, writer):
                 pass
         except (OSError, asyncio.IncompleteReadError, asyncio.CancelledError):
-            pass  # either side has gone, or this process ends
+            pass  # either side has disconnected, or this process ends
         finally:
             del self.connections[writer]
             writer.close()
 
     def _fault_for(self, path: str) -> str:
-        """Its kind, or "". Keys and master playlists have none."""
+        """The kind of fault, or "". Keys and master playlists have none."""
         for pattern, chance, kinds in self.faults:
             if re.match(pattern, path) and random.random() < chance:
                 kind = random.choices(list(kinds), list(kinds.values()))[0]

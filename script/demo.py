@@ -1,4 +1,4 @@
-"""The part of script/demo that runs once its options are checked and the programs are there."""
+"""Runs the story of script/demo, which has checked the options and installed the programs."""
 
 import argparse
 import os
@@ -21,8 +21,8 @@ from weirlab.network import own_network
 SECONDS, RATE, SEGMENT_SECONDS = 60, 25, 2
 VARIANTS = {"180p": ("320x180", "250k"), "270p": ("480x270", "600k"), "360p": ("640x360", "1200k")}
 CACHES = ("cache1", "cache2", "cache3")
-FAST, SLOW = "500k", "80k"  # bytes/s: more than twice and less than half of what 360p needs
-BUFFER = 64 << 20  # bytes; above 60 % of it weir would not switch down, and the video is far smaller
+FAST, SLOW = "500k", "80k"  # bytes/s: above twice and below half the rate of 360p
+BUFFER = 64 << 20  # bytes; far above the video's size, as weir switches down only below 60 %
 AHEAD = 6  # segments listed beyond the last one that weir got; weir waits 6 s for more
 STUCK = 600  # turns of 0.1 s without progress; weir closes such a stream after 16 s
 STREAM = f"http://127.0.0.1:{client.WEIR}{client.stream_path('http://~/video/master.m3u8')}"
@@ -33,7 +33,7 @@ STORY = {TAKES: r"weir takes \2, \1 bit/s",
 
 
 class Log:
-    """weir's log, told as a story while it grows."""
+    """Follows weir's log and prints its important lines as a story."""
 
     def __init__(self, path: Path) -> None:
         self.file = path.open(encoding="utf-8", errors="replace")
@@ -45,7 +45,7 @@ class Log:
         *lines, self.rest = (self.rest + self.file.read()).split("\n")
         for line in lines:
             for pattern, text in STORY.items():
-                # A dead cache is marked in each of two maps, and reported once.
+                # A dead cache is marked in both maps, but reported once.
                 if (match := re.match(pattern, line)) and not (line in self.lines and "dead" in text):
                     print(" " * 8, match.expand(text), flush=True)
             self.lines.append(line)
@@ -89,7 +89,7 @@ class Demo:
         print(f"{time.monotonic() - self.began:3.0f} s  {text}", flush=True)
 
     def make_video(self) -> None:
-        """Segment n of each variant holds the same two seconds, so that a switch loses no frame."""
+        """Segment n of each variant contains the same two seconds, so a switch loses no frame."""
         www, gop = self.lab.www / "video", RATE * SEGMENT_SECONDS
         outputs = list[object]()
         for name, (size, bitrate) in VARIANTS.items():
@@ -106,7 +106,7 @@ class Demo:
         self.publish(AHEAD)
 
     def publish(self, count: int | None = None) -> None:
-        """Lists that many segments, or all of them and the end of the video."""
+        """Lists `count` segments, or all of them and the end of the video."""
         for name in VARIANTS:
             folder = self.lab.www / "video" / name
             urls = [f"http://@/video/{name}/{path.name}" for path in video.segments_in(folder)]
@@ -114,13 +114,13 @@ class Demo:
                 urls[:count], SEGMENT_SECONDS, key="http://@/video/key", over=count is None))
 
     def send_maps(self) -> None:
-        """Makes weir use all caches again, dead ones included."""
+        """Makes weir use all caches again, including those marked dead."""
         self.maps_sent = self.log.read()
         if client.get(client.maps_path(",".join(self.addresses.values()))).strip() != b'"OK"':
             raise SystemExit("weir did not take the cache maps")
 
     def wait_until(self, what: str, condition: Callable[[], object], over: bool = False) -> None:
-        """Lists more segments as weir gets them: the video ends only when the trouble is `over`."""
+        """Lists more segments as weir gets them; the video ends only if the trouble is `over`."""
         had, turns = -1, 0
         while not (self.log.read() and condition()):
             if not self.player.is_alive():
@@ -142,10 +142,8 @@ class Demo:
                         and taken[-1][2] == "360p" and self.log.segments() >= wanted)
 
     def limit_caches(self, text: str, rate: str, way: int) -> int:
-        """Waits for the switch of variants that follows; returns the log's length before.
-
-        A response in progress keeps its rate.
-        """
+        """Waits until weir switches variants; returns the log's length before. A response in progress
+        keeps its rate."""
         self.say(f"{text} {rate} bytes/s")
         since = self.log.read()
         for name, process in self.caches.items():
@@ -156,10 +154,8 @@ class Demo:
         return since
 
     def kill_cache(self) -> str:
-        """Stops the cache in use within a segment until weir gives up that response, then ends it.
-
-        If the cache ended at once, weir would take the incomplete segment for a complete one.
-        """
+        """Stops the cache in use within a segment until weir gives up that response, then ends it: if
+        it ended at once, weir would take the incomplete segment for a complete one."""
         chosen, since = r"for url .*\.ts .* selected server: (.*)", self.log.read()
         self.wait_until("weir asks for a segment", lambda: self.log.matches(chosen, since))
         address = self.log.matches(chosen, since)[-1][1]
@@ -169,7 +165,7 @@ class Demo:
         os.killpg(cache.pid, signal.SIGSTOP)
         self.wait_until("weir gives it up", lambda: self.log.matches("chunk get from .* FAILED", since))
         os.killpg(cache.pid, signal.SIGCONT)
-        # A retry that has come already is still answered; the next one is refused.
+        # A retry that has arrived is still answered; the next one is refused.
         self.lab.end(cache, signal.SIGQUIT)
         self.say("... and is gone")
         self.wait_until("weir marks it dead",
@@ -195,7 +191,7 @@ class Demo:
                  f"{self.log.switches(-1, slowed)} down, {self.log.switches(1, raised)} up")
 
     def count_frames(self) -> str:
-        """Each frame must be there, once and in order: the timestamps increase."""
+        """Checks that every frame was decoded once and in order: timestamps increase."""
         probe = self.lab.start([*"ffprobe -v fatal -select_streams v:0 -of csv=p=0 -show_entries".split(),
                                 "frame=best_effort_timestamp", self.stream], stdout=subprocess.PIPE)
         times = [int(line.strip(b",")) for line in probe.communicate()[0].split()]
