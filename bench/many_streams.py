@@ -23,7 +23,7 @@ from pathlib import Path
 import common
 from poller import Poller
 from weirlab import client, procfs
-from weirlab.lab import TOP, Lab, Process, wait_until
+from weirlab.lab import TOP, Lab, Process, is_idle, wait_until
 from weirlab.network import own_network
 from weirlab.video import media_playlist, replace, segments_in
 
@@ -196,9 +196,9 @@ class Bench:
         polls = poller.stop()
         for connection in silent:
             connection.close()
-        wait_until("weir to be idle", lambda: procfs.threads(process.pid) == 1, RETURN_LIMIT)
+        wait_until("weir to be idle", lambda: is_idle(process), RETURN_LIMIT)
         after = procfs.sample(process.pid)
-        self.sound &= polls["failures"] == 0 and after["descriptors"] == idle["descriptors"]
+        self.sound &= polls["failures"] == 0
         process.terminate()
         _, process.returncode, usage = os.wait4(process.pid, 0)
         self.weirs.append({
