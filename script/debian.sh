@@ -7,7 +7,7 @@
 
 readonly releases=(bookworm trixie)
 readonly cache=${XDG_CACHE_HOME:-$HOME/.cache}/weir-debian
-readonly selection=('trixie asked demo test' 'bookworm root demo test' 'trixie root image' 'bookworm free package')
+readonly selection=('trixie asked demo test' 'bookworm free demo test' 'trixie root package image')
 readonly week=$((7 * 24 * 60)) limit=1800 # minutes, seconds
 readonly isolation=(unshare --mount --pid --ipc --fork --kill-child)
 
@@ -75,12 +75,12 @@ enter() {
 
 # bare [--all | RELEASE USER COMMAND...]: the README's commands in new systems, by root, by a user
 # ("free") whose sudo needs no password and by one ("asked") whose sudo asks for it. In a system
-# for several commands, each needs all packages of those before. --all tries every combination.
+# for several commands, each needs all packages of those before. --all tries every user.
 bare() {
   local plan=("${selection[@]}")
   case ${1:-} in
     '') ;;
-    --all) mapfile -t plan < <(printf '%s\n' {bookworm,trixie}\ {root,free,asked}\ {demo\ test,package,image}) ;;
+    --all) mapfile -t plan < <(printf '%s\n' {bookworm,trixie}\ {root,free,asked}\ {demo\ test,package\ image}) ;;
     *) plan=("$*") ;;
   esac
   make_systems "${releases[@]}"
@@ -93,7 +93,7 @@ try() {
   local trial="$*" verdict=passed
   local root=build/bare/${trial// /-}
   # An ordinary user's mmdebstrap downloads by itself; it starts no server.
-  [ "$3" != image ] || network=()
+  [[ $trial != *\ image ]] || network=()
   unpack_system "$1" "$root"
   in_system "$root" first_commands "${@:2}" >"$root.log" 2>&1 || verdict=FAILED
   [ $verdict = passed ] || tail -n 100 "$root.log"
