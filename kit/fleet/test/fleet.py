@@ -1,23 +1,34 @@
-"""The fleet of kit/fleet/README.md on one machine, with the files of kit/fleet/: each weir, cache,
-HAProxy and etcd has a network of its own, the players are where this process is."""
+"""The fleet of kit/fleet/README.md on one machine: each weir, cache, HAProxy and etcd has a network
+of its own; the players are in that of this process."""
 
 import csv
 import os
 import re
+import shlex
+import shutil
 import signal
 import subprocess
+from collections.abc import Callable
 from pathlib import Path
+from string import Template
+from typing import Any
 
 from weirlab import client
-from weirlab.lab import AS_NOBODY, Lab, Process, wait_until
+from weirlab.lab import AS_NOBODY, TOP, Lab, Process, wait_until
 from weirlab.network import Host, make_bridge
-from units import commands, copy, settings
 
-HAPROXY, SPARE, ETCD, PLAYERS, STRANGER = (f"192.0.2.{number}" for number in (2, 3, 31, 100, 101))
+HAPROXY, SPARE, ETCD = "192.0.2.2", "192.0.2.3", "192.0.2.31"
+PLAYERS, GUEST, STRANGER = "192.0.2.100", "192.0.2.101", "192.0.2.102"
 WEIRS = {f"weir{number}": f"192.0.2.1{number}" for number in (1, 2, 3)}
 CACHES = CACHE1, CACHE2 = "192.0.2.21:8080", "192.0.2.22:8080"
-BUFFER = 4 << 20
-DROP_IN, CONFIGURATION = "service/weir.service.d/fleet.conf", Path("/etc/haproxy/haproxy.cfg")
+KIT, CONFIGURATION = TOP / "kit", Path("/etc/haproxy/haproxy.cfg")
+DROP_IN = "service/weir.service.d/fleet.conf"
+
+
+def settings(file: str, **more: object) -> dict[str, str]:
+    """The environment that EnvironmentFile= makes of a file."""
+    own = dict(re.findall(r"^(\w+)=(.*)", (KIT / "fleet" / file).read_text(), re.MULTILINE))
+    return {"PATH": os.environ["PATH"], **own, **{name: str(value) for name, value in more.items()}}
 
 
 class Weir:
@@ -26,97 +37,93 @@ class Weir:
     def __init__(self, lab: Lab, binary: Path, name: str) -> None:
         self.lab, self.binary, self.host = lab, binary, Host(WEIRS[name])
         self.log, self.said = lab.work / f"{name}.log", (lab.work / "said").open("ab")
-        self.environment = settings("fleet/weir-fleet", COPY=lab.work / name / "maps")
+        self.environment = settings("weir-fleet", COPY=lab.work / name / "maps")
         self.process: Process
 
-    def run(self, unit: str, key: str = "ExecStart", **more: str) -> None:
+    def run(self, unit: str, key: str, start: Callable[..., object] = subprocess.check_call,
+            **more: Any) -> None:
+        """Starts the commands that the unit has for the key."""
+        lines = re.findall(rf"^{key}=\+?(.*)", (KIT / unit).read_text(), re.MULTILINE)
+        environment = self.environment | more
         with self.host:
-            for command in commands(unit, key, self.environment):
-                subprocess.run(command, env=self.environment | more, check=True, stderr=self.said)
+            for line in lines:
+                words = [Template(word).substitute(environment) for word in shlex.split(line)]
+                start(words, env=environment, stdout=subprocess.DEVNULL, stderr=self.said)
 
     def start(self) -> None:
-        """Up to where its maps are sent."""
+        """Without its maps."""
         self.run(DROP_IN, "ExecStartPre")
         self.lab.log = self.log
         with self.host:
-            self.process = self.lab.weir(self.binary, BUFFER, progress=True)
+            self.process = self.lab.weir(self.binary, 4 << 20, progress=True)
 
-    def get_ready(self, **other: str) -> None:
+    def get_ready(self, **other: Any) -> None:
         self.run(DROP_IN, "ExecStartPost", **other)
-
-    def watch(self) -> None:
-        with self.host:
-            self.lab.start(*commands("fleet/weir-maps-watch.service", "ExecStart", self.environment),
-                           env=self.environment, stdout=subprocess.DEVNULL, stderr=self.said)
 
     def kill(self) -> None:
         self.lab.end(self.process, signal.SIGKILL)
         self.run(DROP_IN, "ExecStopPost")
 
-    def lines(self, pattern: str, since: int) -> list[str]:
-        """What it has logged from that byte on."""
-        with self.log.open("rb") as log:
-            log.seek(since)
-            return re.findall(pattern, log.read().decode("latin-1"), re.MULTILINE)
+    def follow(self) -> Callable[[str], list[str]]:
+        """A function that finds a pattern in what is logged from now on."""
+        start = self.log.stat().st_size
 
-    def position(self) -> int:
-        return self.log.stat().st_size
+        def find(pattern: str) -> list[str]:
+            with self.log.open("rb") as log:
+                log.seek(start)
+                return re.findall(pattern, log.read().decode("latin-1"), re.MULTILINE)
+
+        return find
 
 
 class Fleet:
-    """Everything but the players. To be made once own_network(mounts=True) is called."""
+    """Everything but the players, once own_network(mounts=True) is called."""
 
     def __init__(self, lab: Lab, binary: Path) -> None:
         self.lab, self.said = lab, (lab.work / "said").open("ab")
         make_bridge(PLAYERS)
-        self.etcd_host, *self.cache_hosts = (Host(each.split(":")[0]) for each in (ETCD, *CACHES))
+        self.cache_hosts = [Host(cache.split(":")[0]) for cache in CACHES]
         self.weirs = {name: Weir(lab, binary, name) for name in WEIRS}
         self.install()
-        with self.etcd_host:
+        with Host(ETCD):
             self.etcd = lab.start(["etcd"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                  env=settings("fleet/etcd", ETCD_DATA_DIR=lab.work / "etcd"))
+                                  env=settings("etcd", ETCD_DATA_DIR=lab.work / "etcd"))
         self.caches = [self.start_cache(number) for number in range(len(CACHES))]
-        wait_until("etcd to answer", lambda: self.etcdctl("endpoint", "health") == 0)
-        self.put_maps(CACHE1)
+        wait_until("etcd to take the maps", lambda: self.put_maps(CACHE1))
         for weir in self.weirs.values():
             weir.start()
             weir.get_ready()
-            weir.watch()
-        self.haproxy = self.start_haproxy(HAPROXY)
+            weir.run("fleet/weir-maps-watch.service", "ExecStart", lab.start)
+        self.start_haproxy(HAPROXY)
         wait_until("HAProxy to know all weirs", lambda: set(self.column("check_status").values()) == {"L7OK"})
 
     def install(self) -> None:
-        """Where users copy the files to, seen by nobody but what this starts."""
-        for target in ("/etc/haproxy", "/usr/local/sbin", "/run"):
+        """Copies the files to where users do, on file systems of this process."""
+        for target in "/etc/haproxy", "/usr/local/sbin", "/run":
             subprocess.run(["mount", "-t", "tmpfs", "tmpfs", target], check=True)
         Path("/run/haproxy").mkdir()
-        for name in ("weir-maps", "weir-gate"):
-            copy(f"fleet/{name}", "/usr/local/sbin")
-        copy("fleet/haproxy.cfg", "/etc/haproxy")
-        if not AS_NOBODY:  # the root of a user namespace has no other users
-            CONFIGURATION.write_text(re.sub(r"(?m)^    (user|group) .*\n", "", CONFIGURATION.read_text()))
+        for name in "weir-maps", "weir-gate":
+            shutil.copy(KIT / "fleet" / name, "/usr/local/sbin")
+        text = (KIT / "fleet/haproxy.cfg").read_text()
+        # Root in a user namespace has no other uid to switch to.
+        CONFIGURATION.write_text(text if AS_NOBODY else re.sub(r"(?m)^    (user|group) .*\n", "", text))
 
     def start_cache(self, number: int) -> Process:
         with self.cache_hosts[number] as host:
             return self.lab.nginx(f"cache{number + 1}", 8080,
                                   f"listen {host.address}:8080; root {self.lab.www};")
 
-    def start_haproxy(self, address: str, **options: str) -> Process:
+    def start_haproxy(self, address: str, **options: str) -> None:
         with Host(address):
             process = self.lab.start(["haproxy", "-Ws", "-f", CONFIGURATION], stdout=subprocess.DEVNULL,
                                      stderr=self.said, env={"PATH": os.environ["PATH"], **options})
             wait_until("HAProxy to answer", lambda: client.answers(80) or process.poll() is not None)
         if process.poll() is not None:
             raise SystemExit("HAProxy did not start")
-        return process
 
-    def etcdctl(self, *words: str) -> int:
-        return subprocess.run(["etcdctl", *words], env=settings("fleet/weir-fleet"), check=False,
-                              capture_output=True).returncode
-
-    def put_maps(self, servers: str) -> None:
-        if self.etcdctl("put", "/weir/maps", f"chunk={servers}&playlist={servers}") != 0:
-            raise SystemExit("etcd does not take the maps")
+    def put_maps(self, servers: str) -> bool:
+        return subprocess.run(["etcdctl", "put", "/weir/maps", f"chunk={servers}&playlist={servers}"],
+                              env=settings("weir-fleet"), capture_output=True).returncode == 0
 
     def admin(self, command: str) -> str:
         return subprocess.run(["socat", "-", "UNIX-CONNECT:/run/haproxy/admin.sock"], text=True, check=True,
