@@ -13,45 +13,15 @@ import shlex
 import signal
 import subprocess
 import sys
-import tempfile
 import urllib.request
 from pathlib import Path
 
-from mtail import of_log, parse
 from weirlab import client, lab, network, video
 from weirlab.origin import Origin
 
-SEGMENTS, ORIGIN, MTAIL_PORT = 40, 8000, 3903
-PROGRESS, PROBLEMS = Path("/run/weir/progress"), Path("/run/weir/problems")
-COUNTED = lab.TOP / "kit/metrics/test/metrics.txt"
-
-
-def logs(room: lab.Lab, stories: Path) -> list[str]:
-    """What weir logs in each story."""
-    folder = room.work / "logs"
-    folder.mkdir()
-    subprocess.run([stories, "--gtest_brief=1"], check=True, stdout=subprocess.DEVNULL,
-                   env=os.environ | {"STORY_LOGS": str(folder)})
-    texts = [path.read_text(encoding="latin-1") for path in folder.iterdir()]
-    return ["".join(re.findall(r"^  (?![>~] )(?:! )?(.*\n)", text, re.MULTILINE)) for text in texts]
-
-
-def check_transcripts(room: lab.Lab, stories: Path) -> None:
-    """Compares the sums over all logs with COUNTED, which must contain every metric."""
-    total = collections.Counter[str]()
-    for text in logs(room, stories):
-        (room.work / "log").write_text(text, encoding="latin-1")
-        total.update(of_log(room.work / "log"))
-    counted = "".join(f"{value:.0f} {name}\n" for name, value in sorted(total.items()))
-    if "UPDATE_STORIES" in os.environ:
-        COUNTED.write_text(counted)
-    if counted != (wanted := COUNTED.read_text()):
-        raise SystemExit("\n".join(difflib.unified_diff(wanted.splitlines(), counted.splitlines())))
-    program = (lab.TOP / "kit/metrics/weir.mtail").read_text()
-    names = set(re.findall(r"^(?:counter|gauge) weir_(\w+?)(?:_total)?\b", program, re.MULTILINE))
-    # check_feed() covers two: no transcript logs a start of the unit or ends within a stream.
-    if missing := names - {"starts", "streams"} - {name.split()[0] for name in total}:
-        raise SystemExit(f"never counted: {missing}")
+SEGMENTS, ORIGIN, MTAIL_PORT = 40, "127.0.0.1:8000", 3903
+COUNTED, PROGRAM = lab.TOP / "kit/metrics/test/metrics.txt", lab.TOP / "kit/metrics/weir.mtail"
+DROP_IN, MTAIL_UNIT = "service/weir.service.d/metrics.conf", "metrics/mtail.service.d/weir.conf"
 
 
 def setting(file: str, key: str) -> str:
@@ -65,103 +35,121 @@ def command(file: str, key: str = "ExecStart") -> list[str]:
     return shlex.split(setting(file, key))
 
 
-def scrape() -> dict[str, float]:
+def parse(text: str) -> dict[str, float]:
+    """Values other than 0 by name and labels, such as 'retries kind=segment anew'."""
+    found = re.findall(r"^weir_(\w+?)(?:_total)?(?:\{(.*)\})? (\S+)$", text, re.MULTILINE)
+    return {f"{name} {labels}".strip().replace('"', ""): float(value)
+            for name, labels, value in found if float(value)}
+
+
+def of_log(room: lab.Lab, log: str) -> dict[str, float]:
+    """The metrics of a log, after the filter of the unit."""
+    [printable] = re.findall("(LC_ALL=C .*? tr .*?); ", setting(MTAIL_UNIT, "ExecStart"))
+    with (room.work / "filtered").open("wb") as filtered:
+        subprocess.run(printable, shell=True, input=log.encode("latin-1"), stdout=filtered, check=True)
+    return parse(subprocess.check_output(
+        ["mtail", "--progs", PROGRAM.parent, "--logtostderr", "--emit_prog_label=false", "--one_shot",
+         "--one_shot_format=prometheus", "--logs", filtered.name], stderr=subprocess.DEVNULL, text=True))
+
+
+def check_transcripts(room: lab.Lab, stories: Path) -> None:
+    """Compares the sums over the logs of all stories with COUNTED, which must contain every metric."""
+    folder = room.work / "logs"
+    folder.mkdir()
+    subprocess.run([stories, "--gtest_brief=1"], check=True, stdout=subprocess.DEVNULL,
+                   env=os.environ | {"STORY_LOGS": str(folder)})
+    texts = [path.read_text(encoding="latin-1") for path in folder.iterdir()]
+    logs = ["".join(re.findall(r"^  (?![>~] )(?:! )?(.*\n)", text, re.MULTILINE)) for text in texts]
+    logs.append("start_refreshing\nweir is starting\nstart_refreshing\n")  # a crash ends the first stream
+    total = sum((collections.Counter(of_log(room, log)) for log in logs), collections.Counter[str]())
+    counted = "".join(f"{value:.0f} {name}\n" for name, value in sorted(total.items()))
+    if "UPDATE_STORIES" in os.environ:
+        COUNTED.write_text(counted)
+    if counted != (wanted := COUNTED.read_text()):
+        raise SystemExit("\n".join(difflib.unified_diff(wanted.splitlines(), counted.splitlines())))
+    names = set(re.findall(r"^(?:counter|gauge) weir_(\w+?)(?:_total)?\b", PROGRAM.read_text(), re.MULTILINE))
+    if missing := names - {name.split()[0] for name in total}:
+        raise SystemExit(f"never counted: {missing}")
+
+
+def counted(name: str = f"segments server={ORIGIN}") -> float:
     with urllib.request.urlopen(f"http://127.0.0.1:{MTAIL_PORT}/metrics") as answer:
-        return parse(answer.read().decode())
+        return parse(answer.read().decode()).get(name, 0)
 
 
 def check_feed(room: lab.Lab, binary: Path) -> None:
     """Streams continue while readers of the log are stopped, and are counted once they go on."""
     segments = {f"/{i}.ts": bytes([i]) * 188 for i in range(SEGMENTS)}
-    urls = [f"http://127.0.0.1:{ORIGIN}{path}" for path in segments]
-    files = segments | {"/list": video.media_playlist(urls, 1).encode(),
-                        "/master": video.master_playlist({f"http://127.0.0.1:{ORIGIN}/list": 1}).encode()}
-    Origin(ORIGIN, files.__getitem__)
+    files = {"/list": video.media_playlist([f"http://{ORIGIN}{path}" for path in segments], 1).encode(),
+             "/master": video.master_playlist({f"http://{ORIGIN}/list": 1}).encode(), **segments}
+    Origin(int(ORIGIN.rpartition(":")[2]), files.__getitem__)
 
     def play() -> None:
         client.ask("/%80")  # without the unit's filter, mtail of Debian 12 would stop reading here
-        path = client.stream_path(f"http://127.0.0.1:{ORIGIN}/master")
-        if client.ask(path, timeout=10).partition(b"\r\n\r\n")[2] != b"".join(segments.values()):
+        if client.get(client.stream_path(f"http://{ORIGIN}/master")) != b"".join(segments.values()):
             raise SystemExit("a stream is not whole")
 
-    def counted(name: str = f"segments server=127.0.0.1:{ORIGIN}") -> float:
-        return scrape().get(name, 0)
+    def reading() -> bool:
+        """Whether mtail follows both files. It misses what was written before."""
+        subprocess.run(command(DROP_IN, "ExecStartPre"), stdout=out, check=True)
+        os.write(err, b"not found\n")
+        return counted("starts") > 0 and counted("rejected_requests status=404") > 0
 
-    drop_in, mtail_unit = "service/weir.service.d/metrics.conf", "metrics/mtail.service.d/weir.conf"
-    with open(setting(drop_in, "StandardOutput").removeprefix("append:"), "ab") as out, \
-            open(setting(drop_in, "StandardError").removeprefix("append:"), "ab") as err:
-        mtail = room.start(command(mtail_unit), stderr=subprocess.DEVNULL,
-                           env=os.environ | {"EXTRA_ARGS": setting(mtail_unit, "EXTRA_ARGS")})
-        journal = (room.work / "journal").open("wb")
+    out, err = (os.open(setting(DROP_IN, f"Standard{stream}").removeprefix("append:"),
+                        os.O_WRONLY | os.O_CREAT | os.O_APPEND) for stream in ("Output", "Error"))
+    mtail = room.start(command(MTAIL_UNIT), stderr=subprocess.DEVNULL,
+                       env=os.environ | {"EXTRA_ARGS": setting(MTAIL_UNIT, "EXTRA_ARGS")})
+    with (room.work / "journal").open("wb") as journal:
         tail = room.start(command("metrics/weir-problems.service"), stdout=journal, stderr=journal)
-        lab.wait_until("mtail to answer", lambda: client.answers(MTAIL_PORT))
+    lab.wait_until("mtail to answer", lambda: client.answers(MTAIL_PORT))
+    lab.wait_until("mtail to read", reading)
+    room.start([lab.TOP / "script/without-reboot", binary, 1 << 20], stdout=out, stderr=err)
+    lab.wait_until("weir to answer", lambda: client.answers(client.WEIR))
+    play()
+    lab.wait_until("the first stream to be counted", lambda: counted() == SEGMENTS)
 
-        def reading() -> bool:
-            """Whether mtail follows both files. It misses what was written before."""
-            subprocess.run(command(drop_in, "ExecStartPre"), stdout=out, check=True)
-            os.write(err.fileno(), b"not found\n")
-            return counted("starts") > 0 and counted("rejected_requests status=404") > 0
+    for reader in mtail, tail:
+        reader.send_signal(signal.SIGSTOP)
+    play()
+    with subprocess.Popen(["yes", "x" * 1000], stdout=out, stderr=subprocess.DEVNULL) as filler:
+        filler.wait()  # until no space is left
+    play()
+    for reader in mtail, tail:
+        reader.send_signal(signal.SIGCONT)
+    lab.wait_until("the second stream to be counted", lambda: counted() >= 2 * SEGMENTS)
 
-        lab.wait_until("mtail to read", reading)
-        weir = [lab.TOP / "script/without-reboot", binary, 1 << 20]
-        crashing = room.start(weir, stdout=out, stderr=err)
-        lab.wait_until("weir to answer", lambda: client.answers(client.WEIR))
-        with client.connect(client.stream_path("http://127.0.0.1:1/refused")):
-            lab.wait_until("a stream to be counted", lambda: counted("streams") == 1)
-            room.end(crashing, signal.SIGKILL)
-        reading()
-        room.start(weir, stdout=out, stderr=err)
-        lab.wait_until("weir to answer again", lambda: client.answers(client.WEIR))
-        play()
-        lab.wait_until("the first stream to be counted and over", lambda: counted() == SEGMENTS and not
-                       counted("streams") and counted("streams_ended") == 1)
-
-        for reader in (mtail, tail):
-            reader.send_signal(signal.SIGSTOP)
-        play()
-        with subprocess.Popen(["yes", "x" * 1000], stdout=out, stderr=subprocess.DEVNULL) as filler:
-            filler.wait()  # until no space is left
-        play()
-        for reader in (mtail, tail):
-            reader.send_signal(signal.SIGCONT)
-        lab.wait_until("the second stream to be counted", lambda: counted() >= 2 * SEGMENTS)
-
-        room.start(command("metrics/weir-log.service"))
-        lab.wait_until("the log to be emptied", lambda: PROGRESS.stat().st_size < 1 << 20)
-        starts = counted("starts")
-        # Lines are counted in order. The first one written may complete a line that was cut.
-        lab.wait_until("mtail to catch up", lambda: reading() and counted("starts") > starts)
-        before = counted()
-        play()
-        lab.wait_until("the fourth stream to be counted", lambda: counted() == before + SEGMENTS)
-        lab.wait_until("its end to be in the journal", lambda: (room.work / "journal").read_bytes()
-                       .count(b"mpl finish and cleanup!\n") >= 3)
+    room.start(command("metrics/weir-log.service"))
+    lab.wait_until("the log to be emptied", lambda: os.fstat(out).st_size < 1 << 20)
+    starts = counted("starts")
+    # Lines are counted in order. The first one written may complete a line that was cut.
+    lab.wait_until("mtail to catch up", lambda: reading() and counted("starts") > starts)
+    before = counted()
+    play()
+    lab.wait_until("the fourth stream to be counted", lambda: counted() == before + SEGMENTS)
+    lab.wait_until("its end to be in the journal", lambda: (room.work / "journal").read_bytes()
+                   .count(b"mpl finish and cleanup!\n") >= 3)
 
 
-def run_demo() -> None:
-    with tempfile.NamedTemporaryFile() as log:
-        run = subprocess.run([lab.TOP / "script/demo", "--log", log.name], stdout=subprocess.PIPE, text=True)
-        print(run.stdout)
-        assert run.returncode == 0
-        got = of_log(Path(log.name))
-    expected = {
-        "streams_begun": 1, "streams_ended": 1, "stream_end_reasons reason=last segment": 1,
-        "selections": run.stdout.count("weir takes"),
-        "segments": int(re.findall(r"(\d+) of", run.stdout)[-1]) / 50,
-        "retries kind=segment resumed": len(re.findall(r"from byte [1-9]", run.stdout)),
-        "dead": run.stdout.count("weir marks dead")}
+def check_demo(room: lab.Lab) -> None:
+    run = subprocess.run([lab.TOP / "script/demo", "--log", room.log], stdout=subprocess.PIPE, text=True)
+    print(run.stdout)
+    got = of_log(room, room.log.read_text(encoding="latin-1"))
     got["segments"] = sum(value for key, value in got.items() if key.startswith("segments server="))
     got["dead"] = sum(key.startswith("server_invalidations") for key in got)
-    wrong = {key: got.get(key, 0) for key, value in expected.items() if got.get(key, 0) != value}
-    assert not wrong, f"the story, {expected}, differs from the metrics: {wrong}"
-    print("the metrics fit the story:", expected)
+    for name, told in {
+            "streams_ended": 1, "selections": run.stdout.count("weir takes"),
+            "segments": int(re.findall(r"(\d+) of", run.stdout)[-1]) / 50,
+            "retries kind=segment resumed": len(re.findall("from byte [1-9]", run.stdout)),
+            "dead": run.stdout.count("weir marks dead")}.items():
+        assert run.returncode == 0 and got.get(name, 0) == told, f"{name}: {got.get(name, 0)}, not {told}"
 
 
 def main() -> None:
     if sys.argv[1] == "--demo":
-        return run_demo()
+        with lab.Lab() as room:
+            return check_demo(room)
     network.own_network(mounts=True)
-    for mount in ("-t tmpfs tmpfs /run", f"--bind {lab.TOP}/kit/metrics /etc/mtail",
+    for mount in ("-t tmpfs tmpfs /run", f"--bind {PROGRAM.parent} /etc/mtail",
                   f"-m -t tmpfs -o {setting('metrics/run-weir.mount', 'Options')} tmpfs /run/weir"):
         subprocess.run(["mount", *mount.split()], check=True)
     with lab.Lab() as room:
