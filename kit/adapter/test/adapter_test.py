@@ -21,7 +21,7 @@ from pathlib import Path
 KIT = Path(__file__).resolve().parents[2]
 sys.path.append(str(KIT / "check/test"))
 
-from case import Case, cases, media, serve, written_out  # noqa: E402
+from case import Case, cases, make_certificate, media, serve, written_out  # noqa: E402
 from weirlab import client  # noqa: E402
 from weirlab.lab import TOP, Lab, Process, is_idle, wait_until  # noqa: E402
 from weirlab.network import own_network  # noqa: E402
@@ -39,14 +39,14 @@ STREAMS = (
     f"{HERE}/{PLAIN}/master/master.m3u8", f"{HERE}/{CHUNKED}/vod/list.m3u8",
     f"{RINGS}/{CHUNKED}/encrypted/list.m3u8", f"{HERE}/{TLS}/vod/list.m3u8",
     f"{RINGS}/{TLS}/moved/list.m3u8")
-ORIGIN = """server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/leaf.pem;
-    ssl_certificate_key %(www)s/leaf.key; absolute_redirect off;
+ORIGIN = """server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/pem;
+    ssl_certificate_key %(www)s/pem; absolute_redirect off;
     rewrite ^/moved/(.*) /encrypted/$1 redirect; limit_rate 150k; }"""
 SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001 127.0.0.1:8002 127.0.0.1:9
     none.invalid origin.test *.other.test %(cases)s";
 upstream origin.test { server 127.0.0.1:8443; keepalive 2; }
 upstream an.other.test { server 127.0.0.1:8443; }
-proxy_ssl_trusted_certificate %(www)s/ca.pem;
+proxy_ssl_trusted_certificate %(www)s/pem;
 proxy_cache_path %(work)s/cache keys_zone=weir:1m max_size=64m use_temp_path=off;"""
 NOT_FETCHED = (
     ("http/127.0.0.1:7753/x", 403, "not a listed origin"), ("https/other.test/x", 403, "not a listed"),
@@ -73,15 +73,6 @@ def text_of(path: str, port: int = 7750) -> str:
     return ask(path, port=port)[2].decode()
 
 
-def make_certificates(www: Path) -> None:
-    of_ca = ["-CA", "ca.pem", "-CAkey", "ca.key", "-addext", "subjectAltName=DNS:origin.test"]
-    for name in "ca", "leaf":
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                        "-nodes", "-subj", f"/CN={name}", "-keyout", f"{name}.key", "-out", f"{name}.pem"]
-                       + (of_ca if name == "leaf" else []), cwd=www, check=True, capture_output=True)
-    (www / "leaf.key").chmod(0o644)
-
-
 def chunked(www: Path) -> Callable[[str], bytes]:
     """Serves files, and short/ as a live stream whose window advances as its segments are fetched."""
     fetched = [0]
@@ -100,7 +91,7 @@ def chunked(www: Path) -> Callable[[str], bytes]:
 
 def start_servers(lab: Lab, weir: Path, streams: dict[str, Case]) -> tuple[Process, Path]:
     """Serves each stream at an address of its own. Returns weir and the adapter's log."""
-    make_certificates(lab.www)
+    make_certificate(f"{lab.www}/pem", "DNS:origin.test")
     lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}",
               http=ORIGIN % {"www": lab.www})
     (lab.www / "huge").write_bytes(bytes((HELD + 1) << 20))

@@ -1,8 +1,10 @@
 """A case of cases.txt, and how it is served."""
 
 import functools
+import os
 import random
 import re
+import subprocess
 import time
 import zlib
 from dataclasses import dataclass, field
@@ -49,8 +51,8 @@ def usual(path: str) -> bytes:
 def written_out(text: str, host: str) -> bytes:
     for short, long in SHORT.items():
         text = re.sub(f"^{short}", long, text, flags=re.M)
-    text = re.sub(r"^(\d+)\*(.*\n)", lambda found: found[2] * int(found[1]), text, flags=re.M)
-    text = re.sub(r"^(\d+)\^(.*)", lambda found: found[2] * int(found[1]), text, flags=re.M)
+    text = re.sub(r"^(\d+)(?:\*(.*\n)|\^(.*))", lambda found: (found[2] or found[3]) * int(found[1]), text,
+                  flags=re.M)
     for name, value in {"$H": "http://$O", "$O": host, "\\r": "\r", "\\ufeff": "\ufeff"}.items():
         text = text.replace(name, value)
     return text.encode()
@@ -71,9 +73,8 @@ class Case:
     @property
     def whole(self) -> bytes:
         """What a player that supports all of HLS gets."""
-        names = ["/init.mp4", "/1.m4s"] if self.plays == "mp4" else [
-            f"/{one}.ts" for one in self.plays.split()]
-        return b"".join(usual(name) for name in names)
+        names = "init.mp4 1.m4s" if self.plays == "mp4" else re.sub(r"\S+", r"\g<0>.ts", self.plays)
+        return b"".join(usual(f"/{name}") for name in names.split())
 
     def file(self, path: str, seconds: float, host: str) -> bytes:
         """Its version that many seconds after its first request; empty if there is none."""
@@ -92,7 +93,7 @@ def read_case(text: str) -> Case:
             path, *faults = rest.split()
             case.faults.setdefault(path, set()).update(faults)
             texts = case.texts.setdefault(path, {})
-            at = next((float(fault[6:]) for fault in faults if fault[:6] == "after="), 0.0)
+            at = max((float(fault[6:]) for fault in faults if fault.startswith("after=")), default=0.0)
             texts[at] = ""
         elif word == "+++":
             texts, at = case.adapted, rest
@@ -109,6 +110,15 @@ def read_case(text: str) -> Case:
 def cases(path: Path = Path(__file__).parent / "cases.txt") -> list[Case]:
     texts = path.read_text(encoding="utf-8").rstrip().split("\n\n== ")
     return [read_case(text) for text in texts[1:]]
+
+
+def make_certificate(pem: str, name: str) -> str:
+    """With its key; any user may read it."""
+    subprocess.run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=origin "
+                   f"-addext subjectAltName={name} -keyout {pem} -out {pem}".split(), check=True,
+                   stderr=subprocess.DEVNULL)
+    os.chmod(pem, 0o644)
+    return pem
 
 
 def serve(case: Case, address: str, port: int, certificate: str = "") -> None:

@@ -21,7 +21,7 @@ from pathlib import Path
 TOP = Path(__file__).resolve().parents[3]
 sys.path[:0] = [str(TOP / "script"), str(TOP / "kit/check")]
 
-from case import GRADES, Case, cases, serve  # noqa: E402
+from case import GRADES, Case, cases, make_certificate, serve  # noqa: E402
 from weir_check.main import main as weir_check  # noqa: E402
 from weirlab.client import connect, get, stream_path  # noqa: E402
 from weirlab.lab import Lab, is_idle, wait_until  # noqa: E402
@@ -83,15 +83,6 @@ def check(case: Case, program: Path, certificate: str) -> str:
     return text
 
 
-def certificate_in(folder: str) -> str:
-    """Makes a certificate and key; this process trusts it."""
-    pem = os.environ["SSL_CERT_FILE"] = f"{folder}/pem"
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                    "-nodes", "-keyout", pem, "-out", pem, "-subj", "/CN=origin",
-                    "-addext", f"subjectAltName=IP:{CHECKED}"], check=True, capture_output=True)
-    return pem
-
-
 def check_installed(usr: str) -> None:
     """Runs the command as the package installs it."""
     shutil.copytree(TOP / "kit/check/weir_check", f"{usr}/share/weir/weir_check")
@@ -106,7 +97,7 @@ def main(program: Path, names: list[str]) -> None:
     chosen = [case for case in cases() if not names or case.name in names]
     with tempfile.TemporaryDirectory() as folder:
         check_installed(folder)
-        certificate = certificate_in(folder)
+        certificate = os.environ["SSL_CERT_FILE"] = make_certificate(f"{folder}/pem", f"IP:{CHECKED}")
         # Sessions of their own give the processes fair shares of a busy machine.
         with ProcessPoolExecutor(AT_ONCE, initializer=os.setsid) as pool:
             tasks = {case.name: pool.submit(check, case, program, certificate) for case in chosen}
