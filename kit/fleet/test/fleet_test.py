@@ -216,7 +216,7 @@ def main() -> None:
         try:
             Story(lab, options.players, options.kbit, Path(binary)).run()
         except SystemExit:
-            subprocess.run(f"cat said; grep -aE '{PROBLEMS}' weir?.log", shell=True, cwd=lab.work)
+            subprocess.run(f"cat said; grep -aE '{PROBLEMS}' weir?.log | tail -40", shell=True, cwd=lab.work)
             raise
 
 
