@@ -18,15 +18,15 @@ isolated() {
   script/without-reboot "${isolation[@]}" --mount-proc bash -c '. script/debian.sh; "$@"' bash "$@"
 }
 
-# make_systems RELEASE...: archives of minimal systems, in the cache. Without updates: those
-# reach some architectures later, and then two architectures can't be installed together.
+# make_systems RELEASE...: archives of minimal systems, in the cache. They lack updates, which
+# reach some architectures later, so that two architectures could not be installed together.
 make_systems() {
   local name
   need git mmdebstrap debian-archive-keyring iproute2
   for name in "$@"; do
     [ -z "$(find "$cache/$name/system.tar" -mmin -$week 2>/dev/null)" ] || continue
     mkdir -p "$cache/$name"
-    # apt reaches its mirrors as this machine's does.
+    # apt reaches its mirrors with this machine's settings.
     apt-config dump | sed -n '/^Acquire::\(http\|https\|Check-.*\|Retries\)[: ].* "..*";$/p' >"$cache/$name/apt.conf"
     mmdebstrap --quiet --variant=apt --include=ca-certificates,git,passwd,sudo --aptopt="$cache/$name/apt.conf" \
       "$name" "$cache/$name/new.tar" "deb http://deb.debian.org/debian $name main"

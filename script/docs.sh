@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# Run by script/check docs. Checks that links in the pages lead somewhere, that every file
-# named exists, that commands are valid shell, and that those in marked blocks work:
+# Run by script/check docs. Checks that links in the pages lead to a heading or file, that every
+# file named exists, that commands are valid shell, and that those in marked blocks work:
 #   console run    in a fresh copy of the tree
 #   console weir   there, beside weir on its port and a web server on 192.0.2.1:80
 #                  that serves www/
