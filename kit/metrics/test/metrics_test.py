@@ -48,8 +48,9 @@ def of_log(room: lab.Lab, log: str) -> dict[str, float]:
     with (room.work / "filtered").open("wb") as filtered:
         subprocess.run(printable, shell=True, input=log.encode("latin-1"), stdout=filtered, check=True)
     return parse(subprocess.check_output(
-        ["mtail", "--progs", PROGRAM.parent, "--logtostderr", "--emit_prog_label=false", "--one_shot",
-         "--one_shot_format=prometheus", "--logs", filtered.name], stderr=subprocess.DEVNULL, text=True))
+        ["mtail", "--port=0", "--progs", PROGRAM.parent, "--logtostderr", "--emit_prog_label=false",
+         "--one_shot", "--one_shot_format=prometheus", "--logs", filtered.name],
+        stderr=subprocess.DEVNULL, text=True))
 
 
 def check_transcripts(room: lab.Lab, stories: Path) -> None:
