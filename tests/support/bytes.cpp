@@ -2,15 +2,35 @@
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <random>
+#include <sstream>
 
 namespace weir::test {
 
-void expect_rows(std::string (*function)(const std::string&),
-                 const std::vector<std::pair<std::string, std::string>>& rows) {
+void expect_rows(Function* function, const std::vector<std::pair<std::string, std::string>>& rows) {
   for (const auto& [in, out] : rows) EXPECT_EQ(function(in), out) << "of " << in;
+}
+
+void expect_words(Function* function, const std::string& table) {
+  std::istringstream lines(table);
+  for (std::string in, out; std::getline(lines, in) && std::getline(lines, out);) {
+    std::istringstream ins(in), outs(out);
+    while (ins >> in && outs >> out) EXPECT_EQ(function(in), out) << "of " << in;
+    EXPECT_FALSE(ins || outs >> out) << "not as many";
+  }
+}
+
+int received(const std::string& text) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) std::abort();
+  if (write(ends[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
+  close(ends[1]);
+  return ends[0];
 }
 
 std::string pattern(size_t size, unsigned seed) {

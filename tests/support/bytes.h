@@ -17,8 +17,13 @@ inline std::span<const unsigned char> bytes_of(const std::string& text) {
 }
 
 // Compares each second text with what the function makes of the first.
-void expect_rows(std::string (*function)(const std::string&),
-                 const std::vector<std::pair<std::string, std::string>>& rows);
+using Function = std::string(const std::string&);
+void expect_rows(Function* function, const std::vector<std::pair<std::string, std::string>>& rows);
+// The same for words: in every second line are the results of the words above them.
+void expect_words(Function* function, const std::string& table);
+
+// The descriptor of a connection on which that has arrived, and then its end.
+int received(const std::string& text);
 
 // Pseudo-random bytes, so that displaced ones are noticed.
 std::string pattern(std::size_t size, unsigned seed = 1);

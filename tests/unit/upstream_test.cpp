@@ -1,7 +1,9 @@
-// Tables of responses and of the servers that URLs name.
+// Tables of responses, of cache maps and of the servers that URLs name.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
+#include <span>
+
+#include "base/text.h"
 #include "cachemap/cache_map.h"
 #include "support/bytes.h"
 #include "upstream/connection.h"
@@ -9,18 +11,15 @@
 #include "upstream/server_choice.h"
 
 namespace weir::test {
-namespace {
 
 using std::string_literals::operator""s;
 
-// What is read of a response: its version, length, offset and what follows its head; or what
-// is logged about it.
-std::string shown(const std::string& sent) {
-  int ends[2];
-  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  EXPECT_EQ(write(ends[1], sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-  Connection connection{Fd(ends[0])};
-  const Fd sender(ends[1]);
+// What is read of a response, each "|" of which is a line end: its version, length, offset and
+// what follows its head; or what is logged about it.
+static std::string shown_response(const std::string& text) {
+  std::string sent = text;
+  for (size_t at; (at = sent.find('|')) != sent.npos;) sent.replace(at, 1, "\r\n");
+  Connection connection{Fd(received(sent))};
   Response response;
   testing::internal::CaptureStderr();
   const bool read =
@@ -28,80 +27,115 @@ std::string shown(const std::string& sent) {
   const std::string errors = testing::internal::GetCapturedStderr();
   if (!read) return errors;
   const std::optional<std::uint64_t> length = response.content_length();
-  return std::string(response.http11() ? "1.1" : "1.0")
-      .append(" ")
-      .append(length ? std::to_string(*length) : "none")
-      .append(" from ")
-      .append(std::to_string(response.position()))
-      .append(" ")
-      .append(response.rest);
+  return (response.http11() ? "1.1 " : "1.0 ") + (length ? std::to_string(*length) : "none") +
+         " from " + std::to_string(response.position()) + " " + response.rest;
 }
 
 TEST(Response, HeadersAreRead) {
-  expect_rows(
-      shown,
-      {
-          {"HTTP/1.1 200 OK\r\nA: b\r\n\r\n", "1.1 none from 0 "},
-          {"HTTP/1.0 2\r\nA: b\r\n\r\nbody\r\n\r\n", "1.0 none from 0 body\r\n\r\n"},
-          {"HTTP/1.1 206 P\r\nContent-Length: \t 3 \r\n\r\n206", "1.1 3 from 0 206"},
-          {"HTTP/1.1 200\r\n Content-Length: 9\r\nContent-Length:010\r\n\r\n", "1.1 10 from 0 "},
-          {"HTTP/1.1 200\r\nContent-Length: 3\r\nContent-Length: 5\r\n\r\n", "1.1 3 from 0 "},
-          {"HTTP/1.1 200\r\nno colon\r\ncontent-length: 5\r\n\r\n", "1.1 none from 0 "},
-          {"HTTP/1.1 200\r\nContent-Length: -1\r\n\r\n", "1.1 18446744073709551615 from 0 "},
-          {"HTTP/1.1 200\nContent-Length: 1\r\nA:\nContent-Length: 2\n\r\n\r\n", "1.1 2 from 0 "},
-          {"HTTP/1.1 200\r\nContent-Range: bytes 4096-8191/8192\r\n\r\n", "1.1 none from 4096 "},
-          {"HTTP/1.1 200\r\nContent-Range: bytes 12\r\n\r\n", "1.1 none from 12 "},
-          {"HTTP/1.1 200\r\nContent-Range: bytes -5\r\n\r\n", "1.1 none from 0 "},
-          {"HTTP/1.1 200\r\nContent-Range: -bytes 5\r\n\r\n", "1.1 none from 5 "},
-          {"HTTP/1.1 200\r\nContent-Range: 7-8/9\r\n\r\n", "1.1 none from 0 "},
-          {"HTTP/1.1 200\r\nContent-Range: bytes\r\n\r\n", "1.1 none from 0 "},
-          {"HTTP/1.1 200\r\ncontent-range: bytes 4-5/6\r\n\r\n", "1.1 none from 0 "},
-      });
+  const auto shown = [](const std::string& rest) {
+    return shown_response("HTTP/1.1 200 OK" + rest);
+  };
+  expect_rows(shown, {{"|A: b||", "1.1 none from 0 "},
+                      {"|A: b|||| 3||", "1.1 none from 0 \r\n\r\n 3\r\n\r\n"},
+                      {"|Content-Length: \t 3 ||", "1.1 3 from 0 "},
+                      {"| Content-Length: 9|Content-Length:010||", "1.1 10 from 0 "},
+                      {"|Content-Length: 3|Content-Length: 5||", "1.1 3 from 0 "},
+                      {"|no colon|content-length: 5||", "1.1 none from 0 "},
+                      {"|Content-Length: -1||", "1.1 18446744073709551615 from 0 "},
+                      {"\nContent-Length: 1|A:\nContent-Length: 2\n||", "1.1 2 from 0 "},
+                      {"|Content-Range: bytes 4096-8191/8192||", "1.1 none from 4096 "},
+                      {"|Content-Range: bytes 12||", "1.1 none from 12 "},
+                      {"|Content-Range: bytes -5||", "1.1 none from 0 "},
+                      {"|Content-Range: -bytes 5||", "1.1 none from 5 "},
+                      {"|Content-Range: 7-8/9||", "1.1 none from 0 "}});
 }
 
 TEST(Response, OtherStatusLinesAreRejected) {
-  expect_rows(shown,
-              {
-                  {"HTTP/1.1 200 OK", "Where is http state?\n"},
-                  {"\r\nHTTP/1.1 200 OK\r\n", "Empty http state?\n"},
-                  {"ICY 200 OK\r\n", "Not HTTP/1.x?\n"},
-                  {"HTTP/1.2 200 OK\r\n", "Not HTTP/1.x?\n"},
-                  {"HTTP/1.1\r\n", "HTTP response first_line: HTTP/1.1\n"},
-                  {"HTTP/1.1  200 OK\r\n", "HTTP response first_line: HTTP/1.1  200 OK\n"},
-                  {"HTTP/1.0 302 Found\r\nA", "HTTP response first_line: HTTP/1.0 302 Found\n"},
-              });
+  expect_rows(shown_response,
+              {{"HTTP/1.0 2|A: b||206", "1.0 none from 0 206"},
+               {"HTTP/1.1 200 OK", "Where is http state?\n"},
+               {"|HTTP/1.1 200 OK|", "Empty http state?\n"},
+               {"ICY 200 OK|", "Not HTTP/1.x?\n"},
+               {"HTTP/1.2 200 OK|", "Not HTTP/1.x?\n"},
+               {"HTTP/1.1|", "HTTP response first_line: HTTP/1.1\n"},
+               {"HTTP/1.1  200 OK|", "HTTP response first_line: HTTP/1.1  200 OK\n"},
+               {"HTTP/1.0 302 Found|A", "HTTP response first_line: HTTP/1.0 302 Found\n"}});
 }
 
+// For the map of playlists, a space and a URL: the server and path that are chosen, with "!" if
+// the server is one of a map.
 TEST(ServerChoice, PlaceholdersAreReplacedByCaches) {
   chunkCacheMap = new CacheMap;
   playlistCacheMap = new CacheMap;
   chunkCacheMap->setMap("c:8080");
-  const struct {
-    std::string playlists, url, server;
-  } rows[] = {
-      {"", "http://@", "c:8080/"},
-      {"", "http://@:81/x", "@:81/x"},
-      {"", "https://o/x", "o:80/x"},
-      {"p:81", "http://~/x", "p:81/x"},
-      {"p:81:82", "http://~/x", "p:81/x"},
-      {"p", "http://~/x", "p:0/x"},
-      {"12", "http://~/x", "12:12/x"},
-      {"", "http://~/x", "no valid ring found\nExcep: No playlist cache server found\n"},
-      {"", "ftp://o", "Excep: ftp\n"},
-  };
-  for (const auto& [playlists, url, server] : rows) {
-    playlistCacheMap->setMap(playlists);
+  const auto shown = [](const std::string& text) {
+    const size_t space = text.find(' ');
+    playlistCacheMap->setMap(text.substr(0, space));
     ServerChoice choice;
     testing::internal::CaptureStderr();
-    const bool chosen = choice.choose(url);
+    const bool chosen = choice.choose(text.substr(space + 1));
     const std::string errors = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(chosen ? choice.host() + ":" + std::to_string(choice.port()) + choice.path() : errors,
-              server);
-    EXPECT_EQ(choice.from_cache_map(), chosen && url.find_first_of("@~") == 7 && url[8] != ':');
-  }
+    if (!chosen) return errors;
+    return (choice.from_cache_map() ? "!" : "") + choice.host() + ":" +
+           std::to_string(choice.port()) + choice.path();
+  };
+  expect_rows(shown,
+              {{" http://@", "!c:8080/"},
+               {" http://@:81/x", "@:81/x"},
+               {"p:82 https://o/x", "o:80/x"},
+               {"p:81 http://~/x", "!p:81/x"},
+               {"p:81:82 http://~/x", "!p:81/x"},
+               {"p http://~/x", "!p:0/x"},
+               {"12 http://~/x", "!12:12/x"},
+               {" http://~/x", "no valid ring found\nExcep: No playlist cache server found\n"},
+               {" a\0b://o"s, "Excep: a\n"}});
   delete chunkCacheMap;
   delete playlistCacheMap;
 }
 
-}  // namespace
+// Expected servers were computed with an independent CRC-32: bits 16-30 of the first two path
+// segments, modulo the number of live servers.
+TEST(CacheMap, FirstTwoSegmentsOfThePathChooseTheServer) {
+  const auto choice = [](const std::string& path) {
+    CacheMap map;
+    map.setMap("s0,s1,s2,s3,s4,s5,s6");
+    return map.selectServer(path);
+  };
+  expect_words(choice,
+               "/abc/def/x.m3u8  /_live/abc/def/x.ts  /abc//def  /abc/  /abc  /  /a  /_live\n"
+               "s0               s0                   s6         s6     s3    s0  s4 s0\n"
+               "/vod/film?x=1  /vod?x=/a/b  /vod/f?/b  /_live/ch1/720p/1.ts  /ch286472/hd/1\n"
+               "s6             s2           s6         s5                    s0\n"
+               "/a/_live/b/c  /_lives/x/y  /_live//x/y  /_live/  /\xE9/x/y  x/a/b\n"
+               "s4            s1           s2           s0       s1         s0\n");
+  expect_rows(choice, {{"/a\0b/x"s, "s6"}, {"/a\0"s, "s6"}});
+}
+
+// The map, and after "!" the servers that die one after the other.
+TEST(CacheMap, LaterRingsAreUsedWhenAllEarlierServersAreDead) {
+  const auto choice = [](const std::string& text) {
+    CacheMap map;
+    const auto parts = split(text, '!');
+    map.setMap(std::string(parts[0]));
+    for (const std::string_view server : std::span(parts).subspan(1))
+      map.invalidateServer(std::string(server));
+    return map.selectServer("/x") + ".";
+  };
+  expect_words(choice,
+               "!  ;;a  a;b  a;b!a  a;b!a!a!c  a,b;c!b  a,b;c!a!b  a;b,a;c!a\n"
+               ".  a.   a.   b.     b.         a.       c.         b.\n"
+               "a;b,a;c!b!a  a,a;b!a  a;b!b!a  ,;b\n"
+               "c.           b.       .        .\n");
+  expect_rows(choice, {{" a!a", " a."}});
+}
+
+TEST(CacheMap, OnlyANewMapRevivesAServer) {
+  CacheMap map;
+  map.setMap("a");
+  map.invalidateServer("a");
+  EXPECT_EQ(map.selectServer("/"), "");
+  map.setMap("a");
+  EXPECT_EQ(map.selectServer("/"), "a");
+}
+
 }  // namespace weir::test
