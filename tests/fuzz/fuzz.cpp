@@ -48,7 +48,8 @@ void buffer(unsigned kind, const std::string& operations) {
     std::string bytes(count, '\0');
     if (which == 3) {
       const auto there = buffer.peek();
-      bytes.assign(there.begin(), there.begin() + std::min(there.size(), count));
+      const auto taken = there.first(std::min(there.size(), count));
+      bytes.assign(taken.begin(), taken.end());
       buffer.consume(bytes.size());
     } else {
       bytes.resize(buffer.read(test::bytes_of(bytes)));

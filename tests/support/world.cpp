@@ -42,34 +42,30 @@ const bool tame = [] {
   return true;
 }();
 
+template <class... Values>
+std::string text_of(const char* format, Values... values) {
+  char text[64];
+  return {text, static_cast<size_t>(std::snprintf(text, sizeof text, format, values...))};
+}
+
 // In one line: "a{9}" is nine times an "a". A longer text ends with its size and FNV-1a sum.
 std::string shown(const std::string& bytes, size_t most) {
   std::string line;
   std::uint32_t sum = 2166136261;
-  for (size_t at = 0; at < bytes.size();) {
-    const size_t run = std::min(bytes.find_first_not_of(bytes[at], at), bytes.size()) - at;
-    for (const char c : bytes.substr(at, run))
-      sum = (sum ^ static_cast<unsigned char>(c)) * 16777619;
-    char code[8] = {bytes[at]};
-    if (bytes[at] < ' ' || bytes[at] > '~' || bytes[at] == '\\')
-      std::snprintf(code, sizeof code, "\\x%02hhx", bytes[at]);
-    for (size_t times = run > 3 ? 1 : run; times > 0 && line.size() < most; --times) line += code;
-    if (run > 3 && line.size() < most) line.append("{").append(std::to_string(run)).append("}");
-    at += run;
+  for (const char c : bytes) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619;
+  for (size_t at = 0, run = 0; at < bytes.size() && line.size() < most; at += run) {
+    run = std::min(bytes.find_first_not_of(bytes[at], at), bytes.size()) - at;
+    if (run < 4) run = 1;
+    const bool plain = bytes[at] >= ' ' && bytes[at] <= '~' && bytes[at] != '\\';
+    line += plain ? std::string(1, bytes[at]) : text_of("\\x%02hhx", bytes[at]);
+    if (run > 1) line += text_of("{%zu}", run);
   }
-  char rest[64];
-  std::snprintf(rest, sizeof rest, "... %zu bytes, %08x", bytes.size(), sum);
-  return line.size() < most ? line : line + rest;
+  return line.size() < most ? line : line + text_of("... %zu bytes, %08x", bytes.size(), sum);
 }
 
 std::string in_one_line(std::string text) {
   for (size_t at; (at = text.find("\r\n")) != std::string::npos;) text.replace(at, 2, " | ");
   return text;
-}
-
-unsigned seed() {
-  const char* const text = std::getenv("SIM_SEED");
-  return text == nullptr ? 0 : static_cast<unsigned>(std::atoi(text));
 }
 
 }  // namespace
@@ -89,29 +85,22 @@ Reply cut(const std::string& body, size_t sent, Reply::End end) {
 
 Reply slow(const std::string& body, size_t piece, Time pause) {
   Reply reply = cut(body, 0, Reply::kKeep);
-  for (size_t at = 0; at < body.size(); at += piece) {
+  for (size_t at = 0; at < body.size(); at += piece)
     reply.pieces.push_back({pause, body.substr(at, piece)});
-  }
   return reply;
 }
 
 std::string master(const std::vector<std::string>& variants) {
   std::string text = "#EXTM3U\n";
-  for (const std::string& variant : variants) {
-    const size_t space = variant.find(' ');
-    if (space != std::string::npos)
-      text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant.substr(0, space) + "\n";
-    text += variant.substr(space + 1) + "\n";
-  }
+  for (std::string variant : variants)
+    text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant.replace(variant.find(' '), 1, "\n") + "\n";
   return text;
 }
 
 std::string list(int first, const std::vector<std::string>& lines, long duration) {
   std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:" + std::to_string(duration) +
                      "\n#EXT-X-MEDIA-SEQUENCE:" + std::to_string(first) + "\n";
-  for (const std::string& line : lines) {
-    text += (line[0] == '/' ? "http://o" : "") + line + "\n";
-  }
+  for (const std::string& line : lines) text += (line[0] == '/' ? "http://o" : "") + line + "\n";
   return text;
 }
 
@@ -119,10 +108,8 @@ std::string key(const std::string& url) { return "#EXT-X-KEY:METHOD=AES-128,URI=
 
 Pages vod(const std::string& variant, Pages more) {
   more.insert({{"/m", {ok(master({"1 http://o/v"}))}}, {"/v", {ok(variant)}}});
-  for (const char number : "123456789"s) {
-    const std::string path = {'/', number};
+  for (const std::string path : {"/1", "/2", "/3", "/4", "/5", "/6", "/7"})
     more.insert({path, {ok(path)}});
-  }
   return more;
 }
 
@@ -155,14 +142,14 @@ void respond(std::string& received, Pipe& out,
 World::World(const std::vector<std::string>& arguments) : start_(now()) {
   world = this;
   ++worlds;
-  set_seed(seed());
+  const char* const seed = std::getenv("SIM_SEED");
+  set_seed(seed == nullptr ? 0 : static_cast<unsigned>(std::atoi(seed)));
   set_clock(1000s);
   noticed = [this](const std::string& call) { note("~ " + call); };
   log_line = [this](int fd, const std::string& text) {
     std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line);)
       note((fd == STDERR_FILENO ? "! " : "") + line);
-    }
   };
   spawn(
       [this, arguments] {
@@ -196,9 +183,7 @@ World::~World() {
 }
 
 std::string World::stamp() const {
-  char time[32];
-  std::snprintf(time, sizeof time, "%.3f", static_cast<double>(since_start().count()) / 1e9);
-  return time;
+  return text_of("%.3f", static_cast<double>(since_start().count()) / 1e9);
 }
 
 void World::note(const std::string& line) {
@@ -237,6 +222,11 @@ void World::at(Time time, std::function<void()> act) {
   });
 }
 
+void World::during(Time from, Time to, const std::function<void(bool)>& act) {
+  at(from, [act] { act(true); });
+  at(to, [act] { act(false); });
+}
+
 std::string World::get(const Ask& ask) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   const sockaddr_in to{AF_INET, htons(7744), {htonl(INADDR_LOOPBACK)}, {}};
@@ -271,7 +261,8 @@ void World::play(const std::vector<Ask>& asks) {
   for (int patience = 200; patience > 0 && threads() > 1; --patience) sleep(1s);
 }
 
-void World::converse(const std::vector<Ask>& asks, bool in_full) {
+void World::converse(const std::vector<Ask>& asks, const Pages& pages, bool in_full) {
+  if (!pages.empty()) origin("o", pages);
   play(asks);
   compare(transcript, in_full);
 }

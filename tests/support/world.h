@@ -32,7 +32,7 @@ Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
 // The head, then the body in pieces.
 Reply slow(const std::string& body, size_t piece, Time pause);
 
-// A master playlist of variants "BANDWIDTH URL"; other lines are copied.
+// A master playlist of variants "BANDWIDTH URL".
 std::string master(const std::vector<std::string>& variants);
 // A variant playlist whose first segment has that number. Paths are on the host "o".
 std::string list(int first, const std::vector<std::string>& lines, long duration = 10);
@@ -46,7 +46,7 @@ void respond(std::string& received, Pipe& out,
 // The replies for each path, in turn; the last one is repeated. Other paths get 404.
 using Pages = std::map<std::string, std::vector<Reply>>;
 
-// The pages of a stream of one variant. Segments "/1" to "/9" contain their path.
+// The pages of a stream of one variant. Segments "/1" to "/7" contain their path.
 Pages vod(const std::string& variant, Pages more = {});
 inline const std::string kM = "/stream?url=http://o/m";  // requests it
 inline const std::string kKey = "0123456789abcdef";
@@ -78,9 +78,11 @@ class World {
   std::string get(const Ask& ask);
   // Sends each request at its time, and returns when only the program's loop is left.
   void play(const std::vector<Ask>& asks);
-  // Plays, then compares the story; see support/story.h.
-  void converse(const std::vector<Ask>& asks, bool in_full = false);
+  // Plays with an origin "o" of these pages, then compares the story; see support/story.h.
+  void converse(const std::vector<Ask>& asks, const Pages& pages = {}, bool in_full = false);
   void at(Time time, std::function<void()> act);
+  // Calls act(true) and then act(false).
+  void during(Time from, Time to, const std::function<void(bool)>& act);
 
   Time since_start() const { return now() - start_; }
   // The log ("! " = standard error), requests to origins ("> "), and observed calls and

@@ -15,17 +15,17 @@ namespace weir::test {
 using std::string_literals::operator""s;
 
 // What is read of a response, each "|" of which is a line end: its version, length, offset and
-// what follows its head; or what is logged about it.
+// what follows its head; or what is logged about it, with "again: " if it counts as none.
 static std::string shown_response(const std::string& text) {
   std::string sent = text;
   for (size_t at; (at = sent.find('|')) != sent.npos;) sent.replace(at, 1, "\r\n");
   Connection connection{Fd(received(sent))};
   Response response;
   testing::internal::CaptureStderr();
-  const bool read =
-      response.read_status(connection) == Outcome::kDone && response.read_headers(connection);
+  const Outcome status = response.read_status(connection);
+  const bool read = status == Outcome::kDone && response.read_headers(connection);
   const std::string errors = testing::internal::GetCapturedStderr();
-  if (!read) return errors;
+  if (!read) return (status == Outcome::kNoAnswer ? "again: " : "") + errors;
   const std::optional<std::uint64_t> length = response.content_length();
   return (response.http11() ? "1.1 " : "1.0 ") + (length ? std::to_string(*length) : "none") +
          " from " + std::to_string(response.position()) + " " + response.rest;
@@ -53,10 +53,10 @@ TEST(Response, HeadersAreRead) {
 TEST(Response, OtherStatusLinesAreRejected) {
   expect_rows(shown_response,
               {{"HTTP/1.0 2|A: b||206", "1.0 none from 0 206"},
-               {"HTTP/1.1 200 OK", "Where is http state?\n"},
-               {"|HTTP/1.1 200 OK|", "Empty http state?\n"},
-               {"ICY 200 OK|", "Not HTTP/1.x?\n"},
-               {"HTTP/1.2 200 OK|", "Not HTTP/1.x?\n"},
+               {"HTTP/1.1 200 OK", "again: Where is http state?\n"},
+               {"|HTTP/1.1 200 OK|", "again: Empty http state?\n"},
+               {"ICY 200 OK|", "again: Not HTTP/1.x?\n"},
+               {"HTTP/1.2 200 OK|", "again: Not HTTP/1.x?\n"},
                {"HTTP/1.1|", "HTTP response first_line: HTTP/1.1\n"},
                {"HTTP/1.1  200 OK|", "HTTP response first_line: HTTP/1.1  200 OK\n"},
                {"HTTP/1.0 302 Found|A", "HTTP response first_line: HTTP/1.0 302 Found\n"}});
