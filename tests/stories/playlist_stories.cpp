@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "support/story.h"
 #include "support/world.h"
 
 namespace weir::test {

@@ -1,7 +1,6 @@
 // What weir does when origins and caches fail: retries, other servers, resumed downloads.
 #include <gtest/gtest.h>
 
-#include "support/story.h"
 #include "support/world.h"
 
 namespace weir::test {

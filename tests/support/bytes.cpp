@@ -33,6 +33,12 @@ int received(const std::string& text) {
   return ends[0];
 }
 
+std::string replaced(std::string text, const std::string& old, const std::string& by) {
+  for (size_t at = 0; (at = text.find(old, at)) != text.npos; at += by.size())
+    text.replace(at, old.size(), by);
+  return text;
+}
+
 std::string pattern(size_t size, unsigned seed) {
   std::minstd_rand random(seed);
   std::string text(size, '\0');

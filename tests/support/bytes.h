@@ -25,6 +25,9 @@ void expect_words(Function* function, const std::string& table);
 // The descriptor of a connection on which that has arrived, and then its end.
 int received(const std::string& text);
 
+// The text with `by` in place of each `old`.
+std::string replaced(std::string text, const std::string& old, const std::string& by);
+
 // Pseudo-random bytes, so that displaced ones are noticed.
 std::string pattern(std::size_t size, unsigned seed = 1);
 

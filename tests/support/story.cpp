@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "support/bytes.h"
 #include "support/fibers.h"
 
 namespace weir::test {
@@ -30,12 +31,6 @@ std::string contents_of(const std::string& path) {
   return (std::ostringstream() << std::ifstream(path).rdbuf()).str();
 }
 
-void replace_all(std::string& text, const std::string& old, const std::string& by) {
-  for (size_t at = 0; (at = text.find(old, at)) != text.npos; at += by.size()) {
-    text.replace(at, old.size(), by);
-  }
-}
-
 // An expression for the lines of a phrase, and the format of the line that replaces them. A
 // {hole} is one word, a {HOLE} any text; one that occurs twice is the same both times.
 struct Phrase {
@@ -51,8 +46,8 @@ struct Phrase {
       if (name.find(hole) == name.npos) throw std::logic_error(name + " loses " + hole);
       lines.replace(static_cast<size_t>(found.position()), hole.size(),
                     hole[1] < 'a' ? "(.*)" : "(\\S*)");
-      replace_all(lines, hole, std::string("\\") + number);
-      replace_all(name, hole, std::string("$") + number);
+      lines = replaced(lines, hole, std::string("\\") + number);
+      name = replaced(name, hole, std::string("$") + number);
     }
   }
 };
@@ -145,8 +140,8 @@ void compare(const std::string& transcript, bool in_full) {
   const Inside inside;
   const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
   const std::string path = STORIES "/" + name + ".txt";
-  std::string story = in_full ? transcript : shorten(transcript);
-  replace_all(story, "-nan", "nan");  // the sign of 0 / 0 depends on the processor
+  // The sign of 0 / 0 depends on the processor.
+  const std::string story = replaced(in_full ? transcript : shorten(transcript), "-nan", "nan");
   const char* const logs = std::getenv("STORY_LOGS");
   if (logs != nullptr) std::ofstream(logs + ("/" + name) + ".txt") << transcript;
   if (std::getenv("UPDATE_STORIES") != nullptr) std::ofstream(path) << story;

@@ -63,11 +63,6 @@ std::string shown(const std::string& bytes, size_t most) {
   return line.size() < most ? line : line + text_of("... %zu bytes, %08x", bytes.size(), sum);
 }
 
-std::string in_one_line(std::string text) {
-  for (size_t at; (at = text.find("\r\n")) != std::string::npos;) text.replace(at, 2, " | ");
-  return text;
-}
-
 }  // namespace
 
 Reply raw(std::string bytes, Reply::End end) { return {{{0s, std::move(bytes)}}, end}; }
@@ -202,7 +197,7 @@ Host& World::origin(const std::string& name_and_port, Pages pages) {
   host.request = [this, pages = std::move(pages), next = std::map<std::string, size_t>()](
                      std::string& received, Pipe& out) mutable {
     respond(received, out, [&](const std::string& request) {
-      note("> " + in_one_line(request));
+      note("> " + replaced(request, "\r\n", " | "));
       const size_t start = request.find(' ') + 1;
       const std::string path = request.substr(start, request.find(' ', start) - start);
       const auto found = pages.find(path);
@@ -253,7 +248,7 @@ void World::play(const std::vector<Ask>& asks) {
       const std::string got = get(ask);
       const size_t end = std::min(got.find("\r\n\r\n"), got.size());
       note("~ got " + stamp() + " " + shown(ask.resource, 70) + ": " +
-           shown(in_one_line(got.substr(0, end)), 999) + " || " +
+           shown(replaced(got.substr(0, end), "\r\n", " | "), 999) + " || " +
            shown(got.substr(std::min(end + 4, got.size())), 200));
     });
   }

@@ -36,18 +36,6 @@ TEST(Aligned, MemoryOfEverySizeIsAligned) {
   }
 }
 
-// The sealed first block has been consumed to its end when more arrives in the next one.
-TEST(CBuff, PeekSkipsADrainedBlock) {
-  CBuff buffer(16);
-  for (int turn = 0; turn < 3; ++turn) {
-    const auto room = buffer.sealAndReserve();
-    room[0] = 'a';
-    buffer.commit(1);
-    ASSERT_EQ(buffer.peek().size(), 1U);
-    buffer.consume(1);
-  }
-}
-
 // A producer and a consumer on real threads, for ThreadSanitizer too. Small pieces make them meet
 // often. The pattern never repeats with the size of a block.
 TEST(CBuff, ConsumerGetsWhatTheProducerWrote) {

@@ -1,12 +1,10 @@
 // Tables of playlists, of the choice of a variant, and of the average speed.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <sstream>
 
 #include "playlist/chunklist.h"
 #include "playlist/selection.h"
-#include "playlist/stream_stats.h"
 #include "support/bytes.h"
 
 namespace weir::test {
@@ -21,17 +19,11 @@ static std::string errors_of(Act act) {
   return testing::internal::GetCapturedStderr();
 }
 
-// In the tables "|" is a line end.
-static std::string with_line_ends(std::string text) {
-  std::replace(text.begin(), text.end(), '|', '\n');
-  return text;
-}
-
-// "BANDWIDTH:URL" of each variant, or the reason why there is none.
+// "BANDWIDTH:URL" of each variant, or the reason why there is none. Each "|" is a line end.
 static std::string shown_master(const std::string& text) {
   std::string shown;
   const std::string errors = errors_of([&] {
-    for (const Variant& variant : parse_master(with_line_ends(text)))
+    for (const Variant& variant : parse_master(replaced(text, "|", "\n")))
       shown += std::to_string(variant.bandwidth) + ":" + variant.url + " ";
   });
   return shown + errors;
@@ -42,7 +34,7 @@ TEST(MasterPlaylist, LinesThatAreNoStreamTagAreVariants) {
   expect_rows(shown_master,
               {{"", ""},
                {"#EXTM3U", ""},
-               {"\t#EXTM3U \r|a\r| b \v\f", "0:a 0:b "},
+               {"\t#EXTM3U \r|a\r| b c\xA0 \v\f", "0:a 0:b c\xA0 "},
                {"#EXTM3U|#EXT-X-VERSION:3||a", "0:#EXT-X-VERSION:3 0: 0:a "},
                {tag + "BANDWIDTH=5|a|b", "5:a 5:b "},
                {tag + "A=1,AVERAGE-BANDWIDTH=5,BANDWIDTH=9|a", "5:a "},
@@ -53,11 +45,11 @@ TEST(MasterPlaylist, LinesThatAreNoStreamTagAreVariants) {
                {"#EXTM3U|a|#EXT-X-STREAM-INF:|b", "0:a Variant does not specify bandwidth!\n"}});
 }
 
-// "NUMBER:URL" of each segment, "@KEY" if it has one, "." if it is the last one.
+// "NUMBER:URL" of each segment, "@KEY" if it has one, "." if it is the last one. As above.
 static std::string shown_variant(const std::string& text) {
   Chunklist list("");
   std::string shown;
-  const std::string errors = errors_of([&] { list.parse(with_line_ends(text)); });
+  const std::string errors = errors_of([&] { list.parse(replaced(text, "|", "\n")); });
   for (const Chunk& chunk : list.chunks) {
     shown += std::to_string(chunk.sequence) + ":" + chunk.url;
     if (chunk.key_url) shown += "@" + *chunk.key_url;
@@ -182,16 +174,6 @@ TEST(Selection, SlowVariantStaysWhileTheBufferIsSixtyPercentFull) {
                         {"2000 600 1000 invalid", "change"}});
   EXPECT_EQ(keep_or_change({nullptr, {}}, 0, 1000, 1000), Decision::kChange);
   EXPECT_EQ(keep_or_change({nullptr, {0, kMost}}, 0, 1000, 1000), Decision::kFail);
-}
-
-TEST(StreamStats, AverageWeighsTheLastFiveSpeeds) {
-  StreamStats stats;
-  std::string shown;
-  const auto show = [&] { shown += std::to_string(stats.avg_speed.get()) + " "; };
-  for (const std::uint64_t speed : {900U, 0U, 0U, 0U, 0U, 9U}) stats.add_speed(speed), show();
-  stats.fall_to_speed(90), show();
-  stats.add_speed(0), show();
-  EXPECT_EQ(shown, "300 200 200 100 100 3 90 40 ");
 }
 
 }  // namespace weir::test

@@ -21,14 +21,6 @@ TEST(Text, SplitKeepsEmptyPiecesExceptTheLast) {
   expect_rows(shown, {{"", ""}, {",", "<"}, {"a", "<a"}, {"a\0,"s, "<a\0"s}, {",a,,b,", "<<a<<b"}});
 }
 
-TEST(Text, TrimRemovesAllWhiteSpace) {
-  const auto shown = [](const std::string& text) {
-    return std::string(trim(text)).append("|").append(ltrim(text)).append("|").append(rtrim(text));
-  };
-  expect_rows(shown, {{" a b ", "a b|a b | a b"},
-                      {"\r\n\t\v\f\xA0\0"s, "\xA0\0|\xA0\0|\r\n\t\v\f\xA0\0"s}});
-}
-
 TEST(Text, LeadingNumberReadsAsFarAsThereAreDecimalDigits) {
   const auto shown = [](const std::string& text) { return std::to_string(leading_number(text)); };
   expect_words(shown,
@@ -97,12 +89,6 @@ TEST(RequestLine, PartsOfARequest) {
                               {"GET ?a=%", "GET <a=\0"s},
                               {"GET ", "no"},
                               {"/stats.json", "no"}});
-}
-
-TEST(RequestLine, FirstParameterOfAKeyCounts) {
-  const auto request = parse_request_line("GET ?a=1&a=2&b");
-  EXPECT_EQ(*request->get_param("a") + *request->get_param("b"), "1");
-  EXPECT_EQ(request->get_param("c"), nullptr);
 }
 
 TEST(RequestLine, LinesEndAtALineFeedOrAfter4095Bytes) {
