@@ -104,13 +104,13 @@ TEST(Story, MediaArriveWhole) {
     pages[lines.back()] = replies;
     all += media;
   };
+  const size_t sizes[] = {1, 15, 16, 4096, 131071, 393217, 524287, 524288, 524289, 1500000};
   for (const bool keyed : {false, true}) {
     if (keyed) lines.push_back(key("http://o/k"));
     const auto sent = [keyed](const std::string& media) {
       return keyed ? encrypt(media, kKey) : media;
     };
-    for (const int size : {1, 15, 16, 4096, 131071, 393217, 524287, 524288, 524289, 1500000})
-      add(pattern(size), {slow(sent(pattern(size)), 100003, 1ms)});
+    for (const size_t size : sizes) add(pattern(size), {slow(sent(pattern(size)), 100003, 1ms)});
     const std::string body = sent(pattern(130));
     for (size_t at = 0; at < body.size(); ++at) {
       const std::string status =

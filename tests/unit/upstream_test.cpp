@@ -111,7 +111,8 @@ TEST(CacheMap, FirstTwoSegmentsOfThePathChooseTheServer) {
 TEST(CacheMap, LaterRingsAreUsedWhenAllEarlierServersAreDead) {
   const auto choice = [](const std::string& text) {
     CacheMap map;
-    for (const std::string_view part : split("=" + text, '!')) {
+    const std::string changes = "=" + text;
+    for (const std::string_view part : split(changes, '!')) {
       if (part.starts_with('='))
         map.setMap(std::string(part.substr(1)));
       else
