@@ -1,7 +1,6 @@
 #include "support/fibers.h"
 
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/time.h>
 #include <ucontext.h>
 
@@ -13,10 +12,11 @@
 #include <ctime>
 #include <deque>
 #include <map>
-#include <queue>
+#include <memory>
+#include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define WEIR_ASAN 1
@@ -28,9 +28,7 @@
 #endif
 #endif
 #if WEIR_ASAN
-#include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
-#include <sanitizer/lsan_interface.h>
 #elif WEIR_TSAN
 #include <sanitizer/tsan_interface.h>
 extern "C" void AnnotateIgnoreReadsBegin(const char* file, int line);
@@ -45,105 +43,77 @@ extern "C" void* __cxa_get_globals() noexcept;
 
 namespace weir::test {
 
-constexpr size_t kGuard = 4096;
 constexpr size_t kStack = 512 << 10;
 
 struct Fiber {
   std::function<void()> run;
   Of whose = Of::kTest;
   int inside = 0;
-  char* stack = nullptr;
+  std::unique_ptr<char[]> stack = nullptr;
+  const void* bottom = stack.get();
   size_t size = kStack;
   bool done = false, woken = false;
-  bool released = true;    // joined or detached
-  std::uint64_t turn = 0;  // number of waits; a deadline of an earlier wait is void
-  Waiters joiners;
-  std::vector<Waiters*> waiting;
+  bool released = true;  // joined or detached
+  Waiters joiners = {};
+  std::vector<Waiters*> waiting = {};
+  std::optional<std::multimap<Time, Fiber*>::iterator> deadline = {};
   void* exceptions[2] = {};  // the C++ library's state of a thread
   ucontext_t context{};
   void* shadow = nullptr;  // the sanitizer's fiber
-
-  void leave_lists() {
-    for (Waiters* list : waiting) std::erase(list->fibers_, this);
-    waiting.clear();
-  }
 };
 
 namespace {
 
-struct Due {
-  Time time;
-  std::uint64_t number, turn;
-  Fiber* fiber;
-  bool operator<(const Due& other) const {
-    return std::tie(time, number) > std::tie(other.time, other.number);
-  }
-};
-
 Fiber main_fiber;
 Fiber* current = &main_fiber;
-Fiber* ended = nullptr;  // freed by the next fiber that runs
+Fiber* previous = nullptr;  // ran before `current`
 std::deque<Fiber*> ready;
-std::priority_queue<Due> due;
-std::deque<Fiber> fibers;  // never erased: entries in `due` may point at finished fibers
+std::multimap<Time, Fiber*> due;
+std::deque<Fiber> fibers;  // of all times
 struct Refusal {
   int error = 0;
   int nth = 0;  // 0: all calls
+  int calls = 0;
 };
 std::map<std::string, Refusal, std::less<>> refusals;
-Counts counts;
-bool counting = false;
 std::map<pthread_mutex_t*, Waiters> contended;
 Time time_now{0};
 Time clock_start = std::chrono::seconds(1000);
-std::uint64_t numbers = 0;
 std::uint64_t steps = 0;  // since the clock last advanced
-int program_threads = 0;
 bool at_random = false;
 std::minstd_rand random_order;
 
 void make_ready(Fiber* fiber, bool woken) {
-  fiber->leave_lists();
+  for (Waiters* list : fiber->waiting) std::erase(list->fibers, fiber);
+  fiber->waiting.clear();
+  if (fiber->deadline) due.erase(*fiber->deadline);
+  fiber->deadline.reset();
   fiber->woken = woken;
-  ++fiber->turn;
   ready.push_back(fiber);
 }
 
 [[noreturn]] void die(const char* why) {
   std::fprintf(stderr, "simulation: %s at %.3f s, %d threads\n", why,
-               static_cast<double>(time_now.count()) / 1e9, program_threads);
+               static_cast<double>(time_now.count()) / 1e9, threads());
   std::abort();
-}
-
-void free_ended() {
-  if (ended == nullptr) return;
-#if WEIR_ASAN
-  __lsan_unregister_root_region(ended->stack, kStack);
-#elif WEIR_TSAN
-  __tsan_destroy_fiber(ended->shadow);
-#endif
-  munmap(ended->stack - kGuard, kStack + kGuard);
-  ended = nullptr;
 }
 
 // Called first after a switch, on the stack of the fiber that now runs.
 void arrived() {
 #if WEIR_ASAN
-  const void* bottom;
-  size_t size;
-  __sanitizer_finish_switch_fiber(current->shadow, &bottom, &size);
-  if (main_fiber.stack == nullptr) {
-    main_fiber.stack = static_cast<char*>(const_cast<void*>(bottom));
-    main_fiber.size = size;
-  }
+  __sanitizer_finish_switch_fiber(current->shadow, &previous->bottom, &previous->size);
 #endif
-  free_ended();
+  if (!previous->done) return;
+#if WEIR_TSAN
+  __tsan_destroy_fiber(previous->shadow);
+#endif
+  previous->stack.reset();
 }
 
 #if WEIR_TSAN
 __attribute__((no_sanitize("thread")))
 #endif
-void switch_to(Fiber* next, bool for_good = false) {
+void switch_to(Fiber* next) {
   if (next == current) return;
   Fiber* const from = current;
   const int error = errno;
@@ -157,11 +127,11 @@ void switch_to(Fiber* next, bool for_good = false) {
   __tsan_switch_to_fiber(next->shadow, __tsan_switch_to_fiber_no_sync);
   if (next->whose == Of::kTest) __tsan_acquire(&test);
 #endif
+  previous = from;
   current = next;
 #if WEIR_ASAN
-  __sanitizer_start_switch_fiber(for_good ? nullptr : &from->shadow, next->stack, next->size);
+  __sanitizer_start_switch_fiber(from->done ? nullptr : &from->shadow, next->bottom, next->size);
 #endif
-  if (for_good) ended = from;
   swapcontext(&from->context, &next->context);
   arrived();
   std::memcpy(__cxxabiv1::__cxa_get_globals(), from->exceptions, sizeof from->exceptions);
@@ -170,13 +140,11 @@ void switch_to(Fiber* next, bool for_good = false) {
 
 // Advances the clock to the next deadline; every fiber due at that time becomes eligible to run.
 void pass_time() {
-  while (!due.empty() && (ready.empty() || due.top().time <= time_now)) {
-    const Due next = due.top();
-    due.pop();
-    if (next.turn != next.fiber->turn) continue;
-    if (next.time > time_now) steps = 0;
-    time_now = std::max(time_now, next.time);
-    make_ready(next.fiber, false);
+  while (!due.empty() && (ready.empty() || due.begin()->first <= time_now)) {
+    const auto [time, fiber] = *due.begin();
+    if (time > time_now) steps = 0;
+    time_now = std::max(time_now, time);
+    make_ready(fiber, false);
   }
   if (ready.empty()) die("deadlock: every thread waits forever");
 }
@@ -203,9 +171,8 @@ Fiber* end_current() {
   current->joiners.wake();
 #if WEIR_TSAN
   __tsan_release(current);
-  __tsan_release(&program_threads);
+  __tsan_release(&fibers);
 #endif
-  if (current->whose == Of::kProgram && current->released) --program_threads;
   return next_fiber();
 }
 
@@ -215,26 +182,18 @@ void fiber_main() {
     arrived();
   }
   current->run();
-  switch_to(end_current(), true);
+  switch_to(end_current());
   std::abort();
 }
 
 Fiber* new_fiber(std::function<void()> run, Of whose) {
-  Fiber* const fiber = &fibers.emplace_back();
-  fiber->run = std::move(run);
-  fiber->whose = whose;
-  if (whose == Of::kProgram) ++program_threads;
-  void* const memory = mmap(nullptr, kStack + kGuard, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED || mprotect(memory, kGuard, PROT_NONE) != 0) die("no stack");
-  fiber->stack = static_cast<char*>(memory) + kGuard;
-#if WEIR_ASAN
-  __lsan_register_root_region(fiber->stack, kStack);
-#elif WEIR_TSAN
+  fibers.push_back({std::move(run), whose, 0, std::unique_ptr<char[]>(new char[kStack])});
+  Fiber* const fiber = &fibers.back();
+#if WEIR_TSAN
   fiber->shadow = __tsan_create_fiber(0);
 #endif
   getcontext(&fiber->context);
-  fiber->context.uc_stack.ss_sp = fiber->stack;
+  fiber->context.uc_stack.ss_sp = fiber->stack.get();
   fiber->context.uc_stack.ss_size = kStack;
   makecontext(&fiber->context, fiber_main, 0);
   ready.push_back(fiber);
@@ -268,10 +227,14 @@ Time now() { return time_now; }
 void set_clock(Time at_start) { clock_start = at_start - time_now; }
 
 int threads() {
+  const auto runs = [](const Fiber& fiber) {
+    return fiber.whose == Of::kProgram && !(fiber.done && fiber.released);
+  };
+  const auto running = std::count_if(fibers.begin(), fibers.end(), runs);
 #if WEIR_TSAN
-  if (program_threads == 0) __tsan_acquire(&program_threads);  // as joining them would
+  if (running == 0) __tsan_acquire(&fibers);  // as joining them would
 #endif
-  return program_threads;
+  return static_cast<int>(running);
 }
 
 void spawn(std::function<void()> run, Of whose) {
@@ -281,15 +244,15 @@ void spawn(std::function<void()> run, Of whose) {
 
 bool wait(const std::vector<Waiters*>& lists, Time deadline) {
   if (deadline <= time_now) return false;
-  for (Waiters* list : lists) list->fibers_.push_back(current);
-  current->waiting.assign(lists.begin(), lists.end());
-  if (deadline != kNever) due.push({deadline, ++numbers, current->turn, current});
+  for (Waiters* list : lists) list->fibers.push_back(current);
+  current->waiting = lists;
+  if (deadline != kNever) current->deadline = due.emplace(deadline, current);
   switch_to(next_fiber());
   return current->woken;
 }
 
 void Waiters::wake() {
-  while (!fibers_.empty()) make_ready(fibers_.front(), true);
+  while (!fibers.empty()) make_ready(fibers.front(), true);
 }
 
 void sleep_until(Time time) {
@@ -303,28 +266,21 @@ void may_switch() {
 
 bool in_program() { return current->whose == Of::kProgram && current->inside == 0; }
 
-void refuse(const char* call, int error) {
+void refuse(const char* call, int error, int n) {
   const Inside inside;
-  refusals[call] = {error};
-}
-
-void refuse_nth(const char* call, int n, int error) {
-  const Inside inside;
-  counts.clear();
-  counting = true;
   refusals[call] = {error, n};
 }
 
-const Counts& calls() { return counts; }
+int calls(const char* call) { return refusals[call].calls; }
 
 int refused(const char* call) {
   if (refusals.empty() || current->whose == Of::kTest) return 0;
   const Inside inside;
-  const int number = counting ? ++counts[call] : 0;
   const auto found = refusals.find(call);
   if (found == refusals.end()) return 0;
-  const auto [error, nth] = found->second;
-  return nth == 0 || nth == number ? error : 0;
+  Refusal& refusal = found->second;
+  ++refusal.calls;
+  return refusal.nth == 0 || refusal.nth == refusal.calls ? refusal.error : 0;
 }
 
 int fail(int error) {
@@ -359,7 +315,7 @@ int __wrap_pthread_join(pthread_t thread, void**) {
   const Inside inside;
   auto* const fiber = reinterpret_cast<Fiber*>(thread);
   while (!fiber->done) wait({&fiber->joiners});
-  --program_threads;
+  fiber->released = true;
 #if WEIR_TSAN
   __tsan_acquire(fiber);
 #endif
@@ -368,9 +324,7 @@ int __wrap_pthread_join(pthread_t thread, void**) {
 
 int __wrap_pthread_detach(pthread_t thread) {
   const Inside inside;
-  auto* const fiber = reinterpret_cast<Fiber*>(thread);
-  fiber->released = true;
-  if (fiber->done) --program_threads;
+  reinterpret_cast<Fiber*>(thread)->released = true;
   return 0;
 }
 
@@ -387,19 +341,21 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
   const Inside inside;
   const int result = __real_pthread_mutex_unlock(mutex);
-  if (!contended.empty()) {
-    auto waiting = contended.extract(mutex);
-    if (!waiting.empty()) waiting.mapped().wake();
-  }
+  if (auto waiting = contended.extract(mutex)) waiting.mapped().wake();
   may_switch();
   return result;
 }
 
-int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-  if (clock != CLOCK_MONOTONIC && clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
+// std::chrono::steady_clock::now() returns one 64-bit number.
+std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
   const Inside inside;
   may_switch();
-  const std::int64_t shown = (clock_start + time_now).count();
+  return (clock_start + time_now).count();
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  if (clock != CLOCK_MONOTONIC && clock != CLOCK_REALTIME) return __real_clock_gettime(clock, time);
+  const std::int64_t shown = __wrap__ZNSt6chrono3_V212steady_clock3nowEv();
   *time = {shown / 1'000'000'000, static_cast<long>(shown % 1'000'000'000)};
   return 0;
 }
@@ -411,17 +367,10 @@ int __wrap_gettimeofday(timeval* time, void*) {
   return 0;
 }
 
-// std::chrono::steady_clock::now() returns one 64-bit number.
-std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
-  const Inside inside;
-  may_switch();
-  return (clock_start + time_now).count();
-}
-
 int __wrap_nanosleep(const timespec* time, timespec*) {
-  const Inside inside;
-  if (const int error = refused("nanosleep")) return fail(error);
-  sleep(std::chrono::seconds(time->tv_sec) + Time(time->tv_nsec));
-  return 0;
+  return simulated("nanosleep", [time] {
+    sleep(std::chrono::seconds(time->tv_sec) + Time(time->tv_nsec));
+    return 0;
+  });
 }
 }

@@ -10,9 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <random>
-#include <string>
 #include <vector>
 
 namespace weir::test {
@@ -40,30 +38,23 @@ void may_switch();
 bool in_program();
 
 // The fibers that wait for one condition.
-class Waiters {
- public:
+struct Waiters {
+  std::vector<Fiber*> fibers;
   void wake();
-
- private:
-  friend bool wait(const std::vector<Waiters*>& lists, Time deadline);
-  friend struct Fiber;
-  std::vector<Fiber*> fibers_;
 };
 // Blocks until one of the lists is woken; false at the deadline.
 bool wait(const std::vector<Waiters*>& lists, Time deadline = kNever);
 
-// Makes all of the program's calls of that name fail with `error`; 0 ends it.
-void refuse(const char* call, int error);
-// Makes only the n-th of them fail, counted from now on and from 1.
-void refuse_nth(const char* call, int n, int error);
+// Makes the program's n-th call of that name from now on fail with `error`, or all of them if
+// n is 0. An `error` of 0 ends it.
+void refuse(const char* call, int error, int n = 0);
 constexpr int kTimeout = -1;  // an `error` of poll: it returns 0
+// The program's calls of that name since the last refuse().
+int calls(const char* call);
 // For wrapped calls: the error with which this one has to fail, or 0.
 int refused(const char* call);
 // Sets errno and returns -1.
 int fail(int error);
-// The program's calls by name since refuse_nth().
-using Counts = std::map<std::string, int, std::less<>>;
-const Counts& calls();
 
 // Hides its scope from ThreadSanitizer: the simulation's state is not the program's.
 class Inside {
@@ -73,5 +64,14 @@ class Inside {
   Inside(const Inside&) = delete;
   Inside& operator=(const Inside&) = delete;
 };
+
+// A wrapped call: may first run other fibers, then fails as told by refuse().
+template <class Body>
+auto simulated(const char* call, Body body) -> decltype(body()) {
+  const Inside inside;
+  may_switch();
+  if (const int error = refused(call)) return fail(error);
+  return body();
+}
 
 }  // namespace weir::test

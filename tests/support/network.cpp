@@ -29,29 +29,27 @@ std::function<void(const std::string&)> noticed;
 
 namespace {
 
-constexpr int kFirst = 200;
-constexpr int kBeyondSelect = FD_SETSIZE + 1;  // all sockets but the first, the listening one
+constexpr int kFirst = 200;                    // the program's listening socket
+constexpr int kBeyondSelect = FD_SETSIZE + 1;  // all others
 constexpr size_t kWindow = 64 << 10;           // bytes in the peer's kernel that a reset can't drop
 
 struct Socket {
-  std::shared_ptr<Pipe> in, out;
-  Host* host = nullptr;  // the peer, if it is an origin
-  std::string received;  // by that host
-  bool blocking = true, listening = false, reuses_address = false;
   Time connected = kNever;  // or refused, if `error` is set
-  int error = 0;
+  std::shared_ptr<Pipe> in = nullptr, out = nullptr;
+  Host* host = nullptr;       // the peer, if it is an origin
+  std::string received = {};  // by that host
+  int error = 0, port = 0;
+  bool blocking = true, listening = false, reuses_address = false;
   Time receive_timeout = kNever, send_timeout = kNever;
-  std::deque<int> backlog;
-  Waiters changed;
+  std::deque<int> backlog = {};
+  Waiters changed = {};
 };
 
 std::map<int, Socket> sockets;
-std::map<int, int> listeners;  // by port
-bool stuck[3];
-Waiters unstuck;
+Socket standard[] = {{Time(0)}, {Time(0)}, {Time(0)}};  // never connected: stuck
 
 Socket* find(int fd) {
-  if (fd < kFirst) return nullptr;
+  if (fd >= 0 && fd <= STDERR_FILENO) return &standard[fd];
   const auto found = sockets.find(fd);
   return found == sockets.end() ? nullptr : &found->second;
 }
@@ -62,8 +60,6 @@ int new_socket() {
   sockets[fd];
   return fd;
 }
-
-bool is_log(int fd) { return (fd == STDOUT_FILENO || fd == STDERR_FILENO) && log_line; }
 
 // When the next bytes or the end can be read.
 Time readable_at(const Pipe& pipe) {
@@ -85,20 +81,17 @@ int events_of(const Socket& socket) {
 // Waits until any of the events holds; returns those that do, 0 at the deadline.
 int wait_event(int fd, int events, Time deadline) {
   for (;;) {
-    const Socket* const socket = find(fd);
-    if (socket == nullptr && !is_log(fd)) return POLLNVAL;
-    const int there = events & (socket == nullptr ? (stuck[fd] ? 0 : POLLOUT) : events_of(*socket));
+    Socket* const socket = find(fd);
+    if (socket == nullptr) return POLLNVAL;
+    const int there = events & events_of(*socket);
     if (there != 0 || deadline <= now()) return there;
+    std::vector<Waiters*> lists = {&socket->changed};
     Time next = deadline;
-    std::vector<Waiters*> lists = {is_log(fd) ? &unstuck : &find(fd)->changed};
-    const auto happens_at = [&next](Time time) {
-      if (time > now()) next = std::min(next, time);
-    };
-    if (socket != nullptr) happens_at(socket->connected);
-    if (socket != nullptr && socket->in != nullptr) {
-      happens_at(readable_at(*socket->in));
-      lists.push_back(&socket->in->readers);
-      lists.push_back(&socket->out->writers);
+    if (socket->connected > now()) next = std::min(next, socket->connected);
+    if (socket->in != nullptr) {
+      const Time readable = readable_at(*socket->in);
+      if (readable > now()) next = std::min(next, readable);
+      lists.insert(lists.end(), {&socket->in->readers, &socket->out->writers});
     }
     (void)wait(lists, next);
   }
@@ -106,25 +99,33 @@ int wait_event(int fd, int events, Time deadline) {
 
 Time after(Time timeout) { return timeout == kNever ? kNever : now() + timeout; }
 
-// Fails as told by refuse(). A reset is made real: the connection is of no further use.
-bool is_refused(Socket* socket, const char* client_call, const char* upstream_call) {
-  if (socket == nullptr || socket->in == nullptr) return false;
-  errno = refused(socket->host == nullptr ? client_call : upstream_call);
-  if (errno == ECONNRESET || errno == EPIPE) {
-    socket->in->pieces.clear();
-    socket->in->held = 0;
-    socket->in->reset(now());
-    socket->out->reset(now());
+Time duration_of(const void* value) {
+  const auto* const time = static_cast<const timeval*>(value);
+  return std::chrono::seconds(time->tv_sec) + std::chrono::microseconds(time->tv_usec);
+}
+
+// A connected socket that may be used now. Otherwise null, and errno is set.
+Socket* usable(int fd, const char* client_call, const char* upstream_call) {
+  Socket* const socket = find(fd);
+  int error = socket == nullptr ? EBADF : std::exchange(socket->error, 0);
+  if (error == 0 && socket->in == nullptr) error = ENOTCONN;
+  if (error == 0) {
+    error = refused(socket->host == nullptr ? client_call : upstream_call);
+    if (error == ECONNRESET || error == EPIPE) {  // the connection is of no further use
+      socket->in->pieces.clear();
+      socket->in->held = 0;
+      socket->in->reset(now());
+      socket->out->reset(now());
+    }
   }
-  return errno != 0;
+  if (error == 0) return socket;
+  errno = error;
+  return nullptr;
 }
 
 ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
-  Socket* const socket = find(fd);
-  if (socket == nullptr) return fail(EBADF);
-  if (socket->error != 0) return fail(std::exchange(socket->error, 0));
-  if (is_refused(socket, "client read", "upstream read")) return -1;
-  if (socket->in == nullptr) return fail(ENOTCONN);
+  Socket* const socket = usable(fd, "client read", "upstream read");
+  if (socket == nullptr) return -1;
   const Time deadline = dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
   const std::shared_ptr<Pipe> in = socket->in;
   if (wait_event(fd, POLLIN, deadline) == 0) return fail(EAGAIN);
@@ -146,11 +147,8 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
 }
 
 ssize_t transmit(int fd, const void* from, size_t size, int flags) {
-  Socket* const socket = find(fd);
-  if (socket == nullptr) return fail(EBADF);
-  if (socket->error != 0) return fail(std::exchange(socket->error, 0));
-  if (is_refused(socket, "client write", "upstream write")) return -1;
-  if (socket->out == nullptr) return fail(ENOTCONN);
+  Socket* const socket = usable(fd, "client write", "upstream write");
+  if (socket == nullptr) return -1;
   const bool waits = (flags & MSG_DONTWAIT) == 0 && socket->blocking;
   const Time deadline = waits ? after(socket->send_timeout) : now();
   const std::shared_ptr<Pipe> out = socket->out;
@@ -178,7 +176,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 }
 
 ssize_t write_log(int fd, const void* from, size_t size) {
-  while (stuck[fd]) (void)wait({&unstuck});
+  (void)wait_event(fd, POLLOUT, kNever);
   static bool interrupted = false;  // every log write is interrupted once with EINTR
   if ((interrupted = !interrupted)) return fail(EINTR);
   if (const int error = refused("log write")) return fail(error);
@@ -197,7 +195,6 @@ void close_socket(int fd) {
     socket.in->writers.wake();
   }
   socket.changed.wake();
-  std::erase_if(listeners, [fd](const auto& entry) { return entry.second == fd; });
   sockets.erase(fd);
 }
 
@@ -208,24 +205,24 @@ std::string text_of(const sockaddr_in& address) {
 }
 
 // Creates both ends of a connection to the program.
-int connect_to_listener(Socket& client, int listener) {
+int connect_to_listener(Socket& client) {
   const int fd = new_socket();
   Socket& accepted = sockets[fd];
   accepted.in = client.out = std::make_shared<Pipe>();
   accepted.out = client.in = std::make_shared<Pipe>();
   accepted.connected = client.connected = now();
-  sockets.at(listener).backlog.push_back(fd);
-  sockets.at(listener).changed.wake();
+  sockets[kFirst].backlog.push_back(fd);
+  sockets[kFirst].changed.wake();
   return 0;
 }
 
-int connect_to_host(Socket& socket, Host& host) {
+int connect_to_host(Socket& socket, Host& host, Host::Kind kind) {
   const Time there = now() + host.latency;
-  if (host.kind == Host::Kind::kUnreachable) return fail(ENETUNREACH);
-  if (host.kind == Host::Kind::kRefuses) {
+  if (kind == Host::Kind::kUnreachable) return fail(ENETUNREACH);
+  if (kind == Host::Kind::kRefuses) {
     socket.connected = there;
     socket.error = ECONNREFUSED;
-  } else if (host.kind == Host::Kind::kSilent) {
+  } else if (kind == Host::Kind::kSilent) {
     socket.error = socket.blocking ? ETIMEDOUT : 0;
   } else {
     socket.in = std::make_shared<Pipe>();
@@ -235,7 +232,7 @@ int connect_to_host(Socket& socket, Host& host) {
     socket.host = &host;
   }
   if (!socket.blocking) return there == now() && socket.error == 0 ? 0 : fail(EINPROGRESS);
-  sleep_until(host.kind == Host::Kind::kSilent ? now() + std::chrono::seconds(127) : there);
+  sleep_until(kind == Host::Kind::kSilent ? now() + std::chrono::seconds(127) : there);
   return socket.error == 0 ? 0 : fail(std::exchange(socket.error, 0));
 }
 
@@ -265,13 +262,13 @@ void Pipe::reset(Time at) {
   readers.wake();
 }
 
-void set_log_stuck(int fd, bool is_stuck) {
+void set_log_stuck(int fd, bool stuck) {
   const Inside inside;
-  stuck[fd] = is_stuck;
-  unstuck.wake();
+  standard[fd].connected = stuck ? kNever : Time(0);
+  standard[fd].changed.wake();
 }
 
-bool is_listening() { return !listeners.empty() && find(listeners.begin()->second)->listening; }
+bool is_listening() { return sockets.contains(kFirst) && sockets[kFirst].listening; }
 
 int open_sockets() { return static_cast<int>(sockets.size()); }
 
@@ -288,91 +285,72 @@ using namespace weir::test;
 
 extern "C" {
 
-int __real_poll(pollfd* entries, nfds_t count, int timeout);
-ssize_t __real_read(int fd, void* to, size_t size);
-ssize_t __real_recv(int fd, void* to, size_t size, int flags);
-ssize_t __real_write(int fd, const void* from, size_t size);
-ssize_t __real_send(int fd, const void* from, size_t size, int flags);
 int __real_close(int fd);
-int __real_fcntl(int fd, int command, ...);
 
 // The program polls one descriptor at a time, and selects for reading only.
-int __wrap_poll(pollfd* entry, nfds_t count, int timeout) {
-  const Inside inside;
-  may_switch();
+int __wrap_poll(pollfd* entry, nfds_t, int timeout) {
   entry->revents = 0;
-  if (const int error = refused("poll")) return error == kTimeout ? 0 : fail(error);
-  if (entry->fd < kFirst && !is_log(entry->fd)) return __real_poll(entry, count, timeout);
-  const Time time = timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout);
-  entry->revents = static_cast<short>(wait_event(entry->fd, entry->events, time));
-  return entry->revents == 0 ? 0 : 1;
+  const int result = simulated("poll", [=] {
+    const Time time = timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout);
+    entry->revents = static_cast<short>(wait_event(entry->fd, entry->events, time));
+    return entry->revents == 0 ? 0 : 1;
+  });
+  return result < 0 && errno == kTimeout ? 0 : result;
 }
 
 int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
   const Inside inside;
   may_switch();
-  const Time time =
-      now() + std::chrono::seconds(timeout->tv_sec) + std::chrono::microseconds(timeout->tv_usec);
-  const int events = wait_event(count - 1, POLLIN, time);
+  const int events = wait_event(count - 1, POLLIN, now() + duration_of(timeout));
   if (const int error = refused("select")) return fail(error);
   if (events == 0) FD_CLR(count - 1, in);
   return events == 0 ? 0 : 1;
 }
 
-int __wrap_socket(int, int, int) {
-  const Inside inside;
-  if (const int error = refused("socket")) return fail(error);
-  return new_socket();
-}
+int __wrap_socket(int, int, int) { return simulated("socket", new_socket); }
 
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t) {
-  const Inside inside;
-  Socket* const socket = find(fd);
-  if (socket == nullptr) return fail(EBADF);
-  const auto time = [value] {
-    const auto* const set = static_cast<const timeval*>(value);
-    return std::chrono::seconds(set->tv_sec) + std::chrono::microseconds(set->tv_usec);
-  };
-  if (level == SOL_SOCKET && name == SO_RCVTIMEO) {
-    if (const int error = refused("SO_RCVTIMEO")) return fail(error);
-    socket->receive_timeout = time();
-  } else if (level == SOL_SOCKET && name == SO_SNDTIMEO) {
-    if (const int error = refused("SO_SNDTIMEO")) return fail(error);
-    socket->send_timeout = time();
-  } else if (const int error = refused("setsockopt")) {
-    return fail(error);
-  } else if (level == SOL_SOCKET && name == SO_REUSEADDR) {
-    socket->reuses_address = true;
-  } else if (level == IPPROTO_TCP && name == TCP_NOTSENT_LOWAT) {
-    socket->out->capacity = kWindow + static_cast<size_t>(*static_cast<const int*>(value));
-  }
-  return 0;
+  const auto is = [=](int of, int option) { return level == of && name == option; };
+  const char* const call = is(SOL_SOCKET, SO_RCVTIMEO)   ? "SO_RCVTIMEO"
+                           : is(SOL_SOCKET, SO_SNDTIMEO) ? "SO_SNDTIMEO"
+                                                         : "setsockopt";
+  return simulated(call, [=] {
+    Socket* const socket = find(fd);
+    if (socket == nullptr) return fail(EBADF);
+    if (is(SOL_SOCKET, SO_RCVTIMEO)) socket->receive_timeout = duration_of(value);
+    if (is(SOL_SOCKET, SO_SNDTIMEO)) socket->send_timeout = duration_of(value);
+    if (is(SOL_SOCKET, SO_REUSEADDR)) socket->reuses_address = true;
+    if (is(IPPROTO_TCP, TCP_NOTSENT_LOWAT)) {
+      socket->out->capacity = kWindow + static_cast<size_t>(*static_cast<const int*>(value));
+    }
+    return 0;
+  });
 }
 
 int __wrap_bind(int fd, const sockaddr* address, socklen_t) {
-  const Inside inside;
-  if (const int error = refused("bind")) return fail(error);
-  // As soon after a stream as this, the port is still taken for other sockets.
-  if (!find(fd)->reuses_address) return fail(EADDRINUSE);
-  const int port = ntohs(reinterpret_cast<const sockaddr_in*>(address)->sin_port);
-  return listeners.try_emplace(port, fd).second ? 0 : fail(EADDRINUSE);
+  return simulated("bind", [=] {
+    // As soon after a stream as this, the port is still taken for other sockets.
+    if (!find(fd)->reuses_address) return fail(EADDRINUSE);
+    find(fd)->port = ntohs(reinterpret_cast<const sockaddr_in*>(address)->sin_port);
+    return 0;
+  });
 }
 
 int __wrap_listen(int fd, int) {
-  const Inside inside;
-  if (const int error = refused("listen")) return fail(error);
-  find(fd)->listening = true;
-  return 0;
+  return simulated("listen", [fd] {
+    find(fd)->listening = true;
+    return 0;
+  });
 }
 
 int __wrap_accept(int fd, sockaddr*, socklen_t*) {
-  const Inside inside;
-  if (const int error = refused("accept")) return fail(error);
-  Socket* const socket = find(fd);
-  if (wait_event(fd, POLLIN, kNever) == 0) return fail(EAGAIN);
-  const int accepted = socket->backlog.front();
-  socket->backlog.pop_front();
-  return accepted;
+  return simulated("accept", [fd] {
+    Socket* const socket = find(fd);
+    if (wait_event(fd, POLLIN, kNever) == 0) return fail(EAGAIN);
+    const int accepted = socket->backlog.front();
+    socket->backlog.pop_front();
+    return accepted;
+  });
 }
 
 int __wrap_connect(int fd, const sockaddr* address, socklen_t) {
@@ -382,43 +360,32 @@ int __wrap_connect(int fd, const sockaddr* address, socklen_t) {
   if (error != 0 && error != ETIMEDOUT) return fail(error);
   const auto& to = *reinterpret_cast<const sockaddr_in*>(address);
   Socket& socket = *find(fd);
-  const auto listener = listeners.find(ntohs(to.sin_port));
-  if (to.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && listener != listeners.end()) {
-    return connect_to_listener(socket, listener->second);
+  if (is_listening() && to.sin_addr.s_addr == htonl(INADDR_LOOPBACK) &&
+      ntohs(to.sin_port) == sockets[kFirst].port) {
+    return connect_to_listener(socket);
   }
-  static Host silent{Host::Kind::kSilent, {}, 0, nullptr};
-  if (error != 0) return connect_to_host(socket, silent);
   Host& host = hosts[text_of(to)];
-  if (!host.request) host.kind = Host::Kind::kRefuses;
-  return connect_to_host(socket, host);
-}
-
-ssize_t __wrap_read(int fd, void* to, size_t size) {
-  if (fd < kFirst) return __real_read(fd, to, size);
-  const Inside inside;
-  may_switch();
-  return receive(fd, to, size, false);
+  if (error != 0) return connect_to_host(socket, host, Host::Kind::kSilent);
+  return connect_to_host(socket, host, host.request ? host.kind : Host::Kind::kRefuses);
 }
 
 ssize_t __wrap_recv(int fd, void* to, size_t size, int flags) {
-  if (fd < kFirst) return __real_recv(fd, to, size, flags);
   const Inside inside;
   may_switch();
   return receive(fd, to, size, (flags & MSG_DONTWAIT) != 0);
 }
 
-ssize_t __wrap_write(int fd, const void* from, size_t size) {
-  const Inside inside;
-  if (fd < kFirst && !is_log(fd)) return __real_write(fd, from, size);
-  may_switch();
-  return is_log(fd) ? write_log(fd, from, size) : transmit(fd, from, size, 0);
-}
+ssize_t __wrap_read(int fd, void* to, size_t size) { return __wrap_recv(fd, to, size, 0); }
 
 ssize_t __wrap_send(int fd, const void* from, size_t size, int flags) {
-  if (fd < kFirst) return __real_send(fd, from, size, flags);
   const Inside inside;
   may_switch();
-  return transmit(fd, from, size, flags);
+  const bool is_log = fd == STDOUT_FILENO || fd == STDERR_FILENO;
+  return is_log ? write_log(fd, from, size) : transmit(fd, from, size, flags);
+}
+
+ssize_t __wrap_write(int fd, const void* from, size_t size) {
+  return __wrap_send(fd, from, size, 0);
 }
 
 int __wrap_close(int fd) {
@@ -434,13 +401,13 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_start(more, command);
   const long argument = va_arg(more, long);
   va_end(more);
-  if (fd < kFirst) return __real_fcntl(fd, command, argument);
-  const Inside inside;
-  if (const int error = refused("fcntl")) return fail(error);
-  bool& blocking = find(fd)->blocking;
-  if (command == F_GETFL) return O_RDWR | (blocking ? 0 : O_NONBLOCK);
-  blocking = (argument & O_NONBLOCK) == 0;
-  return 0;
+  return simulated("fcntl", [=] {
+    if (find(fd) == nullptr) return fail(EBADF);
+    bool& blocking = find(fd)->blocking;
+    if (command == F_GETFL) return O_RDWR | (blocking ? 0 : O_NONBLOCK);
+    blocking = (argument & O_NONBLOCK) == 0;
+    return 0;
+  });
 }
 
 int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t size,
@@ -455,18 +422,13 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t
     *error = HOST_NOT_FOUND;
     return 0;
   }
-  struct Found {
-    char* none[1];
-    char* list[2];
-    in_addr address;
-  };
   constexpr size_t kNeeded = 1500;  // more than the program offers at first
   if (size < kNeeded) return ERANGE;
-  auto* const kept = new (space + (8 - reinterpret_cast<std::uintptr_t>(space) % 8)) Found{};
-  if (inet_pton(AF_INET, found->second.c_str(), &kept->address) == 1) {
-    kept->list[0] = reinterpret_cast<char*>(&kept->address);
-  }
-  *entry = {const_cast<char*>(name), kept->none, AF_INET, 4, kept->list};
+  const size_t to_boundary = -reinterpret_cast<std::uintptr_t>(space) % alignof(char*);
+  char** const list = new (space + to_boundary) char* [2] {};
+  char* const address = reinterpret_cast<char*>(list + 2);
+  if (inet_pton(AF_INET, found->second.c_str(), address) == 1) list[0] = address;
+  *entry = {const_cast<char*>(name), list + 1, AF_INET, 4, list};
   *result = entry;
   return 0;
 }
@@ -474,13 +436,13 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* space, size_t
 int __wrap_setpriority(__priority_which_t which, id_t who, int value) {
   const Inside inside;
   const bool own = which == PRIO_PROCESS && who == static_cast<id_t>(getpid());
-  if (noticed) noticed((own ? "priority " : "priority of another ") + std::to_string(value));
+  noticed((own ? "priority " : "priority of another ") + std::to_string(value));
   return 0;
 }
 
 int __wrap_malloc_trim(size_t) {
   const Inside inside;
-  if (noticed) noticed("trim, threads " + std::to_string(threads()));
+  noticed("trim, threads " + std::to_string(threads()));
   return 0;
 }
 }

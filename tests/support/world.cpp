@@ -72,14 +72,14 @@ Reply ok(const std::string& body, const std::string& status) {
   return raw("HTTP/1.1 " + status + "\r\nContent-Length: " + length + "\r\n\r\n" + body);
 }
 
-Reply cut(const std::string& body, size_t sent, Reply::End end) {
-  std::string text = ok(body).pieces[0].bytes;
+Reply cut(const std::string& body, size_t sent, Reply::End end, const std::string& status) {
+  std::string text = ok(body, status).pieces[0].bytes;
   text.resize(text.size() - body.size() + sent);
   return raw(std::move(text), end);
 }
 
-Reply slow(const std::string& body, size_t piece, Time pause) {
-  Reply reply = cut(body, 0, Reply::kKeep);
+Reply slow(const std::string& body, size_t piece, Time pause, const std::string& status) {
+  Reply reply = cut(body, 0, Reply::kKeep, status);
   for (size_t at = 0; at < body.size(); at += piece)
     reply.pieces.push_back({pause, body.substr(at, piece)});
   return reply;

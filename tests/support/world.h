@@ -28,9 +28,10 @@ Reply raw(std::string bytes, Reply::End end = Reply::kKeep);
 // A status, possibly followed by header lines, and a body with its length.
 Reply ok(const std::string& body, const std::string& status = "200 OK");
 // A head with the length of the body, and the first `sent` bytes of it.
-Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall);
+Reply cut(const std::string& body, size_t sent, Reply::End end = Reply::kStall,
+          const std::string& status = "200 OK");
 // The head, then the body in pieces.
-Reply slow(const std::string& body, size_t piece, Time pause);
+Reply slow(const std::string& body, size_t piece, Time pause, const std::string& status = "200 OK");
 
 // A master playlist of variants "BANDWIDTH URL".
 std::string master(const std::vector<std::string>& variants);

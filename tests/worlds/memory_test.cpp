@@ -18,9 +18,9 @@ std::string lines(const std::string& line, std::size_t size, std::size_t most = 
   std::string text;
   text.reserve(size);
   for (std::size_t number = 0; number < most && text.size() + line.size() + 12 < size; ++number) {
-    const size_t start = text.size();
     text += line;
-    if (mark != std::string::npos) text.replace(start + mark, 1, std::to_string(number));
+    if (mark != std::string::npos)
+      text.replace(text.size() - line.size() + mark, 1, std::to_string(number));
   }
   return text;
 }
@@ -71,18 +71,14 @@ const Answer kAnswers[] = {
 TEST(Memory, OneResponseStaysWithinItsBound) {
   for (const auto& [name, as, more, body, entries] : kAnswers) {
     SCOPED_TRACE(name);
-    const Reply odd = raw("HTTP/1.1 200 OK\r\n" + more +
-                          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-    const auto at = [&, as = as](As place, const std::string& usual) {
-      return std::vector{place == as ? odd : ok(usual)};
-    };
+    Pages pages = {{"/m", {ok("#EXTM3U\nhttp://o/v")}},
+                   {"/v", {ok(list(1, {key(as == As::kKey ? "http://o/k" : ""), "/s", kEnd}))}},
+                   {"/s", {ok(encrypt("media", std::string(16, 'k')))}}};
+    const char* const paths[] = {"/m", "/v", "/k", "/s"};
+    pages[paths[static_cast<size_t>(as)]] = {raw("HTTP/1.1 200 OK\r\n" + more + "Content-Length: " +
+                                                 std::to_string(body.size()) + "\r\n\r\n" + body)};
     World world({"100000000"});
-    world.origin("o",
-                 {{"/m", at(As::kMaster, "#EXTM3U\nhttp://o/v")},
-                  {"/v", at(As::kVariant,
-                            list(1, {as == As::kKey ? key("http://o/k") : key(""), "/s", kEnd}))},
-                  {"/k", at(As::kKey, "")},
-                  {"/s", at(As::kSegment, encrypt("media", std::string(16, 'k')))}});
+    world.origin("o", std::move(pages));
     const std::ptrdiff_t before = peak_bytes = live_bytes;
     std::ptrdiff_t held = 0;
     world.at(5s, [&] { held = live_bytes; });

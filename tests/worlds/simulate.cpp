@@ -51,52 +51,33 @@ struct Player {
   }
 };
 
-// Checks each decision in the log against the state implied by earlier lines. Lines appear in
-// lock-acquisition order.
+// Checks each choice of a server in the log against the state implied by earlier lines. Lines
+// appear in lock-acquisition order.
 class LogChecker {
-  // A choice of a variant.
-  struct Choice {
-    unsigned long long kbps;
-    std::set<unsigned long long> best;  // bandwidths allowed at that speed
-  };
-
  public:
   void check(const std::string& line) {
     const auto after = [&line](const std::string& text) {
       const size_t at = line.find(text);
       return at == std::string::npos ? "" : line.substr(at + text.size());
     };
-    unsigned long long low = 0, high = 0;
-    Choice& choice = choices_[pthread_self()];
     if (const std::string map = after("setting map to: "); !map.empty()) {
       auto& rings = rings_[map.back()] = {};
-      std::istringstream ring_texts(map);
-      for (std::string ring, server; std::getline(ring_texts, ring, ';');) {
-        std::istringstream servers(ring);
+      std::istringstream texts(map);
+      for (std::string text, server; std::getline(texts, text, ';');) {
+        std::istringstream servers(text);
         rings.emplace_back();
         while (std::getline(servers, server, ',')) rings.back().insert(server);
       }
     } else if (const std::string dead = after("Invalidating cache server "); !dead.empty()) {
       for (auto& ring : rings_[dead.back()]) ring.erase(dead);
     } else if (const std::string server = after(" selected server: "); !server.empty()) {
-      const auto ring =
-          std::find_if_not(rings_[server.back()].begin(), rings_[server.back()].end(), is_dead);
-      EXPECT_TRUE(ring != rings_[server.back()].end() && ring->contains(server)) << line;
+      const auto& rings = rings_[server.back()];
+      const auto ring = std::find_if_not(rings.begin(), rings.end(), is_dead);
+      EXPECT_TRUE(ring != rings.end() && ring->contains(server)) << line;
     } else if (line == "no valid ring found") {
-      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& entry) {
-        return std::all_of(entry.second.begin(), entry.second.end(), is_dead);
+      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& map) {
+        return std::all_of(map.second.begin(), map.second.end(), is_dead);
       }));
-    } else if (const std::string bits = after("curr avg in bps: "); !bits.empty()) {
-      choice.kbps = std::stoull(bits) / 1024;
-    } else if (std::sscanf(line.c_str(), "SELECT: min: %llu max: %llu", &low, &high) == 2) {
-      choice.best = {low};
-      // A bandwidth between the lowest and the highest may be invalid.
-      for (auto next = low; next <= high && next / 1024 <= choice.kbps; next *= 2) {
-        if (next == high) choice.best.clear();
-        choice.best.insert(next);
-      }
-    } else if (std::sscanf(line.c_str(), "selected variant bitrate: %llu", &low) == 1) {
-      EXPECT_TRUE(choice.best.contains(low)) << line;
     }
   }
 
@@ -105,7 +86,6 @@ class LogChecker {
   static bool is_dead(const Ring& ring) { return ring.empty(); }
 
   std::map<char, std::vector<Ring>> rings_;  // of each map, by the last digit of its ports
-  std::map<pthread_t, Choice> choices_;
 };
 
 class Simulation {
@@ -224,46 +204,33 @@ class Simulation {
     if (kind == 's') return segment(player, variant, sequence, request, fault);
     if (fault) return headless();
     const std::string prefix = '/' + std::to_string(number);
-    return ok(kind == 'm' ? variants(prefix, *player.channel)
-                          : segments(prefix, variant, *player.channel));
+    if (kind == 'v') return ok(segments(prefix, variant, *player.channel));
+    std::vector<std::string> variants;
+    for (int v = 0; v < player.channel->variants; ++v) {
+      const std::string path = prefix + "/v" + std::to_string(v);
+      variants.push_back(std::to_string(100000 << v) + " http://~" + path);
+    }
+    return ok(master(variants));
   }
 
   // Fails before the body.
   Reply headless() {
-    switch (below(5)) {
-      case 0:
-        return raw("", Reply::kStall);
-      case 1:
-        return raw("HTTP/1.1 200 OK\r\nConte", Reply::kClose);
-      case 2:
-        return raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nxx", Reply::kClose);
-      case 3:
-        return raw("ICY 200 OK\r\n", Reply::kClose);
-      default:
-        return ok("", "503 No");
-    }
-  }
-
-  static std::string variants(const std::string& prefix, const Channel& channel) {
-    std::vector<std::string> lines;
-    for (int v = 0; v < channel.variants; ++v) {
-      lines.push_back(std::to_string(100000 << v) + " http://~" + prefix + "/v" +
-                      std::to_string(v));
-    }
-    return master(lines);
+    const Reply replies[] = {raw("", Reply::kStall), raw("HTTP/1.1 200 OK\r\nConte", Reply::kClose),
+                             raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nxx", Reply::kClose),
+                             raw("ICY 200 OK\r\n", Reply::kClose), ok("", "503 No")};
+    return replies[below(5)];
   }
 
   std::string segments(const std::string& prefix, unsigned variant, const Channel& channel) const {
     const auto newest = static_cast<int>(std::min(now(), end_) / channel.duration) + 10;
     const int first = channel.live ? newest - 6 : 1;
-    const int last = channel.live ? newest : channel.segments;
+    const std::string url = "http://@" + prefix + "/s" + std::to_string(variant) + '/';
     std::vector<std::string> lines;
-    for (int sequence = first; sequence <= last; ++sequence) {
+    for (int sequence = first; sequence <= (channel.live ? newest : channel.segments); ++sequence) {
       if (channel.encrypted && (sequence == first || sequence % 10 == 0)) {
         lines.push_back(key("http://keys" + prefix + "/k" + std::to_string(sequence / 10 % 3)));
       }
-      lines.push_back("http://@" + prefix + "/s" + std::to_string(variant) + '/' +
-                      std::to_string(sequence));
+      lines.push_back(url + std::to_string(sequence));
     }
     if (!channel.live || now() >= end_) lines.push_back(kEnd);
     return list(first, lines, channel.duration / 1s);
@@ -276,10 +243,8 @@ class Simulation {
     const size_t size = 1 + (sequence * 7919 + variant * 31) % (8000U << variant);
     std::string body = kBlock.substr(sequence * 104729 % 900000, size);
     if (encrypted) body = encrypt(body, kKeys[key]);
-    size_t from = 0;
-    if (const size_t range = request.find("bytes="); range != std::string::npos) {
-      from = std::strtoul(request.c_str() + range + 6, nullptr, 10);
-    }
+    const size_t range = request.find("bytes=");
+    size_t from = range == std::string::npos ? 0 : std::stoul(request.substr(range + 6));
     std::string status = "200 OK";
     if (from > 0 && fault && one_in(4)) {
       from = 0;  // the range is ignored
@@ -291,43 +256,29 @@ class Simulation {
     } else {
       player.downloads.push_back({encrypted, key});
     }
-    Download& download = player.downloads.back();
     body.erase(0, from);
-    const size_t part =
-        static_cast<size_t>(below(static_cast<int>(std::min<size_t>(body.size(), 50000)) + 1));
-    const auto sent = [&](size_t count, bool ended) {
-      download.sent.append(body, 0, count);
-      download.ended = ended || count == body.size();
-    };
-    Reply reply = ok(body, status);
-    const std::string head =
-        reply.pieces[0].bytes.substr(0, reply.pieces[0].bytes.size() - body.size());
-    if (!fault) {
-      sent(body.size(), true);
-      reply = raw(head);
-      const size_t piece = static_cast<size_t>(1000 + below(30000));
-      const Time pause = std::chrono::milliseconds(below(below(100) == 0 ? 1500 : 30));
-      for (size_t at = 0; at < body.size(); at += piece)
-        reply.pieces.push_back({pause, body.substr(at, piece)});
-      return reply;
+    enum { kStalls, kCloses, kResets, kAnnouncesMore, kHeadless, kFine = 6 };
+    const int kind = fault ? below(6) : kFine;
+    if (kind >= kHeadless && kind != kFine) {
+      if (from == 0) player.downloads.pop_back();
+      return headless();
     }
-    switch (below(6)) {
-      case 0:
-        sent(part, false);
-        return raw(head + body.substr(0, part), Reply::kStall);
-      case 1:
-        sent(part, true);
-        return raw(head + body.substr(0, part), Reply::kClose);
-      case 2:
-        sent(part, true);
-        return {{{0s, head}, {1s, body.substr(0, part)}}, Reply::kReset};
-      case 3:  // announces more than it sends
-        sent(body.size(), false);
-        download.ended = false;
-        return cut(body + "lies", body.size());
+    const size_t part = static_cast<size_t>(below(static_cast<int>(body.size()) + 1));
+    const size_t sent = kind < kAnnouncesMore ? part : body.size();
+    Download& download = player.downloads.back();
+    download.sent.append(body, 0, sent);
+    download.ended =
+        kind != kAnnouncesMore && (kind == kCloses || kind == kResets || sent == body.size());
+    switch (kind) {
+      case kFine:
+        return slow(body, static_cast<size_t>(1000 + below(30000)),
+                    std::chrono::milliseconds(below(one_in(100) ? 1500 : 30)), status);
+      case kAnnouncesMore:
+        return cut(body + "lies", sent, Reply::kStall, status);
+      case kStalls:
+        return cut(body, sent, Reply::kStall, status);
       default:
-        if (from == 0) player.downloads.pop_back();
-        return headless();
+        return cut(body, sent, kind == kCloses ? Reply::kClose : Reply::kReset, status);
     }
   }
 
