@@ -50,7 +50,7 @@ TEST(Story, VariantsFollowTheSpeed) {
                   {ok(master({"800000 http://o/low", "3200000 http://o/high",
                               "1600000 http://o/middle", "1600000 http://o/other"}))}}};
   for (const size_t kbps : speeds) {
-    lines.push_back("/" + std::to_string(lines.size()) + "at" + std::to_string(kbps));
+    lines.push_back('/' + std::to_string(lines.size()) + "at" + std::to_string(kbps));
     // 128 bytes in a millisecond are 1000 kbps.
     const std::string media(12800, "abcdefghijkl"[lines.size() - 1]);
     Reply& reply = pages[lines.back()].emplace_back(slow(media, kbps * 128 / 1000, 1ms));

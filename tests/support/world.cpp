@@ -87,8 +87,10 @@ Reply slow(const std::string& body, size_t piece, Time pause, const std::string&
 
 std::string master(const std::vector<std::string>& variants) {
   std::string text = "#EXTM3U\n";
-  for (std::string variant : variants)
-    text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant.replace(variant.find(' '), 1, "\n") + "\n";
+  for (std::string variant : variants) {
+    variant[variant.find(' ')] = '\n';
+    text += "#EXT-X-STREAM-INF:BANDWIDTH=" + variant + "\n";
+  }
   return text;
 }
 

@@ -75,8 +75,8 @@ class LogChecker {
       const auto ring = std::find_if_not(rings.begin(), rings.end(), is_dead);
       EXPECT_TRUE(ring != rings.end() && ring->contains(server)) << line;
     } else if (line == "no valid ring found") {
-      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& map) {
-        return std::all_of(map.second.begin(), map.second.end(), is_dead);
+      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& entry) {
+        return std::all_of(entry.second.begin(), entry.second.end(), is_dead);
       }));
     }
   }
