@@ -34,7 +34,7 @@ class Pieces {
 [[nodiscard]] std::string_view trim(std::string_view text);
 
 // Percent-decoding in place; "+" becomes a space. A malformed escape does not fail: its value
-// is that of the leading hexadecimal digits of the two characters after "%", NUL without any.
+// is the number that strtol reads from the two characters after "%" in base 16, 0 if none.
 void url_decode(std::string& text);
 
 // The decimal number at the start of the text, as strtoll reads it: leading white space and a

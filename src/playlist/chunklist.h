@@ -26,8 +26,8 @@ class Chunklist {
   void parse(std::string_view text);
 
   // The number of `chunks` before the segment that `start_from` selects by its index in the
-  // playlist, negative from the end. Negative if that segment was dropped, or if the playlist
-  // is too short to contain it.
+  // playlist, negative from the end. Negative if that segment was dropped, or if a
+  // negative `start_from` exceeds the length of the playlist.
   [[nodiscard]] std::int64_t segments_before(std::int32_t start_from) const;
 
   // Removes all segments, with the reason on the error stream, if the segment that `start_from`

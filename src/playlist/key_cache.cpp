@@ -13,7 +13,7 @@ const std::string& KeyCache::key_for(const Chunk& chunk) {
   } else if (*chunk.key_url != key_url_) {
     log_out("getting new decryption key from: ", *chunk.key_url);
     key_url_ = *chunk.key_url;
-    (void)UCurl().get(key_url_, key_);  // on failure the previous key stays
+    (void)UCurl().get(key_url_, key_);  // see key_for() for a failure
     if (key_.size() > limits::kKeySize) {
       key_.resize(limits::kKeySize);
       key_.shrink_to_fit();

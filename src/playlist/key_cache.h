@@ -15,9 +15,9 @@ class KeyCache {
   // differs from that of the last key.
   //
   // Deliberate: a key that could not be loaded is not requested again until a key with another
-  // URL has been requested, and the previous key stays in use. A clear segment clears the key but
-  // not its URL, so the next segment with that URL stays encrypted. Playlists for weir use a new
-  // URL for each new key.
+  // URL has been requested. Until then the previous key stays in use, or what a failed response
+  // contained. A clear segment clears the key but not its URL, so the next segment with that URL
+  // stays encrypted. Playlists for weir use a new URL for each new key.
   [[nodiscard]] const std::string& key_for(const Chunk& chunk);
 
  private:

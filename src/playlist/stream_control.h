@@ -12,8 +12,9 @@ struct StreamControl {
   // the last commit, loaded with acquire by the thread that drains the buffer.
   std::atomic<bool> should_finish{false};
 
-  // Seconds until the next refresh. The fill pass sets it; the timer decrements it atomically,
-  // so that a 0 set by the pass is not lost. Relaxed: it publishes no other data.
+  // Seconds until the next refresh. The fill pass sets it, the timer after an unloadable variant;
+  // the timer decrements it atomically, so that a 0 set by the pass is not lost. Relaxed: it
+  // publishes no other data.
   std::atomic<std::int32_t> refresh_countdown{0};
 
   void end_stream() { should_finish.store(true, std::memory_order_release); }

@@ -21,8 +21,8 @@ namespace weir {
 // Threads:   one at a time. Connecting blocks for at most 2 s, plus the time of the resolver;
 //            a receive for at most its time-out.
 // Ownership: closes its descriptor when destroyed.
-// Failure:   if connect_to() or a receive fails, it closes the connection and logs the reason.
-//            The other operations leave the connection open.
+// Failure:   if connect_to() fails or a receive times out, the connection is closed and the
+//            reason logged. A failed send() or a read error in recv_into() leaves it open.
 class Connection {
  public:
   // Takes ownership of a connected socket, or starts without one.

@@ -7,8 +7,9 @@
 
 namespace weir {
 
-// Restarts the device if pings stop or a shutdown does not complete. The time-out counts from
-// the first ping. All times are whole seconds of the monotonic clock.
+// Restarts the device if pings stop or a shutdown does not complete. The first ping
+// arms the time-out, which counts from the last one. All times are whole seconds of the
+// monotonic clock.
 //
 // Threads: check() by the server loop only; ping() by any.
 // Failure: a stalled error stream delays the restart by 100 ms, and the line is dropped. If the

@@ -37,11 +37,11 @@ struct Phrase {
   std::string lines, name;
 
   void end() {
-    static const std::regex special(R"([.*+?^$()|\[\]\\])"), any_hole(R"(\{(\w+)\})");
-    lines = std::regex_replace(lines, special, "\\$&") + "(?=\n)";
+    static const std::regex kSpecial(R"([.*+?^$()|\[\]\\])"), kAnyHole(R"(\{(\w+)\})");
+    lines = std::regex_replace(lines, kSpecial, "\\$&") + "(?=\n)";
     name = "\n  * " + name;
     std::smatch found;
-    for (char number = '1'; std::regex_search(lines, found, any_hole); ++number) {
+    for (char number = '1'; std::regex_search(lines, found, kAnyHole); ++number) {
       const std::string hole = found.str();
       if (name.find(hole) == name.npos) throw std::logic_error(name + " loses " + hole);
       lines.replace(static_cast<size_t>(found.position()), hole.size(),
@@ -68,9 +68,9 @@ std::vector<Phrase> read_phrases() {
 // A turn of the refresh timer in which nothing is due: the seconds until something is, and 0
 // while the last download is still running. -1 for other lines.
 long idle_turn(const std::string& line) {
-  static const std::regex turn("  not yet refresh time: (.*)|  refresh will not be done.*");
+  static const std::regex kTurn("  not yet refresh time: (.*)|  refresh will not be done.*");
   std::smatch parts;
-  return std::regex_match(line, parts, turn) ? std::atol(parts.str(1).c_str()) : -1;
+  return std::regex_match(line, parts, kTurn) ? std::atol(parts.str(1).c_str()) : -1;
 }
 
 // Without idle turns, and with relative times.
@@ -116,9 +116,9 @@ std::string without_idle_turns(const std::string& transcript) {
 }
 
 std::string shorten(const std::string& transcript) {
-  static const std::vector<Phrase> phrases = read_phrases();
+  static const std::vector<Phrase> kPhrases = read_phrases();
   std::string text = without_idle_turns(transcript);
-  for (const auto& [lines, name] : phrases)
+  for (const auto& [lines, name] : kPhrases)
     text = std::regex_replace(text, std::regex(lines), name);
   return std::regex_replace(text.substr(1), std::regex("(^|\n)([0-9.]+) s\n  "), "$1$2  ");
 }
