@@ -10,6 +10,7 @@ from collections.abc import Callable, Collection
 
 BROKEN_AT = 200  # bytes
 STALL, SILENCE = 4, 7  # seconds: longer than weir waits in a body (2) and before a head (6)
+TRICKLE = 0.5  # seconds between two bytes
 
 
 class Origin(socketserver.ThreadingTCPServer):
@@ -17,8 +18,8 @@ class Origin(socketserver.ThreadingTCPServer):
 
     It listens on all addresses or on one, uses TLS if it has a certificate, waits `delay` seconds
     before each response, and runs in daemon threads. `faults` returns the faults of a path: short,
-    stall (once), silent; status=NUMBER, http10, icy, long-head, lower (field names), no-length,
-    chunked, gzip; no-range.
+    stall (once), silent, trickle=BYTE (from there on); status=NUMBER, http10, icy, long-head, lower
+    (field names), no-length, chunked, gzip, NAME:VALUE (a field); no-range.
     """
     daemon_threads = allow_reuse_address = True
     request_queue_size = 128
@@ -67,11 +68,18 @@ class Handler(socketserver.StreamRequestHandler):
             body = b"%x\r\n%s\r\n0\r\n\r\n" % (len(body), body)
         if stalls or "short" in faults:
             body = body[:BROKEN_AT]
-        self.wfile.write(head if method == "HEAD" else head + body)
+        self.send(head if method == "HEAD" else head + body, faults)
         if stalls:
             self.server.stalled.add(path)
             time.sleep(STALL)
         return not stalls and not {"short", "http10", "no-length"}.intersection(faults)
+
+    def send(self, data: bytes, faults: Collection[str]) -> None:
+        start = next((int(fault[8:]) for fault in faults if fault.startswith("trickle=")), len(data))
+        self.wfile.write(data[:start])
+        for byte in data[start:]:
+            time.sleep(TRICKLE)
+            self.wfile.write(bytes([byte]))
 
 
 def head_of(data: bytes, start: int, faults: Collection[str]) -> bytes:
@@ -83,6 +91,7 @@ def head_of(data: bytes, start: int, faults: Collection[str]) -> bytes:
         lines.append("Content-Encoding: gzip")
     if "long-head" in faults:
         lines.append("X: " + "x" * (300 << 10))
+    lines += [fault for fault in faults if ":" in fault]
     if start:
         lines.append(f"Content-Range: bytes {start}-{len(data) - 1}/{len(data)}")
     if "chunked" in faults:
@@ -90,4 +99,4 @@ def head_of(data: bytes, start: int, faults: Collection[str]) -> bytes:
     elif "no-length" not in faults:
         name = "content-length" if "lower" in faults else "Content-Length"
         lines.append(f"{name}: {len(data or b'no') - start}")
-    return "\r\n".join([*lines, "\r\n"]).encode()
+    return "\r\n".join([*lines, "\r\n"]).encode("latin-1")

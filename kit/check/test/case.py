@@ -5,36 +5,40 @@ import os
 import random
 import re
 import subprocess
+import sys
 import time
 import zlib
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
-from weirlab.origin import Origin
-from weirlab.video import KEY, encrypt
+HERE = Path(__file__).resolve().parent
+sys.path[:0] = [str(HERE.parents[2] / "script"), str(HERE.parent)]
 
-GRADES = ("note", "loss", "fatal", "unreachable")  # by exit status
+from weir_check.media import mirrored  # noqa: E402
+from weirlab.origin import Origin  # noqa: E402
+from weirlab.video import KEY, encrypt  # noqa: E402
+
 SHORT = {
     r"@variant (\d+) (\S+)": r"#EXT-X-STREAM-INF:BANDWIDTH=\1\n$H\2",
     r"@media (\d+)": r"#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:\1",
+    r"@key ": "#EXT-X-KEY:METHOD=AES-128,",
+    r"@at (\S+)": r"#EXTINF:2,\n\1",
     r"@end": "#EXT-X-ENDLIST",
     r"@(\w+)": r"#EXTINF:2,\n$H/\1.ts",
 }
-USUAL = {"/master": "#EXTM3U\n@variant 2000 /low\n", "/low": "@media 1\n@1\n@2\n@end\n"}
-
-
-def mirrored(data: bytes) -> bytes:
-    return bytes(int(f"{byte:08b}"[::-1], 2) for byte in data)
+AS_IS = {"$H": "http://$O", "\\r": "\r", "\\e": "\x1b", "\\ufeff": "\ufeff"}
+MEDIA = "@media 1\n{}\n@end"
+WHOLE = {"master": "#EXTM3U\n{}", "low": MEDIA, "high": MEDIA}
+USUAL = {"/master": "#EXTM3U\n@variant 3000 /low\n", "/low": "@media 1\n@1\n@2\n@end\n"}
 
 
 def media(number: int) -> bytes:
     """A valid PAT followed by random TS packets."""
     table = bytes([0, 0xB0, 0x0D, 0, number, 0xC1, 0, 0, 0, 1, 0xF0, 0])
     table += mirrored((zlib.crc32(mirrored(table)) ^ 0xFFFFFFFF).to_bytes(4, "little"))
-    packets = [b"G\x40\x00\x10\0" + table.ljust(183, b"\xff")]
-    packets += [b"G" + random.Random(number * 10 + i).randbytes(187) for i in range(3)]
-    return b"".join(packets)
+    return b"G\x40\x00\x10\0" + table.ljust(183, b"\xff") + b"".join(
+        b"G" + random.Random(number * 10 + i).randbytes(187) for i in range(3))
 
 
 @functools.cache
@@ -53,9 +57,9 @@ def written_out(text: str, host: str) -> bytes:
         text = re.sub(f"^{short}", long, text, flags=re.M)
     text = re.sub(r"^(\d+)(?:\*(.*\n)|\^(.*))", lambda found: (found[2] or found[3]) * int(found[1]), text,
                   flags=re.M)
-    for name, value in {"$H": "http://$O", "$O": host, "\\r": "\r", "\\ufeff": "\ufeff"}.items():
+    for name, value in AS_IS.items():
         text = text.replace(name, value)
-    return text.encode()
+    return text.replace("$O", host).encode()
 
 
 @dataclass
@@ -64,7 +68,7 @@ class Case:
     url: str = "/master"
     args: str = ""
     plays: str = "1 2"
-    expected: list[str] = field(default_factory=list)
+    finds: str = ""
     texts: dict[str, dict[float, str]] = field(default_factory=dict)  # by path and time
     faults: dict[str, set[str]] = field(default_factory=dict)
     adapter: str = ""
@@ -83,8 +87,21 @@ class Case:
         return written_out(text, host) or usual(path)
 
 
+def long_form(text: str) -> str:
+    """Of a case on one line."""
+    name, finds, *parts = text.split(" ; ")
+    for at, part in enumerate(parts):
+        word, _, rest = part.partition(" ")
+        if word in WHOLE:
+            part = f"--- /{word}\n" + WHOLE[word].format(rest)
+        elif word[0] in "/:":
+            part = "--- " + part.replace(" = ", "\n", 1)
+        parts[at] = part.replace("|", "\n")
+    return "\n".join([name, "finds " + finds.strip("-"), *parts])
+
+
 def read_case(text: str) -> Case:
-    name, *lines = text.split("\n")
+    name, *lines = (long_form(text) if " ; " in text else text).split("\n")
     case, texts = Case(name), dict[Any, str]()
     at: str | float = 0.0
     for line in lines:
@@ -98,18 +115,15 @@ def read_case(text: str) -> Case:
         elif word == "+++":
             texts, at = case.adapted, rest
             texts[at] = ""
-        elif word in GRADES:
-            case.expected.append(line)
-        elif word in ("url", "args", "plays", "adapter"):
+        elif word in ("url", "args", "plays", "adapter", "finds"):
             setattr(case, word, rest)
         elif texts:
             texts[at] += line + "\n"
     return case
 
 
-def cases(path: Path = Path(__file__).parent / "cases.txt") -> list[Case]:
-    texts = path.read_text(encoding="utf-8").rstrip().split("\n\n== ")
-    return [read_case(text) for text in texts[1:]]
+def cases(path: Path = HERE / "cases.txt") -> list[Case]:
+    return [read_case(text) for text in re.split(r"\n+== ", path.read_text("utf-8").rstrip())[1:]]
 
 
 def make_certificate(pem: str, name: str) -> str:

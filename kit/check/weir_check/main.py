@@ -5,15 +5,21 @@ import io
 import json
 import socket
 import sys
-import time
+from functools import partial
+from typing import Any
 from urllib.parse import quote
 
-from .findings import VERDICTS, Finding, Grade, merged
-from .look import Report, look
+from .findings import VERDICTS, Finding, Grade, merged, printable
+from .look import Survey
 from .net import Net, exchange
+from .waiting import Deadline, begin
+from .ways import remuxes
 from .weir import NO_DATA
 
 USAGE = 64  # exit status
+LIMIT, RESERVE = 30, 3  # s for everything, and of these for the output
+COMPARED = 1 << 18  # bytes of a running weir's stream
+PLAYS = {True: "plays it, ", False: "does not play it: ", None: ""}
 
 
 def arguments(argv: list[str] | None) -> argparse.Namespace:
@@ -24,6 +30,9 @@ def arguments(argv: list[str] | None) -> argparse.Namespace:
     parser.add_argument("--chunk", metavar="MAP", help="the caches of http://@/")
     parser.add_argument("--playlist", metavar="MAP", help="the caches of http://~/")
     parser.add_argument("--weir", metavar="HOST:PORT", help="also stream from this weir")
+    parser.add_argument("--adapter", metavar="HOST:PORT", help="ask this adapter, not its script")
+    parser.add_argument("--seconds", metavar="N", type=int, default=LIMIT,
+                        help=f"end after that time, at least the usual {LIMIT}")
     parser.add_argument("--all", action="store_true", help="check every segment")
     parser.add_argument("--json", action="store_true", help="print one JSON object")
     try:
@@ -37,65 +46,87 @@ def average_of(weir: str) -> tuple[int, list[Finding]]:
     answer = exchange(weir, "/stats.json")
     try:
         return int(json.loads(answer.body)["avg_speed"]), []
-    except (ValueError, KeyError, TypeError):
+    except (ValueError, KeyError, TypeError, RecursionError):
         return 0, [Finding("unreachable", f"http://{weir}/stats.json", answer.what or
                            "sends no statistics", Grade.UNREACHABLE, "master")]
 
 
-def stream(weir: str, url: str, wanted: int) -> bytes:
+def stream(weir: str, url: str) -> bytes:
     """The first bytes of a stream; fewer if no more arrive in time."""
     host, _, port = weir.partition(":")
-    data, end = b"", time.monotonic() + NO_DATA + 2
+    data, deadline = b"", Deadline(NO_DATA + 2)
     try:
         with socket.create_connection((host, int(port)), 2) as connection:
-            path = f"/stream.ts?url={quote(url, safe='')}"
+            path = f"/stream.ts?url={quote(url, safe='', errors='surrogateescape')}"
             connection.sendall(f"GET {path} HTTP/1.1\r\n\r\n".encode())
-            while len(data.partition(b"\r\n\r\n")[2]) < wanted:
-                connection.settimeout(max(end - time.monotonic(), 0.01))
+            while len(data.partition(b"\r\n\r\n")[2]) < COMPARED:
+                connection.settimeout(max(deadline.left(), 0.01))
                 if not (more := connection.recv(131071)):
                     break
                 data += more
     except (OSError, ValueError):
         pass
-    return data.partition(b"\r\n\r\n")[2]
+    return data.partition(b"\r\n\r\n")[2][:COMPARED]
 
 
-def compared(weir: str, url: str, report: Report) -> list[Finding]:
+def compared(weir: str, got: bytes, survey: Survey) -> list[Finding]:
     """Findings if a running weir does not deliver the expected bytes."""
-    where, wanted = f"http://{weir}/stream.ts", len(report.head) or 1
-    got = stream(weir, url, wanted)[:wanted]
-    if report.head and not got:
+    where, viewing = f"http://{weir}/stream.ts", survey.start and survey.start.viewing
+    wanted = viewing.head[:COMPARED] if viewing else b""
+    if wanted and not got:
         return [Finding("weir-differs", where, "no data arrives", Grade.FATAL)]
-    if got and not report.head:
+    if got and not wanted:
         return [Finding("weir-differs", where, "delivers media anyway", Grade.NOTE)]
-    ended = report.start and report.start.media and report.start.media.ended
-    if ended and got != report.head:
-        return [Finding("weir-differs", where, f"the first {wanted} bytes differ")]
+    if viewing and viewing.media.ended and got[:len(wanted)] != wanted:
+        return [Finding("weir-differs", where, f"the first {len(wanted)} bytes differ")]
     return []
 
 
-def shown(report: Report, url: str) -> dict[str, object]:
-    status = max((one.grade for one in report.findings), default=Grade.NOTE)
-    start = report.start and {"url": report.start.url, "bandwidth": report.start.bandwidth}
-    return {"url": url, "status": int(status), "verdict": VERDICTS[status], "start": start,
-            "findings": [one.texts() for one in report.findings]}
+def shown(survey: Survey, findings: list[Finding]) -> dict[str, object]:
+    status = max((one.grade for one in findings), default=Grade.NOTE)
+    start = survey.start and {"url": printable(survey.start.variant.url),
+                              "bandwidth": survey.start.variant.bandwidth}
+    remux = remuxes(survey.adapter)
+    help_ = ("put the adapter of docs/sources.md in front" if survey.adapter.plays
+             else "set up remux, as the adapter says" if remux.plays else "")
+    ways = {name: {"plays": way.plays, "why": printable(way.why)}
+            for name, way in {"adapter": survey.adapter, "remux": remux}.items()}
+    return {"url": printable(survey.url), "status": int(status), "verdict": VERDICTS[status], "start": start,
+            **ways, "findings": [one.texts(help_) for one in findings]}
+
+
+def text_of(result: dict[str, Any]) -> str:
+    lines = ["{grade} {code} {where}: {what}; weir {weir}. Mend: {mend}.".format_map(one)
+             for one in result["findings"]]
+    start = f", begins with {result['start']['url']}" if result["start"] else ""
+    lines.append(f"weir: {result['verdict']}{start}")
+    for name in "adapter", "remux":
+        lines.append(f"{name}: {PLAYS[result[name]['plays']]}{result[name]['why']}")
+    return "\n".join(lines)
+
+
+def check(given: argparse.Namespace) -> dict[str, object]:
+    deadline = Deadline(max(given.seconds, LIMIT) - RESERVE)
+    maps = {name: getattr(given, name) for name in ("chunk", "playlist") if getattr(given, name)}
+    net, found = Net(maps), list[Finding]()
+    survey = Survey(net, given.url, 0, given.all, given.adapter or "", deadline)
+    try:
+        if given.weir:
+            net.waiting = given.weir, "asking weir for its statistics"
+            survey.average, found = begin(partial(average_of, given.weir))(deadline.left())
+        playing = begin(partial(stream, given.weir, given.url)) if given.weir and not found else None
+        begin(survey.go)(deadline.left())
+        if playing:
+            found = compared(given.weir, playing(deadline.left()), survey)
+    except TimeoutError:
+        pass  # the survey tells what it is waiting for
+    return shown(survey, merged(survey.findings + found))
 
 
 def main(argv: list[str] | None = None) -> int:
     given = arguments(argv)
     if isinstance(sys.stdout, io.TextIOWrapper):
         sys.stdout.reconfigure(errors="backslashreplace")
-    maps = {name: getattr(given, name) for name in ("chunk", "playlist") if getattr(given, name)}
-    average, found = average_of(given.weir) if given.weir else (0, [])
-    report = look(Net(maps), given.url, average, given.all)
-    if given.weir and not found:
-        found = compared(given.weir, given.url, report)
-    report.findings = merged(report.findings + found)
-    result = shown(report, given.url)
-    if given.json:
-        print(json.dumps(result, indent=1))
-    else:
-        print(*report.findings, sep="\n", end="\n" if report.findings else "")
-        start = f", begins with {report.start.url}" if report.start else ""
-        print(f"{result['verdict']}{start}")
+    result = check(given)
+    print(json.dumps(result, indent=1) if given.json else text_of(result))
     return int(str(result["status"]))

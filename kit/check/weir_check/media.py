@@ -49,4 +49,8 @@ def table_is_intact(data: bytes) -> bool | None:
         return None
     section = data[5:8 + int.from_bytes(data[6:8], "big") % 4096]
     # The checksum of MPEG-2 is that of zlib with the bits of each byte reversed.
-    return zlib.crc32(bytes(int(f"{byte:08b}"[::-1], 2) for byte in section)) == 0xFFFFFFFF
+    return zlib.crc32(mirrored(section)) == 0xFFFFFFFF
+
+
+def mirrored(data: bytes) -> bytes:
+    return bytes(int(f"{byte:08b}"[::-1], 2) for byte in data)

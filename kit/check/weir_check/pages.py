@@ -1,13 +1,11 @@
 """Playlists and keys: whether weir can fetch them, and their content even if it cannot."""
 
-import http.client
-import urllib.request
 from dataclasses import dataclass
-from urllib.parse import urljoin
 
 from .findings import Finding, Grade
-from .net import MAPS, STATUS, Answer, Net
-from .weir import DELAY, DOCUMENT_MAX, beyond_bounds, take_apart
+from .net import MAPS, Answer, Net
+from .origin import Origins, Reply, resolve
+from .weir import DELAY, beyond_bounds, take_apart
 
 UNREACHABLE = ("unreachable", "timeout", "silent", "reset", "no-map")
 
@@ -50,30 +48,40 @@ def address_findings(url: str, where: str, answer: Answer) -> list[Finding]:
     return []
 
 
-def page_of(net: Net, url: str, where: str, kind: str, base: str = "") -> Page:
-    """`where`: the place that names the URL, which is resolved even if weir would reject it."""
-    address = urljoin(base, url)
-    answer = net.get(address)
-    found = address_findings(url, where, answer)
-    if answer.code == "short":
-        found.append(answer.finding(address, where, kind, Grade.NOTE))  # weir uses the part
-    elif answer.code and answer.code not in [one.code for one in found]:
-        found.append(answer.finding(address, where if kind == "key" else address, kind))
-    found += net.compare(address, answer)
-    body = answer.body if answer.code in ("", "short") else read_on(address, answer)
-    if over := beyond_bounds(body, kind):
-        found.append(Finding("too-large", address, over, kind=kind))
-    return Page(address, body, found)
+class Pages:
+    def __init__(self, net: Net, origins: Origins) -> None:
+        self.net, self.origins = net, origins
+        self.adapted = False  # a page comes from the adapter
 
+    def get(self, url: str, where: str, kind: str, base: str = "") -> Page:
+        """`where`: the place that names the URL, which is resolved even if weir would reject it."""
+        address = resolve(base, url)
+        answer = self.net.get(address)
+        found = address_findings(url, where, answer)
+        if answer.code == "short":
+            found.append(answer.finding(address, where, kind, Grade.NOTE))  # weir uses the part
+        elif answer.code and answer.code not in [one.code for one in found]:
+            found.append(answer.finding(address, where if kind == "key" else address, kind))
+        found += self.net.compare(address, answer)
+        if reason := answer.value("X-Weir-Adapter"):
+            self.adapted = True
+            if not answer.code:
+                found.append(Finding("left-out", address, reason, Grade.NOTE))
+        body = self.read(address, answer)
+        if over := beyond_bounds(body, kind):
+            found.append(Finding("too-large", address, over, kind=kind))
+            body = b""
+        return Page(address, body, found)
 
-def read_on(url: str, answer: Answer) -> bytes:
-    """Fetches it with TLS, redirects and chunked coding, which weir does not support."""
-    parts = take_apart(url)
-    if parts and answer.server and parts[0] in MAPS:
-        url = f"http://{answer.server}{parts[2]}"
-    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-    try:
-        with opener.open(url, timeout=STATUS) as response:
-            return bytes(response.read(DOCUMENT_MAX))
-    except (OSError, ValueError, http.client.HTTPException):
-        return b""
+    def read(self, url: str, answer: Answer) -> bytes:
+        """The body, even if weir can't have it; none if it takes too long."""
+        if not answer.code:
+            fields = {name.title(): value for name, value in answer.fields}
+            self.origins.known[(url,)] = Reply(answer.status, fields, answer.body)
+        if answer.code in ("", "short", "slow"):
+            return b"" if answer.code == "slow" else answer.body
+        parts = take_apart(url)
+        if parts and answer.server and parts[0] in MAPS:
+            url = f"http://{answer.server}{parts[2]}"
+        self.net.waiting = url, "reading what weir can't"
+        return self.origins.read(url)

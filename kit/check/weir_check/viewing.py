@@ -1,12 +1,12 @@
 """One variant: the segments that arrive, and why others do not."""
 
 from dataclasses import dataclass
-from urllib.parse import urljoin
 
 from .findings import Finding, Grade, capped, raised
 from .media import content, decrypt, table_is_intact
-from .net import Answer, Net
-from .pages import Page, address_findings, page_of
+from .net import HEAD, SEGMENT, Answer
+from .origin import resolve
+from .pages import Page, Pages, address_findings
 from .texts import attributes, key_cause, media_findings
 from .weir import DELAY, FAILED_IN_A_ROW, NO_DATA, Media, Segment, number, take_apart
 
@@ -32,15 +32,27 @@ def lost_by(code: str) -> Fate:
 
 
 class Viewing:
-    def __init__(self, net: Net, media: Media, silence: int) -> None:
-        self.net, self.media = net, media
+    def __init__(self, pages: Pages, media: Media, silence: int) -> None:
+        self.pages, self.net, self.media = pages, pages.net, media
         self.silence = silence  # s since the player last received data
         self.found = list(media_findings(media))
         self.key, self.key_page = b"", Page("", b"", [])
         self.head = b""  # the first bytes that arrive
         self.arrived = 0
+        self.bits = self.duration = 0.0  # of the segments looked at
+        self.speed = 0.0  # kbps, the best of their downloads
+        self.over = False  # all segments have been considered
 
-    def go(self, every: bool) -> list[Finding]:
+    @property
+    def findings(self) -> list[Finding]:
+        return self.found if self.arrived or not self.over else self.nothing_arrives()
+
+    @property
+    def rate(self) -> int:
+        """Measured, in kbps."""
+        return int(self.bits / self.duration) >> 10 if self.duration else 0
+
+    def go(self, every: bool) -> None:
         fates: dict[tuple[str, bool, bool], Fate] = {}
         fate, last, failed, looks = Fate(), 0, 0, 0
         for segment in self.media.segments:
@@ -64,7 +76,7 @@ class Viewing:
                     break
         if self.silence > NO_DATA and not fate.lost:
             self.note("too-late", self.media.url, f"media would arrive after {self.silence} s")
-        return self.found if self.arrived else self.nothing_arrives()
+        self.over = True
 
     def nothing_arrives(self) -> list[Finding]:
         causes = [one for one in self.found if one.grade and one.code not in PARTIAL] or self.found
@@ -79,7 +91,7 @@ class Viewing:
             self.key = b""
         elif segment.key_url != self.key_page.url:
             where = f"{self.media.url}:{segment.line}"
-            self.key_page = page_of(self.net, segment.key_url, where, "key")
+            self.key_page = self.pages.get(segment.key_url, where, "key")
             self.found += [one for one in self.key_page.findings if not one.grade]
             if self.key_page.loads:
                 self.key = self.key_page.body
@@ -97,22 +109,30 @@ class Viewing:
             grade = Grade.LOSS if more or not self.media.ended else Grade.NOTE
             self.note("blank-line", where, "an empty line", grade)
             return lost_by("relative-url")
-        address = urljoin(self.media.url, segment.url)
-        answer = self.net.get(address)
+        address = resolve(self.media.url, segment.url)
+        answer = self.net.get(address, 0, SEGMENT)
         self.found += address_findings(segment.url, where, answer)
-        self.found += self.net.compare(address, answer)
+        self.found += self.net.compare(address, answer, SEGMENT)
         if answer.code not in ("", "short", "stall"):
             self.found.append(answer.finding(address, where, "segment"))
             fate = lost_by(answer.code)
         else:
+            self.measure(segment, answer)
             self.look_at_delivery(address, where, answer)
             fate = self.look_at_content(segment, where, answer)
         return fate if take_apart(segment.url) else lost_by("relative-url")
 
+    def measure(self, segment: Segment, answer: Answer) -> None:
+        if segment.duration() and not answer.code and "#EXT-X-BYTERANGE" not in self.media.tags:
+            self.bits += 8 * (answer.length or len(answer.body))
+            self.duration += segment.duration()
+        if answer.seconds:
+            self.speed = max(self.speed, len(answer.body) / answer.seconds / 128)
+
     def look_at_delivery(self, address: str, where: str, answer: Answer) -> None:
         """Checks that an interrupted download can be resumed."""
         half = max(len(answer.body) // 2, 1)
-        rest = self.net.get(address, half)
+        rest = self.net.get(address, half, HEAD)
         said = rest.value("Content-Range") or "none"
         resumes = said.startswith(f"bytes {half}-")
         if answer.code:

@@ -1,6 +1,7 @@
 """weir's parsing of URLs, cache maps and playlists, oddities included."""
 
 import re
+import time
 import zlib
 from collections.abc import Iterator
 from dataclasses import dataclass, field
@@ -12,13 +13,14 @@ DOCUMENT_MAX, HEAD_MAX, LINE_MAX = 16 << 20, 256 << 10, 64 << 10  # bytes
 SEGMENTS_MAX, VARIANTS_MAX = 50_000, 4_096
 # s wasted on a document, by the code of its finding; 0 for other codes
 DELAY = {"relative-url": 12, "unreachable": 12, "not-http": 12, "no-map": 12, "timeout": 60,
-         "silent": 6}
+         "silent": 6, "slow": NO_DATA + 1}
+DIGITS = 20  # more than any number has that weir holds
 
 
 def number(text: str) -> int:
     """The number at the start of the text, as strtoll reads it."""
     found = re.match(r"[ \t\n\v\f\r]*([+-]?[0-9]+)", text)
-    return int(found[1]) if found else 0
+    return min(max(int(found[1][:DIGITS]), -2**63), 2**63 - 1) if found else 0
 
 
 def pieces(text: str, separator: str) -> list[str]:
@@ -70,7 +72,7 @@ class Segment:
 
     def duration(self) -> float:
         return max((float(found[1]) for tag in self.tags
-                    if (found := re.match(r"#EXTINF:(\d+\.?\d*)", tag))), default=0.0)
+                    if (found := re.match(r"#EXTINF:([0-9]{1,9}(\.[0-9]*)?)", tag))), default=0.0)
 
 
 @dataclass
@@ -81,6 +83,7 @@ class Media:
     last: Segment | None = None  # the segment before EXT-X-ENDLIST
     tags: set[str] = field(default_factory=set)
     segments: list[Segment] = field(default_factory=list)
+    read_at: float = field(default_factory=time.monotonic)
 
     @property
     def ended(self) -> bool:
