@@ -31,7 +31,8 @@ WITHOUT = {
     "segment": "tries it four times, then skips it; four failures in a row end the stream",
 }
 ADVICE = {
-    "bandwidth": Advice("selects variants by the declared number", "declare the peak rate in BANDWIDTH"),
+    "bandwidth": Advice("compares the speed of the network with the declared rate",
+                        "declare the peak rate in BANDWIDTH"),
     "blank-line": Advice("treats it as a segment without a name, and ends the stream there",
                          "remove it", True),
     "byte-range": Advice("plays the whole file for each of its ranges",

@@ -13,7 +13,7 @@ from .texts import master_findings, numbering_findings
 from .viewing import Viewing
 from .waiting import Deadline
 from .ways import Installed, Rules, Way, adapters
-from .weir import (DELAY, NO_DATA, Variant, is_hls, order_of_trial, parse_master,
+from .weir import (DELAY, NO_DATA, Media, Variant, is_hls, order_of_trial, parse_master,
                    parse_media, patience)
 
 NO_MASTER = ("not-hls", "media-playlist")
@@ -63,7 +63,11 @@ class Survey:
                 self.view(self.load(variant), 0)
         if self.start:
             self.found += self.across_variants(variants)
-            self.look_again(self.start)
+        medias = [(look.viewing.media, look.found) for look in ([self.start] if self.start else self.looks)
+                  if look.viewing]
+        for media, found in medias[:1] or [(parse_media(master.text, master.url), self.found)]:
+            if is_live(media):
+                self.look_again(media, found)
         self.over = True
 
     def begin(self, variants: list[Variant]) -> None:
@@ -108,15 +112,14 @@ class Survey:
 
     def ask_adapter(self, origins: Origins) -> None:
         self.net.waiting = self.url, "asking for the adapter's rules"
-        refused = [one for one in self.found if one.code in ("refused", "unlisted")]
-        if refused:
-            self.adapter = Way(False, refused[0].what)
+        if self.pages.refusal and not self.start:
+            self.adapter = Way(False, self.pages.refusal)
         elif self.adapted:
             self.adapter = Way(None, "in front already")
         elif self.url.startswith(("http://~", "http://@")):
             self.adapter = Way(None, "not asked: the URL has no origin")
         else:
-            asker = Installed(self.adapter_at).ask if self.adapter_at else Rules(origins).ask
+            asker: Installed | Rules = Installed(self.adapter_at) if self.adapter_at else Rules(origins)
             self.adapter = adapters(asker, self.url)
 
     @property
@@ -150,38 +153,36 @@ class Survey:
             if self.adapted and len(variants) == 1:  # the adapter's own master playlist
                 continue
             starves = look.variant is choice and rate > speed
-            effect = (f"; weir will choose it, though this network carries only {speed} kbps" if starves
-                      else f"; weir chooses it only above {declared} kbps" if rate < declared
-                      else f"; weir chooses it from {declared} kbps on")
-            found.append(Finding("bandwidth", f"{self.url}:{look.variant.line}", f"declares {declared} kbps, "
-                                 f"its segments have {rate} kbps{effect}", Grade(starves)))
+            effect = (f", though this network carries only {speed} kbps" if starves
+                      else "" if rate > declared else " and up, though fewer would do")
+            found.append(Finding("bandwidth", f"{self.url}:{look.variant.line}",
+                                 f"segments have {rate} kbps, {declared} are declared: weir chooses them at "
+                                 f"{declared} kbps{effect}", Grade(starves)))
         return found
 
-    def look_again(self, start: Look) -> None:
+    def look_again(self, media: Media, found: list[Finding]) -> None:
         """Waits until a live playlist has a new segment, or weir would give up."""
-        media = start.variant.media
-        if media is None or not start.viewing or not is_live(media):
-            return
+        last = media.segments[-1]
         longest = max(media.target, *(segment.duration() for segment in media.segments))
         enough = max(patience(media.target), PATIENCE * longest)
-        now, waited = media, time.monotonic() - media.read_at
+        waited = time.monotonic() - media.read_at
         while waited < enough and self.deadline.left() > POLL:
             self.net.waiting = media.url, f"no new segment for {waited:.0f} s"
             time.sleep(POLL)
             answer = self.net.get(media.url)
-            if answer.code not in ("", "short"):
-                start.found.append(answer.finding(media.url, media.url, "variant"))
+            text = (answer.body if not answer.code else Origins().read(media.url)).decode("utf-8", "replace")
+            now, waited = parse_media(text, media.url), time.monotonic() - media.read_at
+            if not now.segments:
+                found.append(Finding("no-segments", media.url, f"lists no segment after {waited:.0f} s"))
                 return
-            now = parse_media(answer.body.decode("utf-8", "surrogateescape"), media.url)
-            waited = time.monotonic() - media.read_at
-            last, newest = media.segments[-1], now.segments[-1] if now.segments else media.segments[-1]
+            newest = now.segments[-1]
             if newest.number < last.number and "#EXT-X-MEDIA-SEQUENCE" in now.tags:
-                start.found.append(Finding("numbers-jump", media.url,
-                                           f"{newest.number} follows {last.number} after {waited:.0f} s"))
+                found.append(Finding("numbers-jump", media.url,
+                                     f"{newest.number} follows {last.number} after {waited:.0f} s"))
             if now.ended or newest.url != last.url:
                 return
         told = waited >= enough
-        start.found.append(Finding("stalled", media.url, f"no new segment in {waited:.0f} s" + (
+        found.append(Finding("stalled", media.url, f"no new segment in {waited:.0f} s" + (
             "" if told else f", of {enough:.0f} that would tell"), Grade(told)))
 
     @property

@@ -4,7 +4,7 @@ from dataclasses import dataclass
 
 from .findings import Finding, Grade
 from .net import MAPS, Answer, Net
-from .origin import Origins, Reply, resolve
+from .origin import Origins, Reply, resolve, titled
 from .weir import DELAY, beyond_bounds, take_apart
 
 UNREACHABLE = ("unreachable", "timeout", "silent", "reset", "no-map")
@@ -52,6 +52,7 @@ class Pages:
     def __init__(self, net: Net, origins: Origins) -> None:
         self.net, self.origins = net, origins
         self.adapted = False  # a page comes from the adapter
+        self.refusal = ""  # why it does not
 
     def get(self, url: str, where: str, kind: str, base: str = "") -> Page:
         """`where`: the place that names the URL, which is resolved even if weir would reject it."""
@@ -64,7 +65,7 @@ class Pages:
             found.append(answer.finding(address, where if kind == "key" else address, kind))
         found += self.net.compare(address, answer)
         if reason := answer.value("X-Weir-Adapter"):
-            self.adapted = True
+            self.adapted, self.refusal = True, self.refusal or (reason if answer.code else "")
             if not answer.code:
                 found.append(Finding("left-out", address, reason, Grade.NOTE))
         body = self.read(address, answer)
@@ -76,8 +77,7 @@ class Pages:
     def read(self, url: str, answer: Answer) -> bytes:
         """The body, even if weir can't have it; none if it takes too long."""
         if not answer.code:
-            fields = {name.title(): value for name, value in answer.fields}
-            self.origins.known[(url,)] = Reply(answer.status, fields, answer.body)
+            self.origins.known[url] = Reply(answer.status, dict(map(titled, answer.fields)), answer.body)
         if answer.code in ("", "short", "slow"):
             return b"" if answer.code == "slow" else answer.body
         parts = take_apart(url)

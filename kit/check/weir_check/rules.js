@@ -1,20 +1,20 @@
-// Runs kit/adapter for one request, without nginx: `asked`, which weir-check defines, has the request's
-// URI, the listed origins and what they have replied. Prints the adapter's answer as JSON, or the
-// subrequests that it makes and that `asked` has no reply to.
+// Runs kit/adapter for a playlist, without nginx: `asked`, which weir-check defines, has the request's
+// URI, the listed origins and what they have replied. Prints the adapter's answer as JSON, with the
+// subrequests that `asked` has no reply to.
 /* global asked, console, globalThis */
 import weir from 'adapter.js';
 
-const SHOWN = 4096; // bytes of a segment
+const FETCH = ['/playlist', '/unpacked']; // locations; others have no notes of earlier playlists
 const PRINTED = /[\s\S]{1,500}/g; // njs prints up to 2,048 bytes of a text
 const ANSWERED = { upstream_addr: '-', upstream_header_time: '0', upstream_bytes_sent: '1' };
-const told = { wanted: [], status: 0, text: '', media: '' };
+const told = { wanted: [], status: 0, text: '' };
 
-function reply(location, options) {
-  const known = asked.replies[`${location} ${options.method || 'GET'} ${options.args}`];
-  if (!known && !location.startsWith('/re')) { // /recall and /remember: nothing is noted
-    told.wanted.push([location, options.method || 'GET', options.args]);
+function reply(location, url) {
+  const fetches = FETCH.includes(location), known = fetches && asked.replies[url];
+  if (fetches && !known) {
+    told.wanted.push(url);
   } else if (known && known.why) {
-    throw { reason: `${known.why}: ${options.args}` };
+    throw { reason: `${known.why}: ${url}` };
   }
   const body = Buffer.from(known ? known.body : '', 'base64');
   return { status: known ? known.status : 404, headersOut: known ? known.fields : {}, variables: ANSWERED,
@@ -26,22 +26,15 @@ const r = {
   headersOut: {},
   variables: { request_uri: asked.uri, weir_origins: asked.origins },
   error: () => undefined,
-  subrequest: async (location, options) => reply(location, options),
-  internalRedirect: () => undefined,
-  return: (status, body) => {
+  subrequest: async (location, options) => reply(location, options.args),
+  return: (status, text) => {
     told.status = status;
-    if (typeof body === 'string') {
-      told.text = body;
-    } else {
-      told.media = body.slice(0, SHOWN).toString('base64');
-    }
+    told.text = text;
   },
 };
 
 globalThis.setTimeout = (run) => run(); // an origin that was away is not asked again
 weir.serve(r).then(() => {
   told.reason = r.headersOut['X-Weir-Adapter'] || '';
-  told.target = r.variables.weir_target || '';
-  told.key = r.variables.weir_key || '';
   JSON.stringify(told).match(PRINTED).forEach((piece) => console.log(piece));
 });

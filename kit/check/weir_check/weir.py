@@ -152,7 +152,8 @@ def beyond_bounds(document: bytes, kind: str) -> str:
     if kind == "master":
         over, count = VARIANTS_MAX, sum(1 for _ in parse_master(text))
     else:
-        over, count = SEGMENTS_MAX, len(parse_media(text, "").segments)
+        over, listed = SEGMENTS_MAX, lines_of(text) if is_hls(text) else ()
+        count = sum(not line.startswith("#") for _, line in listed)
     return f"{count} {'variants' if kind == 'master' else 'segments'}" if count > over else ""
 
 
