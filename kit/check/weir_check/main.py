@@ -118,8 +118,9 @@ def check(given: argparse.Namespace) -> dict[str, object]:
         begin(survey.go)(deadline.left())
         if playing:
             found = compared(given.weir, playing(deadline.left()), survey)
-    except TimeoutError:
-        pass  # the survey tells what it is waiting for
+    except TimeoutError:  # usually of the survey, which tells what it is waiting for
+        late = Finding("no-time", given.weir, "its stream has not ended", Grade.NOTE)
+        found += [late] if survey.over else []
     return shown(survey, merged(survey.findings + found))
 
 

@@ -155,9 +155,9 @@ def adapters(asker: Installed | Rules, url: str) -> Way:
                                                           if asker.origins else ""))
         return Way(False, why)
     except subprocess.TimeoutExpired:
-        return Way(None, f"it takes more than {TIME} s to ask")
+        return Way(None, f"unknown: it takes more than {TIME} s to ask")
     except Unknown as error:
-        return Way(None, str(error))
+        return Way(None, f"unknown: {error}")
 
 
 def remuxes(adapter: Way) -> Way:
