@@ -17,9 +17,9 @@ import subprocess
 import sys
 import tempfile
 import time
-from collections.abc import Callable
 from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
 from pathlib import Path
+from unittest import mock
 
 from case import Case, cases, make_certificate, serve
 from weir_check.main import LIMIT, main as weir_check, text_of
@@ -34,6 +34,11 @@ AT_ONCE = 32  # cases; most only wait for weir to give up
 BUSY = multiprocessing.Semaphore(8)  # the others
 SILENCE = 30  # s; weir sends no more after 15 without data, even if it closes later
 LONG = r"10\.0\.0\.1|slow\.test|trickle"  # in cases that keep weir busy after the stream
+
+
+def look_up(name: str) -> str:
+    time.sleep(2 * LIMIT if name == "slow.test" else 0)
+    return name
 
 
 def played(case: Case, url: str) -> int:
@@ -62,22 +67,17 @@ def said(case: Case, url: str) -> tuple[int, str]:
     return min(status, 2), "" if right else f"after {took:.0f} s it says\n{text}"
 
 
-def resolve(name: str, real: Callable[[str], str] = socket.gethostbyname) -> str:
-    time.sleep(2 * LIMIT if name == "slow.test" else 0)
-    return real(name)
-
-
 def check(case: Case, program: Path, certificate: str) -> str:
     """A complaint, empty if all is well."""
     own_network()
     subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)  # never answers
-    socket.gethostbyname = resolve
+    names = mock.patch("socket.gethostbyname", look_up)
     for address in CHECKED, PLAYED:
         for port, proof in (8000, ""), (8001, ""), (8443, certificate):
             serve(case, address, port, proof)
     urls = [case.url.replace("$N", name) if "//" in case.url else f"http://{name}:8000{case.url}"
             for name in (CHECKED, PLAYED)]
-    with Lab() as lab, ThreadPoolExecutor() as pool, socket.create_server(("", UNANSWERED)):
+    with names, Lab() as lab, ThreadPoolExecutor() as pool, socket.create_server(("", UNANSWERED)):
         with BUSY:
             weir = lab.weir(program, 1000000)
             if "--weir" in case.args:  # the command compares with weir by itself
