@@ -35,15 +35,18 @@ class Connection(io.BytesIO):
 
     def sendall(self, request: bytes) -> None:
         path = (request.decode("utf-8", "replace").split(" ") + ["", ""])[1]
-        data = self.case.file(path, self.dice.randrange(20), "origin")
-        data = head_of(data, 0, self.case.faults.get(path, ())) + data
-        for _ in range(self.dice.choice((0, 0, 1, 1, 2, 5))):
-            start = self.dice.randrange(min(len(data), 4000) + 1)
-            end = start + self.dice.choice((0, 1, 1, 9, 99))
-            pieces = b"", self.dice.randbytes(1), self.dice.choice(PIECES), 2 * data[start:end]
-            data = data[:start] + self.dice.choice(pieces) + data[end:]
-        self.write(data)
+        body = self.changed(self.case.file(path, self.dice.randrange(20), "origin"))
+        self.write(self.changed(head_of(body, 0, self.case.faults.get(path, ()))) + body)
         self.seek(0)
+
+    def changed(self, data: bytes) -> bytes:
+        for _ in range(self.dice.choice((0, 0, 1, 2, 5))):
+            start = self.dice.choice([place.end() for place in re.finditer(rb"[:=, /\n]|^", data[:400])])
+            start += self.dice.choice((0, 0, 0, 1, 9))
+            end = start + self.dice.choice((0, 0, 1, 3, 99))
+            pieces = b"", self.dice.randbytes(1), 2 * data[start:end], *PIECES
+            data = data[:start] + self.dice.choice(pieces) + data[end:]
+        return data
 
     def recv(self, size: int) -> bytes:
         if self.dice.random() < 0.01:
