@@ -63,11 +63,11 @@ class Survey:
                 self.view(self.load(variant), 0)
         if self.start:
             self.found += self.across_variants(variants)
-        medias = [(look.viewing.media, look.found) for look in ([self.start] if self.start else self.looks)
-                  if look.viewing]
-        for media, found in medias[:1] or [(parse_media(master.text, master.url), self.found)]:
-            if is_live(media):
-                self.look_again(media, found)
+        seen = [look for look in ([self.start] if self.start else self.looks) if look.viewing]
+        if seen and seen[0].viewing:
+            self.look_again(seen[0].viewing.media, seen[0].found)
+        else:
+            self.look_again(parse_media(master.text, master.url), self.found)
         self.over = True
 
     def begin(self, variants: list[Variant]) -> None:
@@ -80,8 +80,9 @@ class Survey:
                 self.view(look, delay)
                 break
             delay += variant.delay
-        for look in self.looks[:0 if self.start else None]:
-            self.view(look, 0)
+        for look in self.looks:
+            if look is not self.start:
+                self.view(look, 0)
 
     def load(self, variant: Variant) -> Look:
         """Reads the variant's playlist, even if weir could not fetch it."""
@@ -162,6 +163,8 @@ class Survey:
 
     def look_again(self, media: Media, found: list[Finding]) -> None:
         """Waits until a live playlist has a new segment, or weir would give up."""
+        if not is_live(media):
+            return
         last = media.segments[-1]
         longest = max(media.target, *(segment.duration() for segment in media.segments))
         enough = max(patience(media.target), PATIENCE * longest)
