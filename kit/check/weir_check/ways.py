@@ -92,14 +92,15 @@ class Rules:
                 self.origins = " ".join([self.origins, *sorted(new)]).strip()
             else:
                 break
-        return Told(told["status"], told["reason"], told["text"].encode())
+        text = told["text"].encode("utf-8", "replace")
+        return Told(told["status"], told["reason"], text)
 
     def run(self, asked: dict[str, object], deadline: Deadline) -> dict[str, Any]:
         if not shutil.which("njs") or not self.folder:
             raise Unknown("install njs to run its rules, or name a running adapter with --adapter")
         script = f"const asked = {json.dumps(asked)};\n{(HERE / 'rules.js').read_text()}"
-        run = subprocess.run(["njs", "-t", "module", "-p", str(self.folder), "-"], input=script, text=True,
-                             capture_output=True, timeout=max(deadline.left(), 0.1))
+        run = subprocess.run(["njs", "-t", "module", "-p", str(self.folder), "-"], input=script, encoding="utf-8",
+                             errors="replace", capture_output=True, timeout=max(deadline.left(), 0.1))
         if run.returncode:
             raise Unknown(f"its rules can't be run: {run.stdout}{run.stderr}")
         return dict(json.loads(run.stdout.replace("\n", "")))
@@ -134,11 +135,13 @@ def path_of(address: str) -> str:
 
 def adapters(asker: Installed | Rules, url: str) -> Way:
     """Whether the adapter delivers a master playlist, a variant and a segment to weir."""
-    parts, deadline = urlsplit(url), Deadline(TIME)
-    path = f"/{parts.scheme}/{parts.netloc}{parts.path or '/'}" + (f"?{parts.query}" if parts.query else "")
+    deadline = Deadline(TIME)
     try:
+        parts = urlsplit(url)
+        query = f"?{parts.query}" if parts.query else ""
+        path = f"/{parts.scheme}/{parts.netloc}{parts.path or '/'}{query}"
         told = asker.ask(path, deadline)
-        if told.status == 200:
+        if told.status == 200 and told.urls:
             told = asker.ask(path_of(told.urls[0]), deadline)
         if told.status != 200:
             return Way(False, told.reason or f"answers {told.status}")
@@ -158,6 +161,8 @@ def adapters(asker: Installed | Rules, url: str) -> Way:
         return Way(None, f"unknown: it takes more than {TIME} s to ask")
     except Unknown as error:
         return Way(None, f"unknown: {error}")
+    except ValueError as error:  # of a URL that is none
+        return Way(False, str(error))
 
 
 def remuxes(adapter: Way) -> Way:
@@ -166,4 +171,4 @@ def remuxes(adapter: Way) -> Way:
         return Way(None, "not asked")
     if adapter.plays:
         return Way(None, "not needed")
-    return Way(True, adapter.why) if "remux" in adapter.why else Way(False, "the adapter does not name it")
+    return Way(True, adapter.why) if "remux" in adapter.why else Way(False, "the adapter's reason does not name it")
