@@ -99,8 +99,9 @@ class Rules:
         if not shutil.which("njs") or not self.folder:
             raise Unknown("install njs to run its rules, or name a running adapter with --adapter")
         script = f"const asked = {json.dumps(asked)};\n{(HERE / 'rules.js').read_text()}"
-        run = subprocess.run(["njs", "-t", "module", "-p", str(self.folder), "-"], input=script, encoding="utf-8",
-                             errors="replace", capture_output=True, timeout=max(deadline.left(), 0.1))
+        command = ["njs", "-t", "module", "-p", str(self.folder), "-"]
+        run = subprocess.run(command, input=script, encoding="utf-8", errors="replace", capture_output=True,
+                             timeout=max(deadline.left(), 0.1))
         if run.returncode:
             raise Unknown(f"its rules can't be run: {run.stdout}{run.stderr}")
         return dict(json.loads(run.stdout.replace("\n", "")))
@@ -171,4 +172,6 @@ def remuxes(adapter: Way) -> Way:
         return Way(None, "not asked")
     if adapter.plays:
         return Way(None, "not needed")
-    return Way(True, adapter.why) if "remux" in adapter.why else Way(False, "the adapter's reason does not name it")
+    if "remux" in adapter.why:
+        return Way(True, adapter.why)
+    return Way(False, "the adapter's reason does not name it")
