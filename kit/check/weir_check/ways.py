@@ -173,5 +173,5 @@ def remuxes(adapter: Way) -> Way:
     if adapter.plays:
         return Way(None, "not needed")
     if "remux" in adapter.why:
-        return Way(True, adapter.why)
+        return Way(True, "says the adapter")
     return Way(False, "the adapter's reason does not name it")
