@@ -5,7 +5,7 @@
 //   [/NAME]/https/HOST/PATH           a playlist, as the user writes it
 //   [/NAME]/https/HOST/PATH?weir=N    a media playlist whose numbers are to be raised by N + 1
 //   [/NAME]/https-segment/HOST/PATH?weir=N[,VECTOR,KEY]
-//                                     segment N, to be decrypted if there are a vector and a key's URL
+//                                     segment N; a vector and a key's URL if it is to be sealed for weir
 //   [/NAME]/https-key/HOST/PATH?weir=N    a key
 //
 // The same with http. An origin's own query precedes "weir=", which is always last. The number of a
@@ -17,8 +17,12 @@ import urls from 'url.js';
 const ASKED = /^((?:\/[^/?]+)??)\/(https?)(-segment|-key)?\/([^/?#]+)([^?#]*)([^#]*)/;
 const OURS = /[?&]weir=([^&]*)$/;
 const VECTOR = /^[0-9a-f]{32}$/;
-const ZERO = '0'.repeat(32);
 const BLOCK = 16; // bytes, of AES
+const ZERO = Buffer.alloc(BLOCK), NO_VECTOR = ZERO.toString('hex');
+const NULL_PACKET = `471fff10${'ff'.repeat(184)}`; // of MPEG-TS, whose content is of no account
+const NULLS = 4; // the fewest that fill whole blocks
+const SYNC = 0x47; // the first byte of MPEG-TS
+const PASS = 460, PASS_BRIEFLY = 461; // answers that make the server in front fetch X-Weir-Target itself
 // The usual forms of a segment's URL, which need not be taken apart.
 const RELATIVE = /^(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?$/;
 const ABSOLUTE = /^(https?):\/(\/[a-z0-9.-]+(?::\d+)?\/(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
@@ -125,18 +129,12 @@ async function masterPlaylist(r, asked, got) {
   return written;
 }
 
-// weir decrypts with a zero vector only, and never stops decrypting within a playlist.
-function weirDecrypts(media, from) {
-  return media.segments.every((segment, at) => at < from || (segment.key
-    ? playlists.vectorOf(media, at) === ZERO : at === from || !media.segments[at - 1].key));
-}
-
 function mediaPlaylist(r, asked, media, raise) {
   const skipped = Math.max(0, -media.first - raise);
   if (skipped >= media.segments.length) {
     throw urls.refusal('no segments that the first variant has, too');
   }
-  const first = media.first + skipped + raise + 1, keyed = weirDecrypts(media, skipped);
+  const first = media.first + skipped + raise + 1;
   const written = ['#EXTM3U', `#EXT-X-TARGETDURATION:${media.target}`, `#EXT-X-MEDIA-SEQUENCE:${first}`];
   const folder = address(r, asked, '-segment', urls.resolve(media.url, '.'));
   const base = r.headersIn['X-Weir-Media'] + asked.name;
@@ -145,20 +143,25 @@ function mediaPlaylist(r, asked, media, raise) {
     return found ? `${base}/${found[1]}-segment${found[2]}` : RELATIVE.test(uri) ? folder + uri
       : address(r, asked, '-segment', urls.resolve(media.url, uri));
   };
-  let key = null;
+  let key = null, keyUrl = '';
   for (let at = skipped; at < media.segments.length; at++) {
     const segment = media.segments[at], number = media.first + at;
-    if (keyed && segment.key !== key) {
-      // A new address for each playlist, since weir keeps a key's address but not always the key.
-      const next = withArgs(address(r, asked, '-key', segment.key.url), first);
-      written.push(`#EXT-X-KEY:METHOD=AES-128,IV=0x${ZERO},URI="${next}"`);
+    if (segment.key !== key) {
+      const url = segment.key ? urls.text(segment.key.url) : '';
+      if (url !== keyUrl) {
+        // A new address each time, since weir keeps a key's address but not always the key. An empty one
+        // makes it stop decrypting.
+        const next = url && withArgs(address(r, asked, '-key', segment.key.url), `${first},${number}`);
+        written.push(`#EXT-X-KEY:METHOD=${url ? 'AES-128' : 'NONE'},IV=0x${NO_VECTOR},URI="${next}"`);
+      }
+      key = segment.key;
+      keyUrl = url;
     }
-    key = segment.key;
     if (segment.jump) {
       written.push('#EXT-X-DISCONTINUITY');
     }
-    const sealed = key && !keyed
-      ? `,${playlists.vectorOf(media, at)},${encodeURIComponent(urls.text(key.url))}` : '';
+    const vector = key ? playlists.vectorOf(media, at) : NO_VECTOR;
+    const sealed = vector === NO_VECTOR ? '' : `,${vector},${encodeURIComponent(keyUrl)}`;
     written.push(`#EXTINF:${segment.length},`, withArgs(segmentAddress(segment.uri), number + sealed));
   }
   return media.ended ? written.concat('#EXT-X-ENDLIST') : written;
@@ -181,82 +184,88 @@ async function servePlaylist(r, asked) {
   r.return(200, `${written.join('\n')}\n`);
 }
 
-function importKey(raw) {
-  return crypto.subtle.importKey('raw', raw, { name: 'AES-CBC' }, false, ['encrypt', 'decrypt']);
+async function encrypt(cipher, vector, data) {
+  const sealed = await crypto.subtle.encrypt({ name: 'AES-CBC', iv: vector }, cipher, data);
+  return Buffer.from(sealed);
 }
 
-function decrypt(cipher, iv, data) {
-  return crypto.subtle.decrypt({ name: 'AES-CBC', iv }, cipher, data);
+// Of a `part` that ends without padding, too.
+async function decrypt(cipher, vector, data, part) {
+  const padding = part ? await encrypt(cipher, data.slice(-BLOCK), '') : '';
+  const sealed = part ? Buffer.concat([data, padding]) : data;
+  const clear = await crypto.subtle.decrypt({ name: 'AES-CBC', iv: vector }, cipher, sealed);
+  return Buffer.from(clear);
 }
 
-// The last block tells how long the clear segment will be, so that it can be decrypted while it
-// comes. An origin that can't send its last bytes alone has sent it whole.
+// weir decrypts with a zero vector only, but of a segment's own vector CBC needs no more than for its
+// first block. So null packets precede MPEG-TS, the last block of which, as encrypted, is that vector.
+// Null for anything else, such as packed audio.
+async function nullPackets(cipher, vector, sealed) {
+  const clear = await decrypt(cipher, vector, sealed.slice(0, BLOCK), true);
+  if (clear[0] !== SYNC) {
+    return null;
+  }
+  const nulls = await encrypt(cipher, ZERO, Buffer.from(NULL_PACKET.repeat(NULLS), 'hex'));
+  return Buffer.concat([nulls.slice(0, -2 * BLOCK), vector]); // the padding goes, too
+}
+
+// Encrypts for a zero vector what is encrypted for another one.
+async function sealAgain(cipher, vector, sealed) {
+  const nulls = await nullPackets(cipher, vector, sealed);
+  if (nulls) {
+    return Buffer.concat([nulls, sealed]);
+  }
+  const clear = await decrypt(cipher, vector, sealed);
+  return encrypt(cipher, ZERO, clear);
+}
+
+// MPEG-TS is passed on as it comes if its first block can be had alone; anything else must be here first.
 async function serveEncrypted(r, asked) {
-  const vector = asked.args[1], keyUrl = urls.parse(decodeURIComponent(asked.args[2]));
-  if (!VECTOR.test(vector)) {
+  const keyUrl = urls.parse(decodeURIComponent(asked.args[2]));
+  if (!VECTOR.test(asked.args[1])) {
     throw urls.refusal('no vector', 404);
   }
-  const key = await origin.fetch(r, keyUrl, '/key');
-  const got = await origin.fetchWhole(r, asked.url, '/tail');
-  if (got.reply.status === 304) {
-    sendWhole(r, got.reply, '');
-    return;
-  }
-  const raw = key.reply.responseBuffer, sealed = got.reply.responseBuffer;
-  const size = /\/([0-9]+)$/.exec(got.reply.headersOut['Content-Range'] || '');
-  const part = got.reply.status === 206 && size && sealed.length === 2 * BLOCK;
-  let clear;
+  const vector = Buffer.from(asked.args[1], 'hex');
+  const key = await origin.fetch(r, keyUrl, '/key'), raw = key.reply.responseBuffer;
+  let got = await origin.fetchWhole(r, asked.url, '/first'), body = '';
   try {
-    const cipher = await importKey(raw);
-    clear = part
-      ? await decrypt(cipher, sealed.slice(0, BLOCK), sealed.slice(BLOCK))
-      : await decrypt(cipher, Buffer.from(vector, 'hex'), sealed);
+    const cipher = await crypto.subtle.importKey('raw', raw, { name: 'AES-CBC' }, false, ['encrypt', 'decrypt']);
+    if (got.reply.status === 206) {
+      const size = /\/([0-9]+)$/.exec(got.reply.headersOut['Content-Range']);
+      const nulls = size && await nullPackets(cipher, vector, got.reply.responseBuffer);
+      if (nulls) {
+        keep(r, got.reply);
+        r.variables.weir_target = urls.text(got.url);
+        r.variables.weir_prefix = nulls.toString('hex');
+        r.variables.weir_length = Number(size[1]) + nulls.length;
+        r.internalRedirect('@seal');
+        return;
+      }
+      got = await origin.fetchWhole(r, got.url, '/fetch');
+    }
+    if (got.reply.status === 200) {
+      body = await sealAgain(cipher, vector, got.reply.responseBuffer);
+    }
   } catch (error) {
-    throw urls.refusal(`can't decrypt ${urls.text(got.url)} with ${urls.text(key.url)}: ${error}`);
+    throw error.reason ? error
+      : urls.refusal(`can't decrypt ${urls.text(got.url)} with ${urls.text(key.url)}: ${error}`);
   }
-  if (!part) {
-    sendWhole(r, got.reply, Buffer.from(clear));
-    return;
-  }
-  keep(r, got.reply);
-  r.variables.weir_target = urls.text(got.url);
-  r.variables.weir_key = raw.toString('hex');
-  r.variables.weir_vector = vector;
-  r.variables.weir_length = size[1] - BLOCK + clear.byteLength;
-  r.internalRedirect('@decrypt');
+  sendWhole(r, got.reply, body);
 }
 
-function decryptHead(r) {
+function sealHead(r) {
   if (r.status === 200) {
     r.headersOut['Content-Length'] = r.variables.weir_length;
   }
 }
 
-let held = Buffer.from(''), last; // of this request, which has a virtual machine to itself
-
-// nginx runs WebCrypto's promises before it goes on.
-async function decryptBody(r, data, flags) {
-  if (r.status !== 200) {
-    r.sendBuffer(data, flags);
-    return;
+// Only once: nginx passes on the rest by itself.
+function sealBody(r, data, flags) {
+  if (r.status === 200) {
+    r.sendBuffer(Buffer.from(r.variables.weir_prefix, 'hex'));
   }
-  held = Buffer.concat([held, data]);
-  // The last block has the padding: it is held until there is another, or no more.
-  const taken = flags.last ? held.length : Math.floor((held.length - 1) / BLOCK) * BLOCK;
-  if (taken <= 0) {
-    return;
-  }
-  const vector = last || Buffer.from(r.variables.weir_vector, 'hex');
-  let piece = held.slice(0, taken);
-  last = piece.slice(-BLOCK);
-  held = held.slice(taken);
-  const cipher = await importKey(Buffer.from(r.variables.weir_key, 'hex'));
-  if (!flags.last) { // a padding of its own, for WebCrypto to take off
-    const padding = await crypto.subtle.encrypt({ name: 'AES-CBC', iv: last }, cipher, Buffer.from(''));
-    piece = Buffer.concat([piece, Buffer.from(padding)]);
-  }
-  const clear = await decrypt(cipher, vector, piece);
-  r.sendBuffer(Buffer.from(clear), { last: flags.last });
+  r.sendBuffer(data, flags);
+  r.done();
 }
 
 function keep(r, reply) {
@@ -274,7 +283,7 @@ function sendWhole(r, reply, body) {
   r.return(reply.status, body);
 }
 
-// nginx passes on as it comes what has a length; anything else must be here first.
+// What has a length can be passed on as it comes; anything else must be here first.
 async function serveSegment(r, asked) {
   if (asked.args.length > 1) {
     await serveEncrypted(r, asked);
@@ -284,9 +293,8 @@ async function serveSegment(r, asked) {
   if (head && head.reply.status === 304) {
     sendWhole(r, head.reply, '');
   } else if (head && head.reply.headersOut['Content-Length'] && !head.reply.headersOut['Content-Encoding']) {
-    keep(r, head.reply);
-    r.variables.weir_target = urls.text(head.url);
-    r.internalRedirect('@pass');
+    r.headersOut['X-Weir-Target'] = urls.text(head.url);
+    r.return(origin.freshness(head.reply.headersOut) === '1' ? PASS_BRIEFLY : PASS);
   } else {
     const got = await origin.fetchWhole(r, asked.url, '/fetch');
     sendWhole(r, got.reply, got.reply.responseBuffer);
@@ -314,4 +322,4 @@ async function serve(r) {
   }
 }
 
-export default { serve, decryptHead, decryptBody };
+export default { serve, sealHead, sealBody };
