@@ -22,10 +22,10 @@ const ZERO = Buffer.alloc(BLOCK), NO_VECTOR = ZERO.toString('hex');
 const NULL_PACKET = `471fff10${'ff'.repeat(184)}`; // of MPEG-TS, whose content is of no account
 const NULLS = 4; // the fewest that fill whole blocks
 const SYNC = 0x47; // the first byte of MPEG-TS
-const PASS = 460, PASS_BRIEFLY = 461; // answers that make the server in front fetch X-Weir-Target itself
-// The usual forms of a segment's URL, which need not be taken apart.
-const RELATIVE = /^(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?$/;
-const ABSOLUTE = /^(https?):\/(\/[a-z0-9.-]+(?::\d+)?\/(?:[\w-][\w.-]*\/)*[\w-][\w.-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
+const PASS = 305, PASS_BRIEFLY = 306; // no refusals: the server in front fetches X-Weir-Target itself
+// A folder, which is resolved once, and the usual form of a name with its query, which needs no work.
+const SEGMENT = /^([^?#]*\/)?([\w~-][\w.~%-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
+const LONG = 128; // bytes of a segment's URL that take as long as a line
 const AT_ONCE = 8; // variants
 const LOADING = 500; // lines that could be read in the time that a variant takes, besides its own
 const MOST_BYTES = 8 << 20; // of the playlists of a request
@@ -136,12 +136,12 @@ function mediaPlaylist(r, asked, media, raise) {
   }
   const first = media.first + skipped + raise + 1;
   const written = ['#EXTM3U', `#EXT-X-TARGETDURATION:${media.target}`, `#EXT-X-MEDIA-SEQUENCE:${first}`];
-  const folder = address(r, asked, '-segment', urls.resolve(media.url, '.'));
-  const base = r.headersIn['X-Weir-Media'] + asked.name;
+  const folders = {};
   const segmentAddress = (uri) => {
-    const found = RELATIVE.test(uri) ? null : ABSOLUTE.exec(uri);
-    return found ? `${base}/${found[1]}-segment${found[2]}` : RELATIVE.test(uri) ? folder + uri
-      : address(r, asked, '-segment', urls.resolve(media.url, uri));
+    const found = SEGMENT.exec(uri), folder = found ? found[1] || '' : uri;
+    const known = folders[folder] || address(r, asked, '-segment', urls.resolve(media.url, folder || '.'));
+    folders[folder] = known;
+    return found ? known + found[2] : known;
   };
   let key = null, keyUrl = '';
   for (let at = skipped; at < media.segments.length; at++) {
@@ -162,6 +162,7 @@ function mediaPlaylist(r, asked, media, raise) {
     }
     const vector = key ? playlists.vectorOf(media, at) : NO_VECTOR;
     const sealed = vector === NO_VECTOR ? '' : `,${vector},${encodeURIComponent(keyUrl)}`;
+    urls.spend(Math.floor(segment.uri.length / LONG) + (sealed ? 1 : 0));
     written.push(`#EXTINF:${segment.length},`, withArgs(segmentAddress(segment.uri), number + sealed));
   }
   return media.ended ? written.concat('#EXT-X-ENDLIST') : written;
@@ -293,8 +294,9 @@ async function serveSegment(r, asked) {
   if (head && head.reply.status === 304) {
     sendWhole(r, head.reply, '');
   } else if (head && head.reply.headersOut['Content-Length'] && !head.reply.headersOut['Content-Encoding']) {
+    const fields = head.reply.headersOut, past = fields.Expires && !(Date.parse(fields.Expires) > Date.now());
     r.headersOut['X-Weir-Target'] = urls.text(head.url);
-    r.return(origin.freshness(head.reply.headersOut) === '1' ? PASS_BRIEFLY : PASS);
+    r.return(past || origin.freshness(fields) === '1' ? PASS_BRIEFLY : PASS);
   } else {
     const got = await origin.fetchWhole(r, asked.url, '/fetch');
     sendWhole(r, got.reply, got.reply.responseBuffer);

@@ -94,7 +94,7 @@ function timeOf(text) {
 }
 
 // The key of a tag, null for none. Without a vector of its own it is used with each segment's number.
-function parseKey(url, tag) {
+function parseKey(url, tag, last) {
   const method = String(tag.METHOD).toUpperCase();
   if (method === 'NONE') {
     return null;
@@ -106,7 +106,8 @@ function parseKey(url, tag) {
     throw urls.refusal(`keys of ${tag.KEYFORMAT || 'no URI'} (EXT-X-KEY)`);
   }
   const vector = (tag.IV || '').toLowerCase().replace(/^0x/, '');
-  return { url: urls.resolve(url, tag.URI), vector: vector && vector.padStart(32, '0') };
+  const same = last && last.uri === tag.URI;
+  return { uri: tag.URI, url: same ? last.url : urls.resolve(url, tag.URI), vector: vector && vector.padStart(32, '0') };
 }
 
 // `first` is what weir is told, two words of 32 bits what vectors are made of: 64 bits are allowed.
@@ -138,7 +139,7 @@ function readTag(media, next, line) {
   } else if (tag === '#EXT-X-MEDIA-SEQUENCE') {
     setNumber(media, value);
   } else if (tag === '#EXT-X-KEY') {
-    next.key = parseKey(media.url, attributes(line));
+    next.key = parseKey(media.url, attributes(line), next.key);
   } else if (tag === '#EXT-X-PROGRAM-DATE-TIME') {
     next.time = timeOf(value);
   } else if (tag === '#EXT-X-DISCONTINUITY') {

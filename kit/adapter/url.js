@@ -4,7 +4,8 @@ const URL = /^(https?):\/\/([^/?#]*)([^?#]*)([^#]*)/i;
 const FORBIDDEN = /[^!-~]|["<>\\^`{|}]/g; // in a request line
 
 const MOST_WORK = 80000; // lines of playlists: less than 0.5 s of processor time
-const RESOLVING = 8; // lines that could be read in the time that an unusual URL takes
+const RESOLVING = 20; // lines that could be read in the time that a URL takes to be resolved,
+const BYTES = 8; // and for each so many bytes of it another one
 
 let work = 0; // of this request, which has a virtual machine to itself
 
@@ -56,7 +57,7 @@ function withoutDots(path) {
 
 // RFC 3986, 5.2; characters that a request line must not contain are escaped.
 function resolve(base, reference) {
-  spend(RESOLVING);
+  spend(RESOLVING + Math.ceil(reference.length / BYTES));
   const escaped = escape(reference.split('#', 1)[0].trim());
   let url;
   if (/^[a-z][a-z0-9+.-]*:/i.test(escaped)) {
