@@ -26,7 +26,7 @@ from weirlab import client  # noqa: E402
 from weirlab.lab import TOP, Lab, Process, is_idle, wait_until  # noqa: E402
 from weirlab.network import own_network  # noqa: E402
 from weirlab.origin import Origin  # noqa: E402
-from weirlab.video import ffmpeg  # noqa: E402
+from weirlab.video import KEY, encrypt, ffmpeg  # noqa: E402
 
 PLAIN, CHUNKED, TLS = "http/127.0.0.1:8000", "http/127.0.0.1:8001", "https/origin.test"
 LATE, AWAY = "http/127.0.0.1:8002", 6  # s: weir itself waits 12 s for an origin that refuses connections
@@ -92,8 +92,8 @@ def chunked(www: Path) -> Callable[[str], bytes]:
 def start_servers(lab: Lab, weir: Path, streams: dict[str, Case]) -> tuple[Process, Path]:
     """Serves each stream at an address of its own. Returns weir and the adapter's log."""
     make_certificate(f"{lab.www}/pem", "DNS:origin.test")
-    lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}",
-              http=ORIGIN % {"www": lab.www})
+    lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}"
+              "add_header X-Accel-Redirect @pass; add_header X-Accel-Limit-Rate 1;", http=ORIGIN % {"www": lab.www})
     (lab.www / "huge").write_bytes(bytes((HELD + 1) << 20))
     Origin(8001, chunked(lab.www), lambda _: {"chunked"}, "127.0.0.1")
     for host, case in streams.items():
@@ -170,6 +170,10 @@ def check_answers(www: Path, keyed: str) -> None:
     for body in b"old", b"a new one":
         (www / "again.ts").write_bytes(body)
         wait_until("a changed segment", lambda: ask("http-segment/127.0.0.1:8000/again.ts")[2] == body)
+    (www / "key").write_bytes(KEY)
+    (www / "audio").write_bytes(encrypt(b"ID3" * 99, 5))
+    sealed = ask(f"http-segment/{PLAIN[5:]}/audio?weir=1,{5:032x},http%3A//{PLAIN[5:]}/key")[2]
+    assert sealed == encrypt(b"ID3" * 99), "no MPEG-TS, but not encrypted for weir"
     for path, host in ("master/master.m3u8", "~"), ("vod/list.m3u8?weir=0", "@"):
         text = text_of(f"{PLAIN}/{path}", 7751)
         assert set(re.findall("http://([^/]*)", text)) == {host}, text
