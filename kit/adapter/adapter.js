@@ -28,7 +28,7 @@ const SEGMENT = /^([^?#]*\/)?([\w~-][\w.~%-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
 const LONG = 128; // bytes of a segment's URL that take as long as a line
 const AT_ONCE = 8; // variants
 const LOADING = 500; // lines that could be read in the time that a variant takes, besides its own
-const MOST_BYTES = 8 << 20; // of the playlists of a request
+const MOST_BYTES = 8 << 20; // of the playlists of a request, or of what is encrypted again
 const MOST_REASON = 1000; // bytes of a header field
 
 let bytes = 0; // of playlists of this request, which has a virtual machine to itself
@@ -69,13 +69,13 @@ async function fetchLines(r, url) {
   if (bytes > MOST_BYTES) {
     throw urls.refusal(`too large: more than ${MOST_BYTES} bytes of playlists`);
   }
-  got.lines = playlists.linesOf(text);
+  got.lines = await playlists.linesOf(text);
   return got;
 }
 
 // nginx's cache remembers how far a playlist has come.
 async function parseMedia(r, url, got) {
-  const media = playlists.parseMedia(got.url, got.lines);
+  const media = await playlists.parseMedia(got.url, got.lines);
   const args = urls.text(url);
   const kept = await r.subrequest('/recall', { args });
   const note = kept.status === 200 ? kept.responseText : '';
@@ -129,33 +129,47 @@ async function masterPlaylist(r, asked, got) {
   return written;
 }
 
-function mediaPlaylist(r, asked, media, raise) {
-  const skipped = Math.max(0, -media.first - raise);
-  if (skipped >= media.segments.length) {
-    throw urls.refusal('no segments that the first variant has, too');
-  }
-  const first = media.first + skipped + raise + 1;
-  const written = ['#EXTM3U', `#EXT-X-TARGETDURATION:${media.target}`, `#EXT-X-MEDIA-SEQUENCE:${first}`];
+// Returns the function that makes the addresses of a playlist's segments.
+function segmentAddresses(r, asked, media) {
   const folders = {};
-  const segmentAddress = (uri) => {
+  return (uri) => {
     const found = SEGMENT.exec(uri), folder = found ? found[1] || '' : uri;
     const known = folders[folder] || address(r, asked, '-segment', urls.resolve(media.url, folder || '.'));
     folders[folder] = known;
     return found ? known + found[2] : known;
   };
+}
+
+// A new address each time, since weir keeps a key's address but not always the key. An empty one makes it
+// stop decrypting.
+function keyTag(r, asked, key, args) {
+  const uri = key ? withArgs(address(r, asked, '-key', key.url), args) : '';
+  return `#EXT-X-KEY:METHOD=${key ? 'AES-128' : 'NONE'},IV=0x${NO_VECTOR},URI="${uri}"`;
+}
+
+async function mediaPlaylist(r, asked, media, raise) {
+  const skipped = Math.max(0, -media.first - raise);
+  if (skipped >= media.segments.length) {
+    throw urls.refusal('no segments that the first variant has, too');
+  }
+  const first = media.first + skipped + raise + 1;
+  const segmentAddress = segmentAddresses(r, asked, media), parts = [];
+  let written = ['#EXTM3U', `#EXT-X-TARGETDURATION:${media.target}`, `#EXT-X-MEDIA-SEQUENCE:${first}`];
   let key = null, keyUrl = '';
   for (let at = skipped; at < media.segments.length; at++) {
+    if (at % urls.SLICE === 0) {
+      parts.push(written.join('\n')); // joining all at once would take as long as the rest
+      written = [];
+      await urls.rest();
+    }
     const segment = media.segments[at], number = media.first + at;
     if (segment.key !== key) {
-      const url = segment.key ? urls.text(segment.key.url) : '';
-      if (url !== keyUrl) {
-        // A new address each time, since weir keeps a key's address but not always the key. An empty one
-        // makes it stop decrypting.
-        const next = url && withArgs(address(r, asked, '-key', segment.key.url), `${first},${number}`);
-        written.push(`#EXT-X-KEY:METHOD=${url ? 'AES-128' : 'NONE'},IV=0x${NO_VECTOR},URI="${next}"`);
-      }
+      const before = keyUrl;
       key = segment.key;
-      keyUrl = url;
+      keyUrl = key ? urls.text(key.url) : '';
+      if (keyUrl !== before) {
+        written.push(keyTag(r, asked, key, `${first},${number}`));
+      }
     }
     if (segment.jump) {
       written.push('#EXT-X-DISCONTINUITY');
@@ -165,7 +179,7 @@ function mediaPlaylist(r, asked, media, raise) {
     urls.spend(Math.floor(segment.uri.length / LONG) + (sealed ? 1 : 0));
     written.push(`#EXTINF:${segment.length},`, withArgs(segmentAddress(segment.uri), number + sealed));
   }
-  return media.ended ? written.concat('#EXT-X-ENDLIST') : written;
+  return parts.concat(written, media.ended ? '#EXT-X-ENDLIST' : []);
 }
 
 async function servePlaylist(r, asked) {
@@ -177,7 +191,7 @@ async function servePlaylist(r, asked) {
     const media = await parseMedia(r, asked.url, got);
     seconds = Math.ceil(media.target / 2) - 1; // less than half
     written = asked.args.length
-      ? mediaPlaylist(r, asked, media, parseInt(asked.args[0]) || 0)
+      ? await mediaPlaylist(r, asked, media, parseInt(asked.args[0]) || 0)
       : ['#EXTM3U', '#EXT-X-STREAM-INF:BANDWIDTH=1', withArgs(address(r, asked, '', asked.url), 0)];
   }
   r.headersOut['X-Accel-Expires'] = String(seconds);
@@ -215,6 +229,9 @@ async function sealAgain(cipher, vector, sealed) {
   const nulls = await nullPackets(cipher, vector, sealed);
   if (nulls) {
     return Buffer.concat([nulls, sealed]);
+  }
+  if (sealed.length > MOST_BYTES) {
+    throw urls.refusal(`too large: more than ${MOST_BYTES} encrypted bytes that are not MPEG-TS`);
   }
   const clear = await decrypt(cipher, vector, sealed);
   return encrypt(cipher, ZERO, clear);

@@ -32,13 +32,16 @@ function attributes(line) {
 }
 
 // The lines after the first.
-function linesOf(text) {
+async function linesOf(text) {
   const raw = text.split('\n'), lines = [];
   urls.spend(raw.length);
   if (raw[0].replace(/^\uFEFF/, '').trim() !== '#EXTM3U') {
     throw urls.refusal('no playlist');
   }
   for (let at = 1; at < raw.length; at++) {
+    if (at % urls.SLICE === 0) {
+      await urls.rest();
+    }
     const line = raw[at].trim();
     if (line) {
       lines.push(line);
@@ -150,11 +153,14 @@ function readTag(media, next, line) {
 }
 
 // Segment URLs stay as written: resolving them costs more than all else.
-function parseMedia(url, lines) {
+async function parseMedia(url, lines) {
   const segments = [], next = { key: null, time: NaN, jump: false };
   const media = { url, target: 1, ended: false, first: 0, words: { high: 0, low: 0 }, numbered: false, segments };
   let length = 0;
   for (let at = 0; at < lines.length; at++) {
+    if (at % urls.SLICE === 0) {
+      await urls.rest();
+    }
     const line = lines[at];
     if (!line.startsWith('#')) {
       segments.push({ uri: line, length, time: next.time, jump: next.jump, key: next.key });
@@ -178,6 +184,7 @@ function lastNumber(media) {
 
 // A segment's path identifies it where there are no numbers; queries may be signed anew each time.
 function markOf(segment) {
+  urls.spend(1);
   return crypto.createHash('md5').update(segment.uri.split('?')[0]).digest('hex');
 }
 
