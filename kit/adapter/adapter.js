@@ -26,6 +26,7 @@ const PASS = 305, PASS_BRIEFLY = 306; // no refusals: the server in front fetche
 // A folder, which is resolved once, and the usual form of a name with its query, which needs no work.
 const SEGMENT = /^([^?#]*\/)?([\w~-][\w.~%-]*(?:\?[\w.~!$&'()*+,;=:@%/?-]*)?)$/;
 const LONG = 128; // bytes of a segment's URL that take as long as a line
+const LONGEST = 8192; // bytes of a usual one
 const AT_ONCE = 8; // variants
 const LOADING = 500; // lines that could be read in the time that a variant takes, besides its own
 const MOST_BYTES = 8 << 20; // of the playlists of a request, or of what is encrypted again
@@ -133,7 +134,7 @@ async function masterPlaylist(r, asked, got) {
 function segmentAddresses(r, asked, media) {
   const folders = {};
   return (uri) => {
-    const found = SEGMENT.exec(uri), folder = found ? found[1] || '' : uri;
+    const found = uri.length < LONGEST && SEGMENT.exec(uri), folder = found ? found[1] || '' : uri;
     const known = folders[folder] || address(r, asked, '-segment', urls.resolve(media.url, folder || '.'));
     folders[folder] = known;
     return found ? known + found[2] : known;

@@ -17,6 +17,7 @@ const LATE = 3; // segments by which a cache's copy of a live playlist may be ol
 
 // Without a regular expression, which would take most of a request's time.
 function attributes(line) {
+  urls.spend(Math.ceil(line.length / ATTRIBUTES));
   const found = {};
   let at = line.indexOf(':') + 1, equals = line.indexOf('=', at);
   while (at && equals >= 0) {
@@ -27,7 +28,6 @@ function attributes(line) {
     at = line.indexOf(',', end) + 1;
     equals = line.indexOf('=', at);
   }
-  urls.spend(Math.ceil(line.length / ATTRIBUTES));
   return found;
 }
 
