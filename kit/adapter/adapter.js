@@ -246,7 +246,9 @@ async function serveEncrypted(r, asked) {
   }
   const vector = Buffer.from(asked.args[1], 'hex');
   const key = await origin.fetch(r, keyUrl, '/key'), raw = key.reply.responseBuffer;
-  let got = await origin.fetchWhole(r, asked.url, '/first'), body = '';
+  r.variables.weir_range = `bytes=0-${BLOCK - 1}`;
+  let got = await origin.fetchWhole(r, asked.url, '/fetch'), body = '';
+  r.variables.weir_range = '';
   try {
     const cipher = await crypto.subtle.importKey('raw', raw, { name: 'AES-CBC' }, false, ['encrypt', 'decrypt']);
     if (got.reply.status === 206) {
