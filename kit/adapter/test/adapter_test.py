@@ -93,7 +93,8 @@ def start_servers(lab: Lab, weir: Path, streams: dict[str, Case]) -> tuple[Proce
     """Serves each stream at an address of its own. Returns weir and the adapter's log."""
     make_certificate(f"{lab.www}/pem", "DNS:origin.test")
     lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}"
-              "add_header X-Accel-Redirect @pass; add_header X-Accel-Limit-Rate 1;", http=ORIGIN % {"www": lab.www})
+              "add_header X-Accel-Redirect @pass; add_header X-Accel-Limit-Rate 1;",
+              http=ORIGIN % {"www": lab.www})
     (lab.www / "huge").write_bytes(bytes((HELD + 1) << 20))
     Origin(8001, chunked(lab.www), lambda _: {"chunked"}, "127.0.0.1")
     for host, case in streams.items():
