@@ -13,7 +13,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,11 +51,10 @@ struct Fiber {
   std::unique_ptr<char[]> stack = nullptr;
   const void* bottom = stack.get();
   size_t size = kStack;
-  bool done = false, woken = false;
-  bool released = true;  // joined or detached
-  Waiters joiners = {};
-  std::vector<Waiters*> waiting = {};
-  std::optional<std::multimap<Time, Fiber*>::iterator> deadline = {};
+  bool done = false;
+  bool released = true;                          // joined or detached
+  const std::function<Time()>* ready = nullptr;  // see wait()
+  Time deadline = {};
   void* exceptions[2] = {};  // the C++ library's state of a thread
   ucontext_t context{};
   void* shadow = nullptr;  // the sanitizer's fiber
@@ -66,31 +64,16 @@ namespace {
 
 Fiber main_fiber;
 Fiber* current = &main_fiber;
-Fiber* previous = nullptr;  // ran before `current`
-std::deque<Fiber*> ready;
-std::multimap<Time, Fiber*> due;
-std::deque<Fiber> fibers;  // of all times
-struct Refusal {
-  int error = 0;
-  int nth = 0;  // 0: all calls
-  int calls = 0;
-};
-std::map<std::string, Refusal, std::less<>> refusals;
-std::map<pthread_mutex_t*, Waiters> contended;
+Fiber* previous = nullptr;               // ran before `current`
+std::deque<Fiber> fibers;                // of all times
+std::vector<Fiber*> alive{&main_fiber};  // in the order in which they ran
+std::map<std::string, std::function<int()>, std::less<>> refusals;
+std::uint64_t unlocks = 0;  // of all mutexes
 Time time_now{0};
 Time clock_start = std::chrono::seconds(1000);
 std::uint64_t steps = 0;  // since the clock last advanced
 bool at_random = false;
 std::minstd_rand random_order;
-
-void make_ready(Fiber* fiber, bool woken) {
-  for (Waiters* list : fiber->waiting) std::erase(list->fibers, fiber);
-  fiber->waiting.clear();
-  if (fiber->deadline) due.erase(*fiber->deadline);
-  fiber->deadline.reset();
-  fiber->woken = woken;
-  ready.push_back(fiber);
-}
 
 [[noreturn]] void die(const char* why) {
   std::fprintf(stderr, "simulation: %s at %.3f s, %d threads\n", why,
@@ -138,28 +121,29 @@ void switch_to(Fiber* next) {
   errno = error;
 }
 
-// Advances the clock to the next deadline; every fiber due at that time becomes eligible to run.
-void pass_time() {
-  while (!due.empty() && (ready.empty() || due.begin()->first <= time_now)) {
-    const auto [time, fiber] = *due.begin();
-    if (time > time_now) steps = 0;
-    time_now = std::max(time_now, time);
-    make_ready(fiber, false);
-  }
-  if (ready.empty()) die("deadlock: every thread waits forever");
-}
-
+// Chooses among the fibers that can run first, and advances the clock to that time.
 Fiber* next_fiber() {
+  static std::vector<Fiber*> next;
+  Time first = kNever;
+  for (Fiber* const fiber : alive) {
+    const Time ready = fiber->ready == nullptr ? kNever : (*fiber->ready)();
+    const Time time = std::max(time_now, std::min(ready, fiber->deadline));
+    if (time < first) next.clear();
+    first = std::min(first, time);
+    if (time == first) next.push_back(fiber);
+  }
+  if (first == kNever) die("deadlock: every thread waits forever");
+  if (first > time_now) steps = 0;
   if (++steps > 30'000'000) die("livelock: the clock no longer advances");
-  if (ready.empty()) pass_time();
-  if (at_random) std::swap(ready.front(), ready[random_order() % ready.size()]);
-  Fiber* const next = ready.front();
-  ready.pop_front();
-  return next;
+  time_now = first;
+  return next[at_random ? random_order() % next.size() : 0];
 }
 
-void let_others_run() {
-  make_ready(current, true);
+// Runs others, and this one again at the deadline or when it is ready.
+void pause(Time deadline) {
+  current->deadline = deadline;
+  std::erase(alive, current);
+  alive.push_back(current);
   switch_to(next_fiber());
 }
 
@@ -168,7 +152,7 @@ Fiber* end_current() {
   const Inside inside;
   current->run = nullptr;
   current->done = true;
-  current->joiners.wake();
+  std::erase(alive, current);
 #if WEIR_TSAN
   __tsan_release(current);
   __tsan_release(&fibers);
@@ -196,7 +180,7 @@ Fiber* new_fiber(std::function<void()> run, Of whose) {
   fiber->context.uc_stack.ss_sp = fiber->stack.get();
   fiber->context.uc_stack.ss_size = kStack;
   makecontext(&fiber->context, fiber_main, 0);
-  ready.push_back(fiber);
+  alive.push_back(fiber);
   return fiber;
 }
 
@@ -242,45 +226,36 @@ void spawn(std::function<void()> run, Of whose) {
   (void)new_fiber(std::move(run), whose);
 }
 
-bool wait(const std::vector<Waiters*>& lists, Time deadline) {
-  if (deadline <= time_now) return false;
-  for (Waiters* list : lists) list->fibers.push_back(current);
-  current->waiting = lists;
-  if (deadline != kNever) current->deadline = due.emplace(deadline, current);
-  switch_to(next_fiber());
-  return current->woken;
-}
-
-void Waiters::wake() {
-  while (!fibers.empty()) make_ready(fibers.front(), true);
+bool wait(const std::function<Time()>& ready, Time deadline) {
+  if (ready() > time_now && deadline > time_now) {
+    current->ready = &ready;
+    pause(deadline);
+    current->ready = nullptr;
+  }
+  return ready() <= time_now;
 }
 
 void sleep_until(Time time) {
   const Inside inside;
-  time > time_now ? (void)wait({}, time) : let_others_run();
+  pause(time);
 }
 
 void may_switch() {
-  if (at_random && random_order() % 4 == 0) let_others_run();
+  if (at_random && random_order() % 4 == 0) pause(time_now);
 }
 
 bool in_program() { return current->whose == Of::kProgram && current->inside == 0; }
 
-void refuse(const char* call, int error, int n) {
+void refuse(const char* call, std::function<int()> error) {
   const Inside inside;
-  refusals[call] = {error, n};
+  refusals[call] = std::move(error);
 }
-
-int calls(const char* call) { return refusals[call].calls; }
 
 int refused(const char* call) {
   if (refusals.empty() || current->whose == Of::kTest) return 0;
   const Inside inside;
   const auto found = refusals.find(call);
-  if (found == refusals.end()) return 0;
-  Refusal& refusal = found->second;
-  ++refusal.calls;
-  return refusal.nth == 0 || refusal.nth == refusal.calls ? refusal.error : 0;
+  return found == refusals.end() ? 0 : found->second();
 }
 
 int fail(int error) {
@@ -314,7 +289,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t*, void* (*entr
 int __wrap_pthread_join(pthread_t thread, void**) {
   const Inside inside;
   auto* const fiber = reinterpret_cast<Fiber*>(thread);
-  while (!fiber->done) wait({&fiber->joiners});
+  (void)wait([fiber] { return fiber->done ? Time(0) : kNever; });
   fiber->released = true;
 #if WEIR_TSAN
   __tsan_acquire(fiber);
@@ -334,14 +309,15 @@ pthread_t __wrap_pthread_self() { return reinterpret_cast<pthread_t>(current); }
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
   const Inside inside;
   may_switch();
-  while (pthread_mutex_trylock(mutex) == EBUSY) (void)wait({&contended[mutex]});
+  while (pthread_mutex_trylock(mutex) == EBUSY)
+    (void)wait([before = unlocks] { return unlocks > before ? Time(0) : kNever; });
   return 0;
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
   const Inside inside;
   const int result = __real_pthread_mutex_unlock(mutex);
-  if (auto waiting = contended.extract(mutex)) waiting.mapped().wake();
+  ++unlocks;
   may_switch();
   return result;
 }

@@ -11,14 +11,11 @@
 #include <cstdint>
 #include <functional>
 #include <random>
-#include <vector>
 
 namespace weir::test {
 
 using Time = std::chrono::nanoseconds;  // since the simulation began
 constexpr Time kNever = Time::max();
-
-struct Fiber;
 
 void set_seed(unsigned seed);
 Time now();
@@ -37,20 +34,17 @@ void may_switch();
 // True in the program's own code, false in tests and inside wrapped calls.
 bool in_program();
 
-// The fibers that wait for one condition.
-struct Waiters {
-  std::vector<Fiber*> fibers;
-  void wake();
-};
-// Blocks until one of the lists is woken; false at the deadline.
-bool wait(const std::vector<Waiters*>& lists, Time deadline = kNever);
+// Blocks until the time that `ready` returns, which may change while other fibers run; false at
+// the deadline.
+bool wait(const std::function<Time()>& ready, Time deadline = kNever);
 
-// Makes the program's n-th call of that name from now on fail with `error`, or all of them if
-// n is 0. An `error` of 0 ends it.
-void refuse(const char* call, int error, int n = 0);
+// From now on the program's calls of that name fail with the error that `error` returns for
+// each of them, unless it is 0.
+void refuse(const char* call, std::function<int()> error);
+inline void refuse(const char* call, int error) {
+  refuse(call, [error] { return error; });
+}
 constexpr int kTimeout = -1;  // an `error` of poll: it returns 0
-// The program's calls of that name since the last refuse().
-int calls(const char* call);
 // For wrapped calls: the error with which this one has to fail, or 0.
 int refused(const char* call);
 // Sets errno and returns -1.

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -42,7 +41,6 @@ struct Socket {
   bool blocking = true, listening = false, reuses_address = false;
   Time receive_timeout = kNever, send_timeout = kNever;
   std::deque<int> backlog = {};
-  Waiters changed = {};
 };
 
 std::map<int, Socket> sockets;
@@ -66,35 +64,25 @@ Time readable_at(const Pipe& pipe) {
   return std::min(pipe.pieces.empty() ? kNever : pipe.pieces.front().at, pipe.ends);
 }
 
-bool gone(const Socket& socket) {
-  return socket.out->broken || (socket.in->is_reset && socket.in->ends <= now());
+// When the connection is found broken.
+Time gone_at(const Socket& socket) {
+  if (socket.out->broken) return Time(0);
+  return socket.in->is_reset ? socket.in->ends : kNever;
 }
 
-int events_of(const Socket& socket) {
-  if (socket.listening) return socket.backlog.empty() ? 0 : POLLIN;
-  if (socket.in == nullptr) return socket.connected <= now() ? POLLIN | POLLOUT : 0;
-  if (gone(socket)) return POLLIN | POLLOUT;
-  const bool room = socket.connected <= now() && socket.out->held < socket.out->capacity;
-  return (readable_at(*socket.in) <= now() ? POLLIN : 0) | (room ? POLLOUT : 0);
+// When the event occurs, or another call closes the descriptor.
+Time ready_at(int fd, short event) {
+  const Socket* const socket = find(fd);
+  if (socket == nullptr) return Time(0);
+  if (socket->listening) return socket->backlog.empty() ? kNever : Time(0);
+  if (socket->in == nullptr) return socket->connected;
+  const bool room = socket->out->held < socket->out->capacity;
+  const Time there = event == POLLIN ? readable_at(*socket->in) : room ? socket->connected : kNever;
+  return std::min(there, gone_at(*socket));
 }
 
-// Waits until any of the events holds; returns those that do, 0 at the deadline.
-int wait_event(int fd, int events, Time deadline) {
-  for (;;) {
-    Socket* const socket = find(fd);
-    if (socket == nullptr) return POLLNVAL;
-    const int there = events & events_of(*socket);
-    if (there != 0 || deadline <= now()) return there;
-    std::vector<Waiters*> lists = {&socket->changed};
-    Time next = deadline;
-    if (socket->connected > now()) next = std::min(next, socket->connected);
-    if (socket->in != nullptr) {
-      const Time readable = readable_at(*socket->in);
-      if (readable > now()) next = std::min(next, readable);
-      lists.insert(lists.end(), {&socket->in->readers, &socket->out->writers});
-    }
-    (void)wait(lists, next);
-  }
+bool wait_for(int fd, short event, Time deadline) {
+  return wait([=] { return ready_at(fd, event); }, deadline);
 }
 
 Time after(Time timeout) { return timeout == kNever ? kNever : now() + timeout; }
@@ -128,7 +116,7 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
   if (socket == nullptr) return -1;
   const Time deadline = dont_wait || !socket->blocking ? now() : after(socket->receive_timeout);
   const std::shared_ptr<Pipe> in = socket->in;
-  if (wait_event(fd, POLLIN, deadline) == 0) return fail(EAGAIN);
+  if (!wait_for(fd, POLLIN, deadline)) return fail(EAGAIN);
   size_t count = 0;
   while (count < size && !in->pieces.empty() && in->pieces.front().at <= now()) {
     const std::string& bytes = in->pieces.front().bytes;
@@ -141,7 +129,6 @@ ssize_t receive(int fd, void* to, size_t size, bool dont_wait) {
     in->taken = 0;
   }
   in->held -= count;
-  if (count > 0) in->writers.wake();
   if (count == 0 && in->is_reset) return fail(ECONNRESET);
   return static_cast<ssize_t>(count);
 }
@@ -154,7 +141,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
   const std::shared_ptr<Pipe> out = socket->out;
   size_t count = 0;
   while (count < size) {
-    if (gone(*socket)) {
+    if (gone_at(*socket) <= now()) {
       if ((flags & MSG_NOSIGNAL) == 0) raise(SIGPIPE);
       return fail(EPIPE);
     }
@@ -162,7 +149,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
     const size_t part = std::min(room, size - count);
     if (part > 0) out->put(now(), {static_cast<const char*>(from) + count, part});
     count += part;
-    if (count < size && wait_event(fd, POLLOUT, deadline) == 0) break;
+    if (count < size && !wait_for(fd, POLLOUT, deadline)) break;
     if (find(fd) != socket) return fail(EBADF);
   }
   if (count == 0 && size > 0) return fail(EAGAIN);
@@ -176,7 +163,7 @@ ssize_t transmit(int fd, const void* from, size_t size, int flags) {
 }
 
 ssize_t write_log(int fd, const void* from, size_t size) {
-  (void)wait_event(fd, POLLOUT, kNever);
+  (void)wait_for(fd, POLLOUT, kNever);
   static bool interrupted = false;  // every log write is interrupted once with EINTR
   if ((interrupted = !interrupted)) return fail(EINTR);
   if (const int error = refused("log write")) return fail(error);
@@ -190,11 +177,10 @@ void close_socket(int fd) {
   if (socket.in != nullptr) {
     // Closing with unread bytes sends a reset, and unsent bytes are lost.
     const bool unread = !socket.in->pieces.empty() && socket.in->pieces.front().at <= now();
-    unread ? socket.out->reset(now()) : socket.out->end(now());
+    socket.out->ends = now();
+    if (unread) socket.out->reset(now());
     socket.in->broken = true;
-    socket.in->writers.wake();
   }
-  socket.changed.wake();
   sockets.erase(fd);
 }
 
@@ -212,7 +198,6 @@ int connect_to_listener(Socket& client) {
   accepted.out = client.in = std::make_shared<Pipe>();
   accepted.connected = client.connected = now();
   sockets[kFirst].backlog.push_back(fd);
-  sockets[kFirst].changed.wake();
   return 0;
 }
 
@@ -242,12 +227,6 @@ void Pipe::put(Time at, std::string bytes) {
   if (bytes.empty()) return;
   held += bytes.size();
   pieces.push_back({at, std::move(bytes)});
-  readers.wake();
-}
-
-void Pipe::end(Time at) {
-  ends = at;
-  readers.wake();
 }
 
 void Pipe::reset(Time at) {
@@ -259,13 +238,11 @@ void Pipe::reset(Time at) {
   }
   ends = at;
   is_reset = true;
-  readers.wake();
 }
 
 void set_log_stuck(int fd, bool stuck) {
   const Inside inside;
   standard[fd].connected = stuck ? kNever : Time(0);
-  standard[fd].changed.wake();
 }
 
 bool is_listening() { return sockets.contains(kFirst) && sockets[kFirst].listening; }
@@ -291,9 +268,10 @@ int __real_close(int fd);
 int __wrap_poll(pollfd* entry, nfds_t, int timeout) {
   entry->revents = 0;
   const int result = simulated("poll", [=] {
-    const Time time = timeout < 0 ? kNever : now() + std::chrono::milliseconds(timeout);
-    entry->revents = static_cast<short>(wait_event(entry->fd, entry->events, time));
-    return entry->revents == 0 ? 0 : 1;
+    const bool ready =
+        wait_for(entry->fd, entry->events, now() + std::chrono::milliseconds(timeout));
+    if (ready) entry->revents = find(entry->fd) == nullptr ? POLLNVAL : entry->events;
+    return ready ? 1 : 0;
   });
   return result < 0 && errno == kTimeout ? 0 : result;
 }
@@ -301,10 +279,10 @@ int __wrap_poll(pollfd* entry, nfds_t, int timeout) {
 int __wrap_select(int count, fd_set* in, fd_set*, fd_set*, timeval* timeout) {
   const Inside inside;
   may_switch();
-  const int events = wait_event(count - 1, POLLIN, now() + duration_of(timeout));
+  const bool ready = wait_for(count - 1, POLLIN, now() + duration_of(timeout));
   if (const int error = refused("select")) return fail(error);
-  if (events == 0) FD_CLR(count - 1, in);
-  return events == 0 ? 0 : 1;
+  if (!ready) FD_CLR(count - 1, in);
+  return ready ? 1 : 0;
 }
 
 int __wrap_socket(int, int, int) { return simulated("socket", new_socket); }
@@ -346,7 +324,7 @@ int __wrap_listen(int fd, int) {
 int __wrap_accept(int fd, sockaddr*, socklen_t*) {
   return simulated("accept", [fd] {
     Socket* const socket = find(fd);
-    if (wait_event(fd, POLLIN, kNever) == 0) return fail(EAGAIN);
+    (void)wait_for(fd, POLLIN, kNever);
     const int accepted = socket->backlog.front();
     socket->backlog.pop_front();
     return accepted;
@@ -396,11 +374,7 @@ int __wrap_close(int fd) {
   return 0;
 }
 
-int __wrap_fcntl(int fd, int command, ...) {
-  va_list more;
-  va_start(more, command);
-  const long argument = va_arg(more, long);
-  va_end(more);
+int __wrap_fcntl(int fd, int command, long argument) {
   return simulated("fcntl", [=] {
     if (find(fd) == nullptr) return fail(EBADF);
     bool& blocking = find(fd)->blocking;

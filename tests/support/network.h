@@ -28,11 +28,9 @@ struct Pipe {
   Time ends = kNever;
   bool is_reset = false;  // it ends with a reset
   bool broken = false;    // the reader has closed it
-  Waiters readers, writers;
 
   // For the writer; `at` is the time of arrival.
   void put(Time at, std::string bytes);
-  void end(Time at);
   void reset(Time at);
 };
 

@@ -120,6 +120,21 @@ std::string stream(const std::string& media) {
   return head("200 Streaming...", "application/octet-stream") + media;
 }
 
+std::string path_of(const std::string& request) {
+  const size_t start = request.find(' ') + 1;
+  return request.substr(start, request.find(' ', start) - start);
+}
+
+size_t offset_of(const std::string& request) {
+  const size_t range = request.find("bytes=");
+  return range == std::string::npos ? 0 : std::stoul(request.substr(range + 6));
+}
+
+std::string status_from(size_t offset) {
+  if (offset == 0) return "200 OK";
+  return "206 P\r\nContent-Range: bytes " + std::to_string(offset) + "-";
+}
+
 void respond(std::string& received, Pipe& out,
              const std::function<Reply(const std::string& request)>& reply_to) {
   constexpr char kNoMore = '\0';
@@ -130,7 +145,7 @@ void respond(std::string& received, Pipe& out,
     const Reply reply = reply_to(request);
     Time at = now();
     for (const Reply::Piece& piece : reply.pieces) out.put(at += piece.pause, piece.bytes);
-    if (reply.end == Reply::kClose) out.end(at);
+    if (reply.end == Reply::kClose) out.ends = at;
     if (reply.end == Reply::kReset) out.reset(at);
     if (reply.end != Reply::kKeep) received.assign(1, kNoMore);
   }
@@ -200,8 +215,7 @@ Host& World::origin(const std::string& name_and_port, Pages pages) {
                      std::string& received, Pipe& out) mutable {
     respond(received, out, [&](const std::string& request) {
       note("> " + replaced(request, "\r\n", " | "));
-      const size_t start = request.find(' ') + 1;
-      const std::string path = request.substr(start, request.find(' ', start) - start);
+      const std::string path = path_of(request);
       const auto found = pages.find(path);
       if (found == pages.end()) return ok("", "404 Not Found");
       return found->second[std::min(next[path]++, found->second.size() - 1)];

@@ -40,6 +40,11 @@ std::string list(int first, const std::vector<std::string>& lines, long duration
 std::string key(const std::string& url);
 inline const std::string kEnd = "#EXT-X-ENDLIST";
 
+std::string path_of(const std::string& request);
+// The first byte that a request asks for, and the status of the answer that begins there.
+size_t offset_of(const std::string& request);
+std::string status_from(size_t offset);
+
 // Answers the complete requests in `received` until a reply ends the connection.
 void respond(std::string& received, Pipe& out,
              const std::function<Reply(const std::string& request)>& reply_to);

@@ -1,5 +1,5 @@
-// Fails every fallible call of a short story once, each in a process of its own, and checks
-// the outcome against the table of faults.
+// Fails every fallible call of a short story once: at each call the process forks, and the call
+// fails in the child, which plays on and checks the outcome against the table of faults.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -19,6 +19,8 @@ struct Fault {
   int error;
   int short_streams;  // clients that may get only beginnings of the segments they should get
   const char* last_words = "";  // of the process, if it may end
+  int every =
+      1;  // of so many calls only one, if there are many of a kind: a byte of a request each
 
   friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.call; }
 };
@@ -40,8 +42,8 @@ const Fault kFaults[] = {
     {"nanosleep", EINTR, 0},
     {"poll", ENOMEM, 1},
     {"poll", kTimeout, 1},
-    {"client read", ECONNRESET, 1},
-    {"client read", EAGAIN, 0},
+    {"client read", ECONNRESET, 1, "", 5},
+    {"client read", EAGAIN, 0, "", 5},
     {"client write", EPIPE, 1},
     {"client write", EAGAIN, 1},
     {"upstream read", ECONNRESET, 1},
@@ -49,7 +51,7 @@ const Fault kFaults[] = {
     {"upstream read", ENOMEM, 2},
     {"upstream write", EPIPE, 0},
     {"upstream write", EAGAIN, 0},
-    {"log write", EIO, 0},
+    {"log write", EIO, 0, "", 5},
 };
 
 std::string masked(std::string text, int cleared, int set) {
@@ -70,10 +72,9 @@ constexpr std::ptrdiff_t kTolerated = 256;  // bytes: a longer line in the log's
 // If resuming fails before its body, weir starts over and delivers these bytes again.
 const std::string kRepeated = kClear.substr(0, kStallsAt);
 
-// Written by the first child. The parent must not use libcrypto: a child whose program fails
-// to set it up in time could not be told from the others.
+// What the first child leaves for the others. The parent must not use libcrypto: a child whose
+// program fails to set it up in time could not be told from the others.
 struct Shared {
-  int calls;
   std::ptrdiff_t left;                // bytes that the program holds after the story
   char secret[420'016], tail[1'296];  // kPlain and kTail, encrypted
 };
@@ -84,29 +85,54 @@ std::string tail() { return {shared->tail, sizeof shared->tail}; }
 
 const std::string kMap = "/update-cache-map?chunk=a:80,b:80&playlist=a:80,b:80";
 
+struct Part {
+  std::string plain, sent = plain;
+};
+
 struct Client {
   Time at;
   std::string resource;
-  std::string whole;
-  std::vector<std::pair<std::string, std::string>> segments = {};  // plain and as sent
+  std::vector<Part> parts;  // of the answer that it should get
   std::string got = {};
+
+  std::string whole() const {
+    std::string all;
+    for (const Part& part : parts) all += part.plain;
+    return all;
+  }
+
+  // Whether it got only beginnings of the parts, decrypted or not.
+  bool is_short() const {
+    std::string rest = got;
+    for (const auto& [plain, sent] : parts) {
+      if (rest.starts_with(kRepeated + kRepeated.substr(0, 99))) rest.erase(0, kStallsAt);
+      const std::string& part = rest.starts_with(sent.substr(0, 16)) ? sent : plain;
+      const auto end = std::mismatch(rest.begin(), rest.end(), part.begin(), part.end()).first;
+      rest.erase(rest.begin(), end);
+    }
+    return rest.empty();
+  }
+
+  friend std::ostream& operator<<(std::ostream& out, const Client& client) {
+    return out << client.resource << ": " << client.got.size() << " of " << client.whole().size();
+  }
 };
 
+std::string without_figures(std::string text) {
+  std::erase_if(text, isdigit);
+  return text;
+}
+
 std::vector<Client> clients() {
-  const std::string no_figures =
-      "{\"last_chunk_speed\": ,\"avg_speed\": ,\"cbuff_size\": ,\"selected_profile\": }\n";
-  return {{1s,
-           "/stream?url=http://~/x/other",
-           stream(kOther + kTail),
-           {{kOther, kOther}, {kTail, tail()}}},
-          {1200ms,
-           "/stream?url=http://~/x/master",
-           stream(kClear + kPlain),
-           {{kClear, kClear}, {kPlain, secret()}}},
-          {1400ms, "/watchdog", kOk},
-          {6s, "/stats.json", kOk + no_figures},
+  const std::string none =
+      "{\"last_chunk_speed\": ,\"avg_speed\": ,\"cbuff_size\": ,"
+      "\"selected_profile\": }\n";
+  return {{1s, "/stream?url=http://~/x/other", {{stream("")}, {kOther}, {kTail, tail()}}},
+          {1200ms, "/stream?url=http://~/x/master", {{stream("")}, {kClear}, {kPlain, secret()}}},
+          {1400ms, "/watchdog", {{kOk}}},
+          {6s, "/stats.json", {{without_figures(kOk)}, {none}}},
           // At the end: a request that breaks off may set half a map.
-          {60s, kMap, kMapSet}};
+          {60s, kMap, {{kOk}, {kMapSet.substr(kOk.size())}}}};
 }
 
 // A cache; `stalled` is shared by all of them.
@@ -123,74 +149,74 @@ std::function<void(std::string&, Pipe&)> cache(bool& stalled) {
       {"/k", kKey}};
   return [pages, &stalled](std::string& received, Pipe& out) {
     respond(received, out, [&](const std::string& request) {
-      const std::string path = request.substr(4, request.find(' ', 4) - 4);
-      if (!pages.contains(path)) return ok("", "404 No");
-      const std::string& page = pages.at(path);
+      const auto found = pages.find(path_of(request));
+      if (found == pages.end()) return ok("", "404 No");
+      const auto& [path, page] = *found;
       if (path == "/x/1" && !std::exchange(stalled, true)) return cut(page, kStallsAt);
-      const size_t range = request.find("bytes=");
-      if (range == std::string::npos)
-        return page.size() < 4000 ? ok(page) : slow(page, 150'000, 20ms);
-      const std::string from = std::to_string(std::stoul(request.substr(range + 6)));
-      return ok(page.substr(std::stoul(from)), "206 P\r\nContent-Range: bytes " + from + "-");
+      const size_t from = offset_of(request);
+      return slow(page.substr(from), 150'000, 20ms, status_from(from));
     });
   };
 }
 
-// Asks everything, as long as the program runs. Figures are left out of the statistics.
+// Asks everything, as long as the program runs.
 std::vector<Client> play(World& world) {
   std::vector<Client> all = clients();
   for (Client& client : all) {
     world.at(world.since_start() + client.at, [&world, &client] {
       if (is_listening()) client.got = world.get({0s, client.resource});
-      if (client.resource != "/stats.json") return;
-      const size_t body = std::min(client.got.find('{'), client.got.size());
-      std::string figures = client.got.substr(body);
-      std::erase_if(figures, isdigit);
-      client.got.replace(body, std::string::npos, figures);
+      if (client.resource == "/stats.json") client.got = without_figures(client.got);
     });
   }
   world.play({});
   return all;
 }
 
-// Consists of beginnings of the segments, decrypted or not.
-bool is_short_of(const Client& client) {
-  const size_t head_size = client.whole.find("\r\n\r\n") + 4;
-  if (client.whole.starts_with(client.got)) return true;
-  const bool headed = client.got.starts_with(client.whole.substr(0, head_size));
-  std::string rest = client.got.substr(headed ? head_size : 0);
-  if (rest.starts_with(kRepeated + kRepeated.substr(0, 99))) rest.erase(0, kStallsAt);
-  auto segments = client.segments;
-  if (segments.empty()) segments = {{client.whole.substr(head_size), "none"}};
-  for (const auto& [plain, cipher] : segments) {
-    const std::string& sent = rest.starts_with(cipher.substr(0, 16)) ? cipher : plain;
-    const auto end = std::mismatch(rest.begin(), rest.end(), sent.begin(), sent.end()).first;
-    rest.erase(rest.begin(), end);
+// True in a child process; the parent waits for it.
+bool forks(unsigned seconds, const char* call = "", int number = 0) {
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGALRM, SIG_DFL);
+    alarm(seconds);
+    return true;
   }
-  return rest.empty();
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0) << call << " " << number;
+  return false;
 }
 
-std::string sizes(const Client& client) {
-  return client.resource + ": " + std::to_string(client.got.size()) + " of " +
-         std::to_string(client.whole.size());
+[[noreturn]] void end_child() {
+  std::fflush(stdout);
+  _exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
-// In a child: plays the story with the n-th call failing, 0 for none, then once more.
-void play_twice(const Fault& fault, int n) {
+// Plays the story, and once more.
+void play_twice(const Fault& fault) {
   World world({"1000000"});
-  bool stalled = false;
+  bool stalled = false, failed = false;
   for (const char* name : {"a", "b"}) world.origin(name).request = cache(stalled);
   EXPECT_EQ(world.get({0s, kMap}), kMapSet);
   world.play({});
   const std::ptrdiff_t before = live_bytes;
-  refuse(fault.call, fault.error, n == 0 ? -1 : n);
+  if (forks(60)) {
+    (void)play(world);
+    shared->left = live_bytes - before;
+    end_child();
+  }
+  int calls = 0;
+  refuse(fault.call, [&] {
+    if (failed || testing::Test::HasFailure() || calls++ % (EVERY * fault.every) != 0) return 0;
+    failed = forks(60, fault.call, calls);
+    return failed ? fault.error : 0;
+  });
   const std::vector<Client> first = play(world);
-  const int counted = calls(fault.call);
   refuse(fault.call, 0);
+  EXPECT_GT(calls, 0) << "the story never calls it";
   int short_streams = 0;
   for (const Client& client : first) {
-    if (client.got == client.whole) continue;
-    EXPECT_TRUE(n > 0 && is_short_of(client)) << sizes(client);
+    if (client.got == client.whole()) continue;
+    EXPECT_TRUE(failed && client.is_short()) << client;
     ++short_streams;
   }
   if (!is_listening()) {
@@ -199,46 +225,22 @@ void play_twice(const Fault& fault, int n) {
     return;
   }
   EXPECT_LE(short_streams, fault.short_streams);
-  if (n == 0) {
-    shared->calls = counted;
-    shared->left = live_bytes - before;
-  }
   EXPECT_LE(live_bytes - before, shared->left + kTolerated) << "leaked";
   EXPECT_EQ(world.get({0s, kMap}), kMapSet);
-  for (const Client& client : play(world)) EXPECT_TRUE(client.got == client.whole) << sizes(client);
-}
-
-// Runs it in a child process; returns that one's status.
-int in_child(const std::function<void()>& run) {
-  const pid_t child = fork();
-  if (child == 0) {
-    signal(SIGALRM, SIG_DFL);
-    alarm(60);
-    run();
-    std::fflush(stdout);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status;
+  for (const Client& client : play(world)) EXPECT_TRUE(client.got == client.whole()) << client;
 }
 
 class RefuseNth : public testing::TestWithParam<Fault> {};
 
 TEST_P(RefuseNth, EachCallFailsOnce) {
-  const Fault& fault = GetParam();
-  ASSERT_EQ(in_child([] {
-              encrypt(kPlain, kKey).copy(shared->secret, sizeof shared->secret);
-              encrypt(kTail, kKey).copy(shared->tail, sizeof shared->tail);
-            }),
-            0);
-  ASSERT_EQ(in_child([&] { play_twice(fault, 0); }), 0);
-  ASSERT_GT(shared->calls, 0) << "the story never calls it";
-  int bad = 0;
-  for (int n = 1; n <= shared->calls && bad < 5; n += EVERY) {
-    const int status = in_child([&] { play_twice(fault, n); });
-    bad += status == 0 ? 0 : 1;
-    EXPECT_EQ(status, 0) << "call " << n << " of " << shared->calls;
+  if (forks(60)) {
+    encrypt(kPlain, kKey).copy(shared->secret, sizeof shared->secret);
+    encrypt(kTail, kKey).copy(shared->tail, sizeof shared->tail);
+    end_child();
+  }
+  if (forks(280)) {
+    play_twice(GetParam());
+    end_child();
   }
 }
 

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
-#include <set>
 #include <sstream>
 
 #include "support/world.h"
@@ -51,7 +50,7 @@ struct Player {
   }
 };
 
-// Checks each choice of a server in the log against the state implied by earlier lines. Lines
+// Checks each choice of a server in the log against the maps that earlier lines imply. Lines
 // appear in lock-acquisition order.
 class LogChecker {
  public:
@@ -60,32 +59,23 @@ class LogChecker {
       const size_t at = line.find(text);
       return at == std::string::npos ? "" : line.substr(at + text.size());
     };
-    if (const std::string map = after("setting map to: "); !map.empty()) {
-      auto& rings = rings_[map.back()] = {};
-      std::istringstream texts(map);
-      for (std::string text, server; std::getline(texts, text, ';');) {
-        std::istringstream servers(text);
-        rings.emplace_back();
-        while (std::getline(servers, server, ',')) rings.back().insert(server);
-      }
-    } else if (const std::string dead = after("Invalidating cache server "); !dead.empty()) {
-      for (auto& ring : rings_[dead.back()]) ring.erase(dead);
-    } else if (const std::string server = after(" selected server: "); !server.empty()) {
-      const auto& rings = rings_[server.back()];
-      const auto ring = std::find_if_not(rings.begin(), rings.end(), is_dead);
-      EXPECT_TRUE(ring != rings.end() && ring->contains(server)) << line;
-    } else if (line == "no valid ring found") {
-      EXPECT_TRUE(std::any_of(rings_.begin(), rings_.end(), [](const auto& entry) {
-        return std::all_of(entry.second.begin(), entry.second.end(), is_dead);
+    const std::string map = after("setting map to: "), dead = after("Invalidating cache server "),
+                      server = after(" selected server: ");
+    if (!map.empty()) maps_[map.back()] = map;
+    if (!dead.empty()) maps_[dead.back()] = replaced(maps_[dead.back()], dead, "");
+    if (!server.empty()) {
+      const std::string& rings = maps_[server.back()];
+      EXPECT_LT(rings.find(server), rings.find(';', rings.find_first_not_of(",;"))) << line;
+    }
+    if (line == "no valid ring found") {
+      EXPECT_TRUE(std::any_of(maps_.begin(), maps_.end(), [](const auto& entry) {
+        return entry.second.find_first_not_of(",;") == std::string::npos;
       }));
     }
   }
 
  private:
-  using Ring = std::set<std::string>;  // live servers
-  static bool is_dead(const Ring& ring) { return ring.empty(); }
-
-  std::map<char, std::vector<Ring>> rings_;  // of each map, by the last digit of its ports
+  std::map<char, std::string> maps_;  // live servers of each map, by the last digit of its ports
 };
 
 class Simulation {
@@ -238,48 +228,32 @@ class Simulation {
 
   Reply segment(Player& player, unsigned variant, unsigned sequence, const std::string& request,
                 bool fault) {
-    const bool encrypted = player.channel->encrypted;
+    if (fault && one_in(3)) return headless();
     const size_t key = sequence / 10 % 3;
     const size_t size = 1 + (sequence * 7919 + variant * 31) % (8000U << variant);
     std::string body = kBlock.substr(sequence * 104729 % 900000, size);
-    if (encrypted) body = encrypt(body, kKeys[key]);
-    const size_t range = request.find("bytes=");
-    size_t from = range == std::string::npos ? 0 : std::stoul(request.substr(range + 6));
-    std::string status = "200 OK";
+    if (player.channel->encrypted) body = encrypt(body, kKeys[key]);
+    size_t from = offset_of(request);
     if (from > 0 && fault && one_in(4)) {
       from = 0;  // the range is ignored
       fault = false;
-    } else if (from > body.size()) {
-      return ok("", "416 No");
-    } else if (from > 0) {
-      status = "206 P\r\nContent-Range: bytes " + std::to_string(from) + "-";
-    } else {
-      player.downloads.push_back({encrypted, key});
+    } else if (from == 0) {
+      player.downloads.push_back({player.channel->encrypted, key});
     }
+    if (from > body.size()) return ok("", "416 No");
     body.erase(0, from);
-    enum { kStalls, kCloses, kResets, kAnnouncesMore, kHeadless, kFine = 6 };
-    const int kind = fault ? below(6) : kFine;
-    if (kind >= kHeadless && kind != kFine) {
-      if (from == 0) player.downloads.pop_back();
-      return headless();
-    }
-    const size_t part = static_cast<size_t>(below(static_cast<int>(body.size()) + 1));
-    const size_t sent = kind < kAnnouncesMore ? part : body.size();
+    const Reply::End ends[] = {Reply::kStall, Reply::kClose, Reply::kReset, Reply::kStall};
+    const int kind = below(4);
+    const bool whole = !fault || kind == 3, announces_more = fault && whole;
+    const size_t sent =
+        whole ? body.size() : static_cast<size_t>(below(static_cast<int>(body.size()) + 1));
     Download& download = player.downloads.back();
     download.sent.append(body, 0, sent);
-    download.ended =
-        kind != kAnnouncesMore && (kind == kCloses || kind == kResets || sent == body.size());
-    switch (kind) {
-      case kFine:
-        return slow(body, static_cast<size_t>(1000 + below(30000)),
-                    std::chrono::milliseconds(below(one_in(100) ? 1500 : 30)), status);
-      case kAnnouncesMore:
-        return cut(body + "lies", sent, Reply::kStall, status);
-      case kStalls:
-        return cut(body, sent, Reply::kStall, status);
-      default:
-        return cut(body, sent, kind == kCloses ? Reply::kClose : Reply::kReset, status);
-    }
+    download.ended = !announces_more && (ends[kind] != Reply::kStall || sent == body.size());
+    if (announces_more) body += "lies";
+    if (fault) return cut(body, sent, ends[kind], status_from(from));
+    return slow(body, static_cast<size_t>(1000 + below(30000)),
+                std::chrono::milliseconds(below(one_in(100) ? 1500 : 30)), status_from(from));
   }
 
   std::minstd_rand random_;

@@ -1,13 +1,15 @@
-"""The dashboard in headless Chromium, opened from disk and from web servers.
+"""The dashboard and the page of docs/players.md in headless Chromium, from disk and from web servers.
 
-dashboard_test.py WEIR: watches the real program while it streams, freezes and dies, and then
-figures that are made up here.
+dashboard_test.py WEIR: watches the real program while it streams, freezes and dies, then figures
+that are made up here, then a stream with mpegts.js. That is left out if npm's registry, which is
+needed once, cannot be reached.
 """
 
 import contextlib
 import json
 import re
 import signal
+import subprocess
 import sys
 import threading
 from itertools import pairwise
@@ -26,6 +28,11 @@ SHOWN = [  # kbps of 1024 bit/s, or KiB
     ("kSpeed", 977, "1.00 Mbit/s"), ("kSpeed", 5078, "5.20 Mbit/s"), ("kSpeed", 976562, "1.00 Gbit/s"),
     ("kSpeed", 22688596, "23.2 Gbit/s"), ("kSpeed", 2**64 - 1, "18.9 Zbit/s"),
     ("kSize", 999, "999 KiB"), ("kSize", 12263, "12.0 MiB"), ("kSize", 1 << 21, "2.00 GiB")]
+SECONDS, RATE = 8, 25
+# How many frames were decoded, give or take a few, once the video has ended.
+STATE = """const video = document.querySelector('video');
+if (video.error) return video.error.message;
+return video.ended && video.getVideoPlaybackQuality().totalVideoFrames;"""
 SHOW = "return show(arguments[0], arguments[1] === 'kSize' ? kSize : kSpeed)"
 
 
@@ -36,12 +43,14 @@ def play(stop: threading.Event) -> None:
             pass
 
 
-def serve(path: str) -> bytes:
-    if path == "/master":
+def serve(path: Path) -> bytes:
+    if path.is_file():
+        return path.read_bytes()
+    if path.name == "master":
         return video.master_playlist({f"{BASE}/list": 5_200_000}).encode()
-    if path == "/list":
+    if path.name == "list":
         return video.media_playlist([f"{BASE}/{number}.ts" for number in range(1, 1000)], 2).encode()
-    return b"G" * (1000 + int(re.sub(r"\D", "", path)) * 7919 % 500_000)
+    return b"G" * (1000 + int(path.stem) * 7919 % 500_000) if path.stem.isdigit() else b""
 
 
 def check_shape(browser: Browser) -> None:
@@ -125,19 +134,55 @@ def watch_figures(browser: Browser) -> None:
         assert (got := browser.run(SHOW, value, measure)) == shown, f"{got} instead of {shown}"
 
 
+def fetch_library(page: str) -> Path:
+    """Fetches the archive that the page names into build/, unless it is there, if npm can."""
+    package = re.findall(r"npm pack (mpegts\.js@[\d.]+\d)", page)[0]
+    archive = lab.TOP / f"build/dashboard/{package.replace('@', '-')}.tgz"
+    archive.parent.mkdir(parents=True, exist_ok=True)
+    if not archive.exists():
+        subprocess.run(["npm", "pack", package, "--fetch-retries=0", "--loglevel=silent"],
+                       cwd=archive.parent, stdout=subprocess.DEVNULL)
+    return archive
+
+
+def watch_video(room: lab.Lab, browser: Browser, binary: Path, page: str, archive: Path) -> None:
+    """Plays a stream to its end, from a web server and from disk."""
+    video.ffmpeg(room, "-f", "lavfi", "-i", f"testsrc2=size=320x180:rate={RATE}:duration={SECONDS}",
+                 "-f", "lavfi", "-i", f"sine=frequency=440:duration={SECONDS}", "-c:v", "libx264", "-g", RATE,
+                 "-pix_fmt", "yuv420p", "-c:a", "aac", *video.in_segments(room.www / "video", 2))
+    bandwidth = video.publish(room.www / "video", f"{BASE}/video", 2)
+    video.replace(room.www / "master.m3u8", video.master_playlist({f"{BASE}/video/list.m3u8": bandwidth}))
+    html = page.partition("```html\n")[2].partition("```")[0]
+    video.replace(room.www / "player.html", html.replace("http://~/live", BASE).replace(
+        "WEIR:7744", f"127.0.0.1:{client.WEIR}"))
+    library = subprocess.check_output(["tar", "-xzOf", archive, "package/dist/mpegts.js"])
+    video.replace(room.www / "mpegts.js", library)
+    room.weir(binary, 1 << 24)
+    for address in f"{BASE}/player.html", (room.www / "player.html").as_uri():
+        browser.open(address)
+        lab.wait_until("the end of the stream", lambda: browser.run(STATE), PATIENCE)
+        print(f"{address.partition(':')[0]}: {(frames := browser.run(STATE))} frames decoded")
+        assert isinstance(frames, int) and frames > 0.9 * SECONDS * RATE, frames
+
+
 def main() -> None:
+    binary = Path(sys.argv[1]).absolute()
+    page = (lab.TOP / "docs/players.md").read_text(encoding="utf-8")
+    archive = fetch_library(page)
     network.own_network()
     network.ip(f"address add {PUBLIC}/32 dev lo")
-    Origin(8000, serve)
     Origin(WEB, lambda _: PAGE.read_bytes())
     with lab.Lab() as room, Browser(room) as browser:
-        watch_weir(room, browser, Path(sys.argv[1]).absolute())
+        Origin(8000, lambda path: serve(room.www / path[1:]))
+        watch_weir(room, browser, binary)
         watch_figures(browser)
         browser.open(f"http://{PUBLIC}:{WEB}/#127.0.0.1", scheme="dark")
         browser.wait_for(f"public address, such as {PUBLIC}")
         check_shape(browser)
         assert not (complaints := browser.complaints()), complaints
-    print("the dashboard shows what weir does")
+        if archive.exists():
+            watch_video(room, browser, binary, page, archive)
+    print("the dashboard shows what weir does" + ("" if archive.exists() else "; no npm, no video"))
 
 
 if __name__ == "__main__":

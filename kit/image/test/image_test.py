@@ -21,38 +21,11 @@ from weirlab import client, network, procfs
 
 TITLES = {f"org.opencontainers.image.{name}" for name in
           ("title", "version", "description", "licenses", "created")}
-EXAMPLES = {
-    "weir.container": (
-        "Image={image}", "Exec={argument}", "User={user}", "Group={user}", "PublishPort={port}:{port}",
-        "DropCapability=all", "NoNewPrivileges=true", "ReadOnly=true", "Restart=always",
-        "PodmanArgs=--memory={memory} --memory-swap={memory}", "PidsLimit={threads}",
-        "Ulimit=nofile={files}:{files}"),
-    "compose.yaml": (
-        "image: {image}", 'command: ["{argument}"]', 'user: "{user}:{user}"', 'ports: ["{port}:{port}"]',
-        "cap_drop: [ALL]", 'security_opt: ["no-new-privileges:true"]', "read_only: true", "restart: always",
-        "mem_limit: {memory}", "memswap_limit: {memory}", "pids_limit: {threads}", "nofile: {files}")}
+EXAMPLE = Path("kit/image/weir.container").read_text(encoding="utf-8")
 
 
-def setting(file: str, key: str) -> str:
-    found: list[str] = re.findall(f"^{key}=(.*)$", Path(file).read_text(encoding="utf-8"), re.M)
-    return found[-1]
-
-
-def check_examples(name: str, config: dict[str, Any]) -> dict[str, str]:
-    """Both state what the image, the unit and its drop-in do. Returns that."""
-    facts = {"image": name, "argument": config["Cmd"][0], "user": config["User"].partition(":")[0],
-             "port": min(config["ExposedPorts"]).removesuffix("/tcp"),
-             "threads": setting("debian/weir.service", "TasksMax"),
-             "files": setting("debian/weir.service", "LimitNOFILE"),
-             "memory": setting("kit/service/weir.service.d/memory.conf", "MemoryMax").lower()}
-    for example, lines in EXAMPLES.items():
-        stated = {line.strip() for line in Path("kit/image", example).read_text().splitlines()}
-        assert not (missing := {line.format(**facts) for line in lines} - stated), (example, missing)
-    return facts
-
-
-def unpack(archive: Path, folder: Path) -> tuple[str, dict[str, Any]]:
-    """Checks the files and unpacks them into root/. Returns the image's name and configuration."""
+def unpack(archive: Path, folder: Path) -> dict[str, Any]:
+    """Checks the files and unpacks them into root/. Returns the image's configuration."""
     with tarfile.open(archive) as image:
         image.extractall(folder)
 
@@ -72,7 +45,8 @@ def unpack(archive: Path, folder: Path) -> tuple[str, dict[str, Any]]:
         assert {re.sub("^ld-linux.*", "loader", name) for name in programs} <= {"weir", "loader", "libc.so.6"}
         assert (size := sum(file.size for file in layer)) < 30_000_000, size
         layer.extractall(folder / "root", numeric_owner=True)
-    return entry["annotations"]["org.opencontainers.image.ref.name"], config
+    assert f"Image={entry['annotations']['org.opencontainers.image.ref.name']}\n" in EXAMPLE
+    return config
 
 
 def check_running(run: subprocess.Popen[bytes], stop: str) -> None:
@@ -94,13 +68,13 @@ def main() -> None:
     network.own_network()
     with tempfile.TemporaryDirectory() as directory:
         root = Path(directory, "root")
-        name, config = unpack(Path(sys.argv[1]), root.parent)
-        facts = check_examples(name, config)
+        config: dict[str, Any] = unpack(Path(sys.argv[1]), root.parent)
         (root / "etc/resolv.conf").write_text("nameserver 127.0.0.1\n", encoding="ascii")
-        files = min(int(facts["files"]), resource.getrlimit(resource.RLIMIT_NOFILE)[1])
-        memory = int(facts["memory"].removesuffix("g")) << 30
+        memory, threads, most = (int(re.findall(f"{limit}([0-9]+)", EXAMPLE)[0])
+                                 for limit in ("--memory=", "PidsLimit=", "nofile="))
+        files = min(most, resource.getrlimit(resource.RLIMIT_NOFILE)[1])
         with subprocess.Popen([
-                "prlimit", f"--as={memory}", f"--nofile={files}", f"--nproc={facts['threads']}",
+                "prlimit", f"--as={memory << 30}", f"--nofile={files}", f"--nproc={threads}",
                 "unshare", "--pid", "--mount-proc", "--fork", "script/without-reboot",
                 "setpriv", "--no-new-privs", "chroot", f"--userspec={config['User']}", "--groups=", root,
                 *config["Entrypoint"], *config["Cmd"]], stdout=subprocess.DEVNULL) as run:
