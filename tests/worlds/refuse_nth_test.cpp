@@ -19,8 +19,8 @@ struct Fault {
   int error;
   int short_streams;  // clients that may get only beginnings of the segments they should get
   const char* last_words = "";  // of the process, if it may end
-  int every =
-      1;  // of so many calls only one, if there are many of a kind: a byte of a request each
+  // Of so many calls one fails, if there is one for each log line or byte of a request.
+  int every = 1;
 
   friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.call; }
 };
@@ -124,13 +124,12 @@ std::string without_figures(std::string text) {
 }
 
 std::vector<Client> clients() {
-  const std::string none =
-      "{\"last_chunk_speed\": ,\"avg_speed\": ,\"cbuff_size\": ,"
-      "\"selected_profile\": }\n";
+  const std::string no_figures =
+      "{\"last_chunk_speed\": ,\"avg_speed\": ,\"cbuff_size\": ,\"selected_profile\": }\n";
   return {{1s, "/stream?url=http://~/x/other", {{stream("")}, {kOther}, {kTail, tail()}}},
           {1200ms, "/stream?url=http://~/x/master", {{stream("")}, {kClear}, {kPlain, secret()}}},
           {1400ms, "/watchdog", {{kOk}}},
-          {6s, "/stats.json", {{without_figures(kOk)}, {none}}},
+          {6s, "/stats.json", {{without_figures(kOk)}, {no_figures}}},
           // At the end: a request that breaks off may set half a map.
           {60s, kMap, {{kOk}, {kMapSet.substr(kOk.size())}}}};
 }
@@ -159,7 +158,7 @@ std::function<void(std::string&, Pipe&)> cache(bool& stalled) {
   };
 }
 
-// Asks everything, as long as the program runs.
+// Asks everything, as long as the program runs. Figures are left out of the statistics.
 std::vector<Client> play(World& world) {
   std::vector<Client> all = clients();
   for (Client& client : all) {

@@ -34,7 +34,7 @@ def unpack(archive: Path, folder: Path) -> dict[str, Any]:
 
     [entry] = json.loads((folder / "index.json").read_text())["manifests"]
     manifest = json.loads(blob(entry["digest"]).read_text())
-    config = json.loads(blob(manifest["config"]["digest"]).read_text())["config"]
+    config: dict[str, Any] = json.loads(blob(manifest["config"]["digest"]).read_text())["config"]
     [only] = manifest["layers"]
     assert TITLES <= config["Labels"].keys() & manifest["annotations"].keys()
     with tarfile.open(blob(only["digest"])) as layer:
@@ -68,7 +68,7 @@ def main() -> None:
     network.own_network()
     with tempfile.TemporaryDirectory() as directory:
         root = Path(directory, "root")
-        config: dict[str, Any] = unpack(Path(sys.argv[1]), root.parent)
+        config = unpack(Path(sys.argv[1]), root.parent)
         (root / "etc/resolv.conf").write_text("nameserver 127.0.0.1\n", encoding="ascii")
         memory, threads, most = (int(re.findall(f"{limit}([0-9]+)", EXAMPLE)[0])
                                  for limit in ("--memory=", "PidsLimit=", "nofile="))
