@@ -69,10 +69,11 @@ TEST(Story, RefusedThreadsAndMemoryAreSurvived) {
     world.during(from, to, [=](bool on) { refuse(call, on ? what : 0); });
   };
   // A playlist with one more segment each time.
+  const std::string k = key("http://o/k");
   std::vector<Reply> lives;
   for (int number = 1; number <= 6; ++number) {
     const std::string last = number == 6 ? kEnd : "#";
-    lives.push_back(ok(list(number, {key(number < 3 ? "" : "http://o/k"), "/e", last}, 1)));
+    lives.push_back(ok(list(number, {number < 3 ? key("") : k, "/e", last}, 1)));
   }
   const std::string secret = encrypt(kKey, kKey);
   const Reply paced = slow(secret, 16, 100ms), first = raw("HTTP/1.0 200 OK\r\nA: 1\r\n\r\n.");
@@ -85,18 +86,31 @@ TEST(Story, RefusedThreadsAndMemoryAreSurvived) {
     refused("malloc", start, start + 900ms, what);
     start += 1s;
   }
-  world.converse(
-      {{250us, "/stats.json"}, {19999500us, kM}, {50s, kM}, {100s, "/stream?url=http://o/live"}},
-      vod(list(1, {"/a", kEnd}), {{"/k", {ok(kKey)}},
-                                  {"/a", {slow("0123456789", 1, 1s)}},
-                                  {"/live", {ok(master({"1 http://o/l"}))}},
-                                  {"/l", lives},
-                                  {"/e", {first, paced, paced, ok(secret), paced}}}));
+  // The last bytes of "/tail" need a second block of the buffer.
+  const Reply tail = {{{1s, ok(encrypt(std::string(1290, 't'), kKey)).pieces[0].bytes}}};
+  refused("malloc", 130500ms, 131004500us, 524288 + 23);
+  world.converse({{250us, "/stats.json"},
+                  {19999500us, kM},
+                  {50s, kM},
+                  {100s, "/stream?url=http://o/live"},
+                  {130s, "/stream?url=http://o/end"}},
+                 vod(list(1, {"/a", kEnd}),
+                     {{"/k", {ok(kKey)}},
+                      {"/end", {ok(master({"1 http://o/ends"}))}},
+                      {"/ends", {ok(list(1, {"/big", k, "/tail", key(""), "/1", kEnd}))}},
+                      {"/big", {ok(std::string(523000, 'b'))}},
+                      {"/tail", {tail}},
+                      {"/a", {slow("0123456789", 1, 1s)}},
+                      {"/live", {ok(master({"1 http://o/l"}))}},
+                      {"/l", lives},
+                      {"/e", {first, paced, paced, ok(secret), paced}}}));
 }
 
-// Without an argument, and on a port that is in use: see real/start_up_test.sh.
 TEST(Story, StartupFailuresExitCleanly) {
+  EXPECT_EQ(World(std::vector<std::string>()).transcript,
+            "0.000 s\n  ! Specify maximal buffer size\n  ~ status 2\n");
   for (const auto& [call, words] : {std::pair{"socket", "Couldn't create listening socket!"},
+                                    std::pair{"bind", "Couldn't bind listening socket."},
                                     std::pair{"listen", "Call to listen failed."}}) {
     refuse(call, EMFILE);
     EXPECT_EQ(World().transcript, "0.000 s\n  ! "s + words + "\n  ~ status 0\n");
