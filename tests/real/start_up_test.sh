@@ -24,13 +24,13 @@ listens() {
 
 # Started without standard descriptors: no socket may take their numbers.
 ulimit -Sn 100
-script/without-reboot "$1" 1000000 <&- >&- 2>&- &
+script/without-reboot "$1" 1000000 <&- >&- 2>&- 3>&- &
 started+=("$!")
 listens 7744 "$!"
-for fd in 0 1 2; do
-  [ "$(readlink "/proc/$!/fd/$fd")" = /dev/null ] || fail "descriptor $fd is not /dev/null"
-done
-[ "$(ss -ltnH 'sport = 7744' | awk '{ print $3 }')" = 5 ] || fail "the backlog is not 5"
+[ "$(readlink "/proc/$!/fd/"{0,1,2,3} | cut -d : -f 1 | paste -sd' ')" = '/dev/null /dev/null /dev/null socket' ] ||
+  fail "the first four descriptors are not three times /dev/null and the socket"
+[ "$(ss -ltnH 'sport = 7744' | awk '{ print $3, $4 }')" = '5 0.0.0.0:7744' ] ||
+  fail "the backlog is not 5, or not every address is bound"
 awk '/^Max open files/ && $4 != $5 { exit 1 }' "/proc/$!/limits" || fail "not all descriptors"
 
 # A stream with real threads and sockets. Each segment is one write of the origin: weir cuts a
