@@ -107,8 +107,8 @@ TEST(MediaPlaylist, NewestSegmentsAreKeptUnlessTheStreamStartsBeforeThem) {
       {50001, 1, 0},      {50003, 2, -1},        {50003, 3, 0},           {50003, 60000, 59997},
       {50003, -1, 49999}, {50003, -50000, 0},    {50003, -50001, -1},
   };
+  Chunklist list("");
   for (const auto& [segments, start_from, before] : rows) {
-    Chunklist list("");
     list.parse("#EXTM3U\n#EXT-X-MEDIA-SEQUENCE:7\n" + std::string(segments, '\n'));
     ASSERT_EQ(list.chunks.size(), 50000U);
     EXPECT_EQ(list.chunks.front().sequence, 7 + segments - 50000);
@@ -169,6 +169,7 @@ TEST(Selection, SlowVariantStaysWhileTheBufferIsSixtyPercentFull) {
                         {"1999 599 1000", "change"},
                         {"1999 600 1000", "keep"},
                         {"0 601 1000", "keep"},
+                        {"0 599999990 1000000000", "keep"},  // equal in single precision
                         {"0 0 0", "keep"},
                         {"1999 600 1000 invalid", "change"},
                         {"2000 600 1000 invalid", "change"}});

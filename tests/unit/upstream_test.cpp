@@ -47,6 +47,7 @@ TEST(Response, HeadersAreRead) {
 }
 
 TEST(Response, OtherStatusLinesAreRejected) {
+  const std::string longest = "HTTP/1.1 " + std::string(4085, '4');  // with its end, one read
   expect_rows(shown_response,
               {{"HTTP/1.0 2|A: b||206", "1.0 none from 0 206"},
                {"HTTP/1.1 200 OK", "again: Where is http state?\n"},
@@ -55,6 +56,8 @@ TEST(Response, OtherStatusLinesAreRejected) {
                {"HTTP/1.2 200 OK|", "again: Not HTTP/1.x?\n"},
                {"HTTP/1.1|", "HTTP response first_line: HTTP/1.1\n"},
                {"HTTP/1.1  200 OK|", "HTTP response first_line: HTTP/1.1  200 OK\n"},
+               {longest + "|", "HTTP response first_line: " + longest + "\n"},
+               {longest + "4|", "again: Where is http state?\n"},
                {"HTTP/1.0 302 Found|A", "HTTP response first_line: HTTP/1.0 302 Found\n"}});
 }
 
