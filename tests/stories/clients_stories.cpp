@@ -14,7 +14,7 @@ TEST(Story, EndpointsAnswerExactly) {
       {3s, "get /stats%2Ejson?x=1\n\n"},
       {4s, "HEAD /stats.json HTTP/1.0\r\nA: b\r\n\r\n"},
       {5s, "HEAD /update-cache-map HTTP/1.1\r\n\r\n"},
-      {6s, "/update-cache-map?chunk=a=b%2Cc+;&x&chunk=d&playlist=%zz%4"},
+      {6s, "/update-cache-map?chunk=a=b%2Cc+;&x&chunk=d&playlist=%zz%4&chunk=e"},
       {7s, "/update-cache-map?playlist="},
       {8s, "HEAD /watchdog HTTP/1.1\r\n\r\n"},
       {9s, "/stream/"},
@@ -36,12 +36,12 @@ TEST(Story, DeviceRestartsWithoutPingsOrByItsMarker) {
   const auto mark = [&world](bool on) { world.marker = on; };
   world.during(20500ms, 25500ms, mark);
   world.during(28500ms, 31500ms, mark);
-  world.during(699500ms, 702500ms, mark);
+  world.during(899500ms, 902500ms, mark);
   world.converse({{10300ms, "POST /watchdog\r\n\r\n"},
                   {100900ms, "/watchdog"},
                   {500s, "/watchdog"},
                   {600s, "/watchdog"},
-                  {700s, "/stats.json"},
+                  {900s, "/stats.json"},
                   {1500s, "/stats.json"}});
 }
 

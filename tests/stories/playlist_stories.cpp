@@ -26,9 +26,10 @@ TEST(Story, SessionOfALiveChannel) {
 }
 
 TEST(Story, LivePlaylistIsReloadedUntilNothingIsNew) {
+  const std::string last = list(6, {"/6", "/7"}, 9);
   const std::vector<Reply> lists = {
       ok(list(1, {"/1", "/2", "/3", "/4", "/5"}, 4)), ok(list(1, {"/1"}, 4)),
-      ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), ok(list(6, {"/6", "/7"}, 9))};
+      ok(list(4, {"/4", "/5", "/6", "/7"}, 4)), cut(last + "more", last.size(), Reply::kClose)};
   World().converse({{0s, kM + "&startFrom=-2"}, {60s, kM + "&startFrom=4294967298"}},
                    vod("", {{"/v", lists}}));
 }
@@ -56,8 +57,16 @@ TEST(Story, VariantsFollowTheSpeed) {
     Reply& reply = pages[lines.back()].emplace_back(slow(media, kbps * 128 / 1000, 1ms));
     if (kbps == 300) reply.pieces[1].pause = 500ms;  // the buffer is empty then
   }
-  pages["/low"] = pages["/middle"] = pages["/high"] = {ok(list(1, lines, 2))};
-  World({"20000"}).converse({{0s, kM}, {4501ms, "/stats.json"}}, pages);
+  const Reply whole = ok(list(1, lines, 3));
+  lines.pop_back();  // only the fourth time, "/low" has the last segment
+  const Reply most = ok(list(1, lines, 20));
+  pages["/middle"] = pages["/high"] = {whole};
+  pages["/low"] = {most, most, most, whole};
+  World world({"20000"});
+  // A turn of the timer stops in its log while the speed drops.
+  world.during(5100ms, 6100ms, [](bool stuck) { set_log_stuck(2, stuck); });
+  world.during(5200ms, 6200ms, [](bool stuck) { set_log_stuck(1, stuck); });
+  world.converse({{0s, kM}, {4501ms, "/stats.json"}}, pages);
 }
 
 // 600,000 bytes in 320 ms is 14,648 kbps, just above half of what the better variant needs.
@@ -79,8 +88,10 @@ TEST(Story, FullBufferPausesDownloadsAndKeepsTheVariant) {
 
 TEST(Story, FourthFailedSegmentInARowEndsTheStream) {
   const Reply lengthless = raw("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nmedia");
-  const std::string lines = list(1, {"/a", "/a", "/a", "/1", "/a", "/a", "/a", "/a", "/2"});
-  World().converse({{0s, kM}}, vod(lines, {{"/a", {lengthless}}}));
+  // The second segment fails before and after the playlist is reloaded.
+  const std::string more = list(2, {"/a", "/a", "/1", "/a", "/a", "/a", "/a", "/2"});
+  World().converse({{0s, kM}},
+                   vod("", {{"/v", {ok(list(1, {"/1", "/a"})), ok(more)}}, {"/a", {lengthless}}}));
 }
 
 // How the URL of a key is found is in unit/playlist_test.cpp.
@@ -116,9 +127,9 @@ TEST(Story, StreamsEndWithoutDataAndWithoutAReader) {
   Host& deaf = world.origin("deaf");
   deaf.kind = Host::Kind::kDeaf;
   deaf.capacity = 10;
-  Pages pages = vod(list(1, {"/1"}, 60), {{"/a", {ok(large)}},
-                                          {"/b", {slow(large, 10000, 500ms)}},
-                                          {"/c", {slow(large, 100000, 1s)}}});
+  Pages pages = vod(list(1, {"/1"}, 100), {{"/a", {ok(large)}},
+                                           {"/b", {slow(large, 10000, 500ms)}},
+                                           {"/c", {slow(large, 100000, 1s)}}});
   const auto channel = [&](const std::string& path, const Reply& variant) {
     pages[path] = {ok(master({"1 http://o/v" + path}))};
     pages["/v" + path] = {variant};

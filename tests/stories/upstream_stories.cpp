@@ -25,10 +25,11 @@ TEST(Story, UnusableResponsesAreRequestedAgain) {
   // The last speed was not a number, which counts as none.
   world.converse(
       {{0s, kM}, {19s, "/stats.json"}, {20s, "/stream?url=http://junk/m"}},
-      vod(list(1, {"/no-end", "/none", "/head", "/stall", "/302", "/503", "/no-length", "/pieces",
-                   "/negative", "/http10", "/empty", kEnd}),
+      vod(list(1, {"/no-end", "/none", "/reset", "/head", "/stall", "/302", "/503", "/no-length",
+                   "/pieces", "/negative", "/http10", "/empty", kEnd}),
           {{"/no-end", odd(no_line_end, 4)},
            {"/none", odd(raw("", End::kClose))},
+           {"/reset", odd(raw("", End::kReset))},
            {"/head", odd(raw(ok11 + "Content-Le", End::kClose))},
            {"/stall", odd(raw(ok11 + "Content-Length: 1\r\n", End::kStall))},
            {"/302", odd(raw("HTTP/1.0 302 Found\r\n\r\nHTTP/1.1 junk"))},
@@ -137,9 +138,13 @@ TEST(Story, ResumesAtTheOffsetOfContentRange) {
                                       part("content-range: bytes 4096-1/2\r\n"), ok("-")};
   // The rest of a segment whose length was unknown isn't decrypted.
   const Reply lengthless = raw("HTTP/1.1 206 P\r\nContent-Range: bytes 9-\r\n\r\n");
-  const std::string lines = list(1, {"/s", key("http://o/k"), "/x", "/y", key(""), "/1", kEnd});
+  // The range of an HTTP/1.0 response is ignored.
+  const Reply old = raw("HTTP/1.0 200 OK\r\nContent-Range: bytes 9-\r\n\r\nold", End::kStall);
+  const std::string lines =
+      list(1, {"/s", "/old", key("http://o/k"), "/x", "/y", key(""), "/1", kEnd});
   World().converse({{0s, kM}},
                    vod(lines, {{"/s", replies},
+                               {"/old", {old, ok("-")}},
                                {"/k", {ok(kKey)}},
                                {"/x", {lengthless, ok("rest")}},
                                {"/y", {cut(encrypt(kKey, kKey), 20), ok("", "404 No")}}}));
