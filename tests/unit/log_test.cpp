@@ -66,7 +66,10 @@ TEST(Log, LinesOfManyThreadsNeverMix) {
       std::vector<std::thread> threads;
       for (const char name : {'a', 'b', 'c', 'd'}) {
         threads.emplace_back([errors, line = std::string(kSize, name)] {
-          for (int i = 0; i < 20; ++i) errors ? log_err(line) : log_out(line);
+          for (int i = 0; i < 20; ++i) {
+            log_out_unflushed("");
+            errors ? log_err(line) : log_out(line);
+          }
         });
       }
       for (std::thread& thread : threads) thread.join();
