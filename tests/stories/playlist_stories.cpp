@@ -97,10 +97,12 @@ TEST(Story, FourthFailedSegmentInARowEndsTheStream) {
 // How the URL of a key is found is in unit/playlist_test.cpp.
 TEST(Story, KeysAreLoadedOncePerUrl) {
   const std::string k = key("http://o/k"), missing = key("http://o/n"), x = "http://o:81/x";
-  const std::string lines = list(1, {k, "/s", "/s", key(""), "/1", k, "/s", missing, "/s", "/s",
-                                     key("http://o/short"), "/t", key("k"), "/s", k, x, kEnd});
+  const std::string lines =
+      list(1, {k, "/s", "/s", key(""), "/1", k, "/s", missing, "/s", "/s", key("http://o/short"),
+               "/t", key("k"), "/s", k, "http://p/x", x, kEnd});
   World world;
   world.origin("o:81", {{"/x", {ok(encrypt("other port", kKey))}}});
+  world.origin("p", {{"/x", {ok(encrypt("other host", kKey))}}});
   world.converse({{0s, kM}}, vod(lines, {{"/s", {ok(encrypt("media", kKey))}},
                                          {"/t", {ok(encrypt("other", "short"))}},
                                          {"/k", {ok(kKey)}},
@@ -137,13 +139,15 @@ TEST(Story, StreamsEndWithoutDataAndWithoutAReader) {
   channel("/idle", ok(list(1, {"/a", "/a", "/c", "/a"}, 60)));
   channel("/leave", ok(list(1, {"/b"}, 60)));
   channel("/late", slow(list(1, {"/1"}, 60), 4, 1s));
+  channel("/slow", ok(list(1, {"/a", kEnd})));  // what a player does not take in 10 s is lost
   channel("/deaf", ok(list(1, {"http://deaf/longer/than/ten"})));
   world.converse({{0s, kM},
                   {20s, "/stream?url=http://o/idle", nothing, 40s},
                   {25s, "/stats.json"},  // the player has stopped reading
                   {70s, "/stream?url=http://o/leave", nothing + 30000},
                   {80s, "/stream?url=http://o/late"},
-                  {120s, "/stream?url=http://o/deaf"}},
+                  {120s, "/stream?url=http://o/deaf"},
+                  {160s, "/stream?url=http://o/slow", std::string::npos, 12s}},
                  pages);
 }
 
