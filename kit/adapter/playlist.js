@@ -2,9 +2,10 @@
 import crypto from 'crypto';
 import urls from 'url.js';
 
+const REMUX = '; kit/remux plays it: weir-remux URL';
 const REFUSED = {
-  '#EXT-X-MAP': 'fragmented MP4 (EXT-X-MAP)',
-  '#EXT-X-BYTERANGE': 'byte ranges (EXT-X-BYTERANGE)',
+  '#EXT-X-MAP': `fragmented MP4 (EXT-X-MAP)${REMUX}`,
+  '#EXT-X-BYTERANGE': `byte ranges (EXT-X-BYTERANGE)${REMUX}`,
   '#EXT-X-DEFINE': 'variables (EXT-X-DEFINE)',
   '#EXT-X-I-FRAMES-ONLY': 'trick play (EXT-X-I-FRAMES-ONLY)',
 };
@@ -80,7 +81,7 @@ function usableVariants(url, lines) {
     }
   });
   if (!variants.length) {
-    throw urls.refusal(separate ? 'separate audio or video (EXT-X-MEDIA with a URI)' : 'no variants');
+    throw urls.refusal(separate ? `separate audio or video (EXT-X-MEDIA with a URI)${REMUX}` : 'no variants');
   }
   const seen = variants.filter((variant) => !variant.sound);
   return seen.length ? seen : variants;
