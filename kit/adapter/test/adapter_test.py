@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Plays standard HLS with weir through the adapter, using real ffmpeg and nginx.
 
-adapter_test.py WEIR: streams of cases.txt, of weir-check's cases that mention the adapter, and of
-ffmpeg; weir requests them from the adapter by address or through its maps.
+adapter_test.py WEIR: streams of cases.txt, of weir-check's cases that mention the adapter, of ffmpeg, and
+of the table in docs/sources.md; weir requests them from the adapter by address or through its maps.
 """
 
 import re
@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 import threading
+import time
 import urllib.error
 import urllib.request
 from collections.abc import Callable
@@ -19,9 +20,11 @@ from email.message import Message
 from pathlib import Path
 
 KIT = Path(__file__).resolve().parents[2]
-sys.path.append(str(KIT / "check/test"))
+sys.path += [str(KIT / "check/test"), str(KIT / "remux/test")]
 
+import table  # noqa: E402
 from case import Case, cases, make_certificate, serve, written_out  # noqa: E402
+from channel import make_folder  # noqa: E402
 from weirlab import client  # noqa: E402
 from weirlab.lab import TOP, Lab, Process, is_idle, wait_until  # noqa: E402
 from weirlab.network import own_network  # noqa: E402
@@ -32,18 +35,20 @@ PLAIN, CHUNKED, TLS = "http/127.0.0.1:8000", "http/127.0.0.1:8001", "https/origi
 LATE, AWAY = "http/127.0.0.1:8002", 6  # s: weir itself waits 12 s for an origin that refuses connections
 HERE, RINGS = "http://127.0.0.1:7750", "http://~/name"  # the adapter in URLs given to weir
 AT_ONCE = 8  # streams
+KEYED = "AES-128, no vector, 64-bit numbers, gzip"
 HELD = 2  # MiB of a segment that the adapter can hold whole; 32 unless tested
 STREAMS = (
     f"{HERE}/{LATE}/vod/list.m3u8", f"{RINGS}/{LATE}/vod/list.m3u8",
-    f"{HERE}/{PLAIN}/vod/list.m3u8", f"{HERE}/{PLAIN}/encrypted/list.m3u8",
-    f"{HERE}/{PLAIN}/master/master.m3u8", f"{HERE}/{CHUNKED}/vod/list.m3u8",
-    f"{RINGS}/{CHUNKED}/encrypted/list.m3u8", f"{HERE}/{TLS}/vod/list.m3u8",
+    f"{HERE}/{PLAIN}/encrypted/list.m3u8", f"{RINGS}/{CHUNKED}/encrypted/list.m3u8",
     f"{RINGS}/{TLS}/moved/list.m3u8")
 ORIGIN = """server { listen 127.0.0.1:8443 ssl; root %(www)s; ssl_certificate %(www)s/pem;
     ssl_certificate_key %(www)s/pem; absolute_redirect off;
     rewrite ^/moved/(.*) /encrypted/$1 redirect; limit_rate 150k; }"""
+KEPT = """location /max-age/ { add_header Cache-Control max-age=60; }
+    location /expires/ { add_header Expires "Thu, 31 Dec 2037 23:55:55 GMT"; }
+    location /no-store/ { add_header Cache-Control "max-age=60, no-store"; }"""
 SETTINGS = """js_var $weir_origins "127.0.0.1:8000 127.0.0.1:8001 127.0.0.1:8002 127.0.0.1:9
-    none.invalid origin.test *.other.test %(cases)s";
+    none.invalid origin.test *.other.test remux %(cases)s";
 upstream origin.test { server 127.0.0.1:8443; keepalive 2; }
 upstream an.other.test { server 127.0.0.1:8443; }
 proxy_ssl_trusted_certificate %(www)s/pem;
@@ -93,19 +98,22 @@ def start_servers(lab: Lab, weir: Path, streams: dict[str, Case]) -> tuple[Proce
     """Serves each stream at an address of its own. Returns weir and the adapter's log."""
     make_certificate(f"{lab.www}/pem", "DNS:origin.test")
     lab.nginx("origin", 8000, f"root {lab.www}; if ($args ~ weir) {{ return 400; }}"
-              "add_header X-Accel-Redirect @pass; add_header X-Accel-Limit-Rate 1;",
-              http=ORIGIN % {"www": lab.www})
+              " add_header X-Accel-Redirect @pass; add_header X-Accel-Limit-Rate 1;"
+              f" rewrite ^/moved/(.*) /$1 redirect; {KEPT}", http=ORIGIN % {"www": lab.www})
     (lab.www / "huge").write_bytes(bytes((HELD + 1) << 20))
     Origin(8001, chunked(lab.www), lambda _: {"chunked"}, "127.0.0.1")
     for host, case in streams.items():
         serve(case, host, 8000)
     folder = lab.work / "adapter"
     shutil.copytree(TOP / "kit/adapter", folder / "weir")
+    shutil.copy(TOP / "kit/remux/remux.conf", folder / "weir")
     conf = folder / "weir/adapter.conf"
     conf.write_text(conf.read_text().replace("output_buffer_size 32m", f"output_buffer_size {HELD}m"))
     (folder / "weir/settings.conf").write_text(SETTINGS % {
-        "www": lab.www, "work": folder / "t", "cases": "\n".join(f"{host}:8000" for host in streams)})
-    lab.nginx("adapter", 7753, "return 404;", http="error_log error.log; include weir/adapter.conf;",
+        "www": lab.www, "work": folder / "t", "cases": "\n".join(f"{host}:8000" for host in [
+            *streams, *(table.hosts(number)[1] for number in range(len(table.rows())))])})
+    lab.nginx("adapter", 7760, "return 404;",
+              http="error_log error.log; include weir/adapter.conf; include weir/remux.conf;",
               top="load_module /usr/lib/nginx/modules/ngx_http_js_module.so;")
     process = lab.weir(weir, 8 << 20)
     client.get(client.maps_path("127.0.0.1:7751"))
@@ -168,6 +176,14 @@ def check_answers(www: Path, keyed: str) -> None:
         text_of(f"{PLAIN}/{playlist.name}?weir=0")
         playlist.unlink()
         assert ask(f"{PLAIN}/{playlist.name}?weir=0")[0] == status, f"cached wrongly: {duration} s"
+    kept = {"max-age": b"old", "expires": b"old", "no-store": b"new"}
+    for body in b"old", b"new":
+        for folder in kept:
+            (www / folder).mkdir(exist_ok=True)
+            (www / folder / "1.ts").write_bytes(body)
+        got = {folder: ask(f"http-segment/127.0.0.1:8000/{folder}/1.ts")[2] for folder in kept}
+        time.sleep(2)  # no segment is kept for less than a second
+    assert got == kept
     for body in b"old", b"a new one":
         (www / "again.ts").write_bytes(body)
         wait_until("a changed segment", lambda: ask("http-segment/127.0.0.1:8000/again.ts")[2] == body)
@@ -186,11 +202,13 @@ def check_answers(www: Path, keyed: str) -> None:
         for status, fields, body in ranges:
             assert (status, fields["Content-Range"], fields["Content-Length"], body) == (
                 206, f"bytes 1000-{size - 1}/{size}", str(size - 1000), whole[1000:]), (path, fields)
-    subprocess.run([sys.executable, KIT / "check/weir-check", STREAMS[3]], check=True)
+    subprocess.run([sys.executable, KIT / "check/weir-check", STREAMS[2]], check=True)
 
 
 def run(lab: Lab, binary: Path) -> None:
-    told = [case for case in cases() + cases(KIT / "adapter/test/cases.txt") if case.adapter or case.adapted]
+    own = [case for case, _ in table.cases().values()]
+    told = [case for case in cases() + own if case.adapter or case.adapted]
+    make_folder()
     streams = {f"127.1.0.{number}": case for number, case in enumerate(told, 1)}
     make_streams(lab)
     weir, log = start_servers(lab, binary, streams)
@@ -199,7 +217,8 @@ def run(lab: Lab, binary: Path) -> None:
         tasks = [pool.submit(check_stream, f"{HERE}/{CHUNKED}/short/live.m3u8", joined(lab.www / "short"))]
         tasks += [pool.submit(check_stream, url, joined(lab.www / "vod")) for url in STREAMS]
         tasks += [pool.submit(check_case, host, case, log) for host, case in streams.items()]
-        keyed = next(host for host, case in streams.items() if case.name == "vectors by number")
+        keyed = next(host for host, case in streams.items() if case.name == KEYED)
+        tasks += table.check(lab, pool)
         check_answers(lab.www, f"http/{keyed}:8000")
         faults = [text for task in tasks if (text := task.result())]
     assert not faults, "\n".join([*faults, log.read_text()])
@@ -208,6 +227,6 @@ def run(lab: Lab, binary: Path) -> None:
 
 
 if __name__ == "__main__":
-    own_network()
+    own_network(mounts=True)
     with Lab() as laboratory:
         run(laboratory, Path(sys.argv[1]))
