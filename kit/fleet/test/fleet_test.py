@@ -181,7 +181,7 @@ class Story:
         self.say(f"{name} starts; 3 players come before its maps are sent, 6 afterwards")
         weir.start()
         try:
-            weir.get_ready(MAPS_KEY="/none", COPY="/run/none")
+            weir.get_ready(MAPS_FILE="/none", COPY="/run/none/maps")
         except subprocess.CalledProcessError:
             self.come(3)
         time.sleep(2 * SECONDS)
@@ -240,9 +240,9 @@ class Story:
         weir = self.weirs[self.busiest()]
         cache = max(weir.caches().items(), key=lambda item: item[1])[0]
         finds = [weir.follow() for weir in self.weirs.values()]
-        self.say(f"{cache} {what} for 8 s")
+        self.say(f"{cache} {what} for 6 s")
         act(cache, lose)
-        time.sleep(8)
+        time.sleep(6)
         check(all(cache not in weir.caches() for weir in self.weirs.values()), f"{cache} is still in use")
         act(cache, back)
         wait_until("all edges to use it", lambda: all(cache in weir.caches() for weir in self.weirs.values()))
