@@ -32,7 +32,7 @@ DROP_IN = "service/weir.service.d/fleet.conf"
 
 def settings(file: str, **more: object) -> dict[str, str]:
     """The environment that EnvironmentFile= makes of a file."""
-    own = dict(re.findall(r"^(\w+)=(.*)", (KIT / "fleet" / file).read_text(), re.MULTILINE))
+    own = dict(re.findall(r'^(\w+)="?([^"\n]*)', (KIT / "fleet" / file).read_text(), re.MULTILINE))
     return {"PATH": os.environ["PATH"], **own, **{name: str(value) for name, value in more.items()}}
 
 
@@ -128,22 +128,21 @@ class Fleet:
     """Everything but the players, once own_network(mounts=True) is called."""
 
     def __init__(self, lab: Lab, binary: Path) -> None:
-        self.lab = lab
+        self.lab, self.said = lab, (lab.work / "said").open("ab")
+        self.hosts: dict[str, Host] = {}
         make_bridge(PLAYERS)
-        self.install()
-        with Host(ETCD):
-            self.etcd = lab.start(["etcd"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                  env=settings("etcd", ETCD_DATA_DIR=lab.work / "etcd"))
-        self.caches = [self.start_cache(cache) for cache in CACHES]
-        wait_until("etcd to take the maps", lambda: self.put_maps(CACHE1))
         self.weirs = {name: Weir(lab, binary, name, address) for name, address in WEIRS.items()}
+        self.install()
+        self.etcds = {ETCD: self.start_etcd(ETCD)}
+        self.caches = {cache: self.start_cache(cache) for cache in CACHES}
+        wait_until("etcd to take the maps", lambda: self.put_maps(CACHE1))
         for weir in self.weirs.values():
             weir.start_edge()
             weir.start()
             weir.get_ready()
             weir.run("fleet/weir-maps-watch.service", "ExecStart", lab.start)
         self.start_control(Weir(lab, binary, "control", CONTROL))
-        start_haproxy(lab, Host(HAPROXY), CONFIGURATION, 80)
+        self.start_haproxy(HAPROXY)
         wait_until("HAProxy to know all weirs", lambda: set(self.column("check_status").values()) == {"L7OK"})
 
     def start_control(self, weir: Weir) -> None:
@@ -157,16 +156,30 @@ class Fleet:
         for target in "/etc/haproxy", "/usr/local/sbin", "/run":
             subprocess.run(["mount", "-t", "tmpfs", "tmpfs", target], check=True)
         Path("/run/haproxy").mkdir()
-        for name in "weir-maps", "weir-gate":
-            shutil.copy(KIT / "fleet" / name, "/usr/local/sbin")
+        for file in (KIT / "fleet").glob("weir-*"):
+            if os.access(file, os.X_OK):
+                shutil.copy(file, "/usr/local/sbin")
         write_configuration("fleet/haproxy.cfg", CONFIGURATION)
 
-    def start_cache(self, address: str) -> Process:
-        with Host(address.split(":")[0]):
-            return self.lab.nginx(f"cache-{address}", 8080, CACHE.format(listen=address, root=self.lab.www))
+    def host(self, address: str) -> Host:
+        if address not in self.hosts:
+            self.hosts[address] = Host(address)
+        return self.hosts[address]
+
+    def start_etcd(self, address: str, file: str = "etcd") -> Process:
+        with self.host(address):
+            return self.lab.start(["etcd"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                  env=settings(file, ETCD_DATA_DIR=self.lab.work / address))
+
+    def start_cache(self, cache: str) -> Process:
+        with self.host(cache.split(":")[0]):
+            return self.lab.nginx(f"cache-{cache}", 8080, CACHE.format(listen=cache, root=self.lab.www))
+
+    def start_haproxy(self, address: str, **options: str) -> Process:
+        return start_haproxy(self.lab, self.host(address), CONFIGURATION, 80, **options)
 
     def signal_cache(self, cache: str, number: int) -> None:
-        for worker in procfs.children(self.caches[CACHES.index(cache)].pid):
+        for worker in procfs.children(self.caches[cache].pid):
             os.kill(worker, number)
 
     def set_power(self, cache: str, state: str) -> None:

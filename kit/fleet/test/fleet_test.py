@@ -12,13 +12,13 @@ from pathlib import Path
 from statistics import median
 from typing import Any
 
-from fleet import (CACHE1, CACHE2, CONFIGURATION, CONTROL, GUEST, HAPROXY, PLAYERS, SPARE, STRANGER, WEIRS,
-                   Fleet, start_haproxy)
+from fleet import (CACHE1, CACHE2, CONFIGURATION, CONTROL, ETCD, GUEST, HAPROXY, PLAYERS, SPARE, STRANGER,
+                   WEIRS, Fleet)
 from live import Channels
 from players import Audience, Seat
 from weirlab import client
 from weirlab.lab import TOP, Lab, wait_until
-from weirlab.network import Host, ip, own_network
+from weirlab.network import ip, own_network
 
 CHANNELS, SECONDS, LONG = 4, 1, 6  # segments of one channel have LONG seconds
 SLACK = 10  # seconds, for what takes less than one on an idle machine
@@ -264,9 +264,9 @@ class Story:
         subprocess.run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=fleet "
                        f"-addext subjectAltName=IP:{SPARE} -keyout fleet.pem -out fleet.pem".split(),
                        cwd=CONFIGURATION.parent, check=True, capture_output=True)
-        start_haproxy(self.fleet.lab, Host(SPARE), CONFIGURATION, 80, FLEET_SECRET=SECRET,
-                      FLEET_CERTIFICATE="/etc/haproxy/fleet.pem", FLEET_STREAMS="2",
-                      FLEET_NETWORKS=f"{GUEST}/32 {PLAYERS}/32", FLEET_PLAYLISTS="http://~/c0/ http://~/c1/")
+        self.fleet.start_haproxy(
+            SPARE, FLEET_CERTIFICATE="/etc/haproxy/fleet.pem", FLEET_SECRET=SECRET, FLEET_STREAMS="2",
+            FLEET_NETWORKS=f"{GUEST}/32 {PLAYERS}/32", FLEET_PLAYLISTS="http://~/c0/ http://~/c1/")
         no_secret = subprocess.run(["haproxy", "-c", "-f", CONFIGURATION], capture_output=True,
                                    env={"PATH": os.environ["PATH"], "FLEET_SECRET": ""})
         check(no_secret.returncode != 0, "an empty secret is accepted")
@@ -307,7 +307,7 @@ class Story:
         self.unnoticed(self.hang_weir)
         first = self.kill_weir()
         self.unnoticed(self.drain)
-        self.fleet.lab.end(self.fleet.etcd)
+        self.fleet.lab.end(self.fleet.etcds[ETCD])
         self.say("etcd is killed")
         self.kill_weir()
         self.unnoticed(self.bring_back, first)
