@@ -128,7 +128,7 @@ class Story:
         return time.monotonic() - began
 
     def busiest(self) -> str:
-        return max(self.streams().items(), key=lambda item: item[1])[0]
+        return max((count, name) for name, count in self.streams().items())[1]
 
     def kill_weir(self) -> str:
         name, before, began = self.busiest(), self.lost(), time.monotonic()
@@ -153,8 +153,8 @@ class Story:
         return name
 
     def hang_weir(self) -> int:
-        name, lost = self.busiest(), self.lost()
-        count, known = self.streams()[name], len(self.audience.seats)
+        count, name = min((count, name) for name, count in self.streams().items())  # newcomers get this one
+        lost, known = self.lost(), len(self.audience.seats)
         self.say(f"{name} hangs while it has {count} players, and 12 players come")
         self.weirs[name].process.send_signal(signal.SIGSTOP)
         self.come(12)
@@ -238,7 +238,7 @@ class Story:
 
     def lose_cache(self, what: str, act: Callable[[str, Any], None], lose: object, back: object) -> None:
         weir = self.weirs[self.busiest()]
-        cache = max(weir.caches().items(), key=lambda item: item[1])[0]
+        cache = max((count, cache) for cache, count in weir.caches().items())[1]
         finds = [weir.follow() for weir in self.weirs.values()]
         self.say(f"{cache} {what} for 6 s")
         act(cache, lose)
