@@ -150,7 +150,11 @@ class Seat:
 
     async def watch(self, content: Content, master: str, host: str, port: int) -> None:
         while True:
-            self.players.append(await open_stream(content, master, host=host, port=port))
+            try:
+                self.players.append(await open_stream(content, master, host=host, port=port))
+            except OSError:
+                await asyncio.sleep(0.1)
+                continue
             await self.players[-1].ended
             self.lost.append(time.monotonic())
             if not self.players[-1].first:
