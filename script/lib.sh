@@ -11,7 +11,7 @@ PATH+=:/usr/sbin:/sbin # nginx and others are there; an ordinary user's PATH lac
 {
   build_needs=(g++ cmake ninja-build libssl-dev)
   demo_needs=("${build_needs[@]}" ffmpeg iproute2 nginx openssl python3)
-  test_needs=("${demo_needs[@]}" libgtest-dev binutils curl libnginx-mod-http-js mount mtail njs)
+  test_needs=("${demo_needs[@]}" libgtest-dev binutils curl libnginx-mod-http-js mount mtail njs systemd)
   fleet_needs=("${build_needs[@]}" curl etcd-client etcd-server haproxy iproute2 keepalived mount nftables
     nginx openssl python3 socat)
   npm_needs=(npm) # which may come from elsewhere
