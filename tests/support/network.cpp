@@ -270,7 +270,7 @@ int __wrap_poll(pollfd* entry, nfds_t, int timeout) {
   const int result = simulated("poll", [=] {
     const bool ready =
         wait_for(entry->fd, entry->events, now() + std::chrono::milliseconds(timeout));
-    if (ready) entry->revents = find(entry->fd) == nullptr ? POLLNVAL : entry->events;
+    if (ready) entry->revents = find(entry->fd) == nullptr ? short{POLLNVAL} : entry->events;
     return ready ? 1 : 0;
   });
   return result < 0 && errno == kTimeout ? 0 : result;

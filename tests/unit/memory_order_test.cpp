@@ -106,6 +106,7 @@ using weir_model::Atomic;
 }
 
 // The sources again, with the model's atomics and locks.
+// NOLINTBEGIN(readability-identifier-naming,bugprone-suspicious-include)
 #define atomic Atomic
 #define weir weir_model
 #define pthread_mutex_lock model_lock
@@ -113,6 +114,7 @@ using weir_model::Atomic;
 #include "buffer/cbuff.cpp"
 #include "playlist/stream_control.h"
 #include "watchdog/watchdog.cpp"
+// NOLINTEND(readability-identifier-naming,bugprone-suspicious-include)
 #undef atomic
 #undef weir
 
