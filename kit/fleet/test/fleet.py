@@ -193,10 +193,10 @@ class Story:
     """The players of an address, and undisturbed ones that show how busy this machine is."""
 
     def __init__(self, fleet: Fleet, address: str, options: argparse.Namespace) -> None:
-        self.began, self.fleet, self.weirs = time.monotonic(), fleet, fleet.weirs
+        # `left`: how many streams failures have ended.
+        self.began, self.fleet, self.weirs, self.left = time.monotonic(), fleet, fleet.weirs, 0
         self.rates = [options.kbit * share for share in (500, 1000)]
         media = Channels(fleet.lab.www, self.rates, SECONDS, 2, 2, "http://~", "http://@", "http://@").start()
-        self.left = 0  # streams that a failure has ended
         self.audiences = [Audience(media, address, 80), Audience(media, CONTROL, client.WEIR)]
         self.audience, self.undisturbed = self.audiences
         self.undisturbed.loop = self.audience.loop  # they share a semaphore
@@ -272,10 +272,12 @@ def main(tell: Callable[[Lab, argparse.Namespace], object], players: int) -> Non
     parser.add_argument("--players", type=int, default=players)
     parser.add_argument("--kbit", type=int, default=200)
     parser.add_argument("--all", action="store_true")
+    options = parser.parse_args()
     own_network(mounts=True)
     with Lab("/dev/shm") as lab:
         try:
-            tell(lab, parser.parse_args())
+            tell(lab, options)
         except SystemExit:
-            subprocess.run("tail -n 20 said */log", shell=True, cwd=lab.work)
+            subprocess.run("tail -n 30 said; grep -aE 'FAILED|^Excep|invalid|should_finish|^no |^too many|"
+                           "failed' weir?/log | tail -n 40", shell=True, cwd=lab.work)
             raise

@@ -93,11 +93,10 @@ class Story(fleet.Story):
 
     def kill_edge(self) -> None:
         weir, shorts = self.weirs[busiest()[1]], self.total("shorts")
-        caches = set(weir.caches())
         self.fleet.lab.end(self.fleet.haproxies[weir.address], SIGKILL)
         self.wait_for(self.audience.seats, time.monotonic() + SECONDS)
         weir.start_edge()
-        wait_until("it to use the caches", lambda: set(weir.caches()) == caches)
+        wait_until("it to use the caches", lambda: set(weir.caches()) == {CACHE1, CACHE2})
         weir.run("fleet/weir-maps.service", "ExecStart").wait()
         self.cut = self.total("shorts") - shorts
 
