@@ -240,7 +240,7 @@ class Story:
         self.say(f"  players pause for {pause:.1f} s at most (undisturbed ones: {self.control():.1f} s)")
         check(pause < self.control() + longest, "that is too long")
 
-    def recover(self, seats: list[Seat], since: float, limit: float = SLACK) -> int:
+    def recover(self, seats: list[Seat], since: float, limit: float = SLACK) -> None:
         """They must have media of streams that began since then; older, silent streams are left."""
         def again() -> bool:
             old = [seat for seat in seats if not seat.playing() or seat.players[-1].started < since]
@@ -255,7 +255,6 @@ class Story:
         silence = max(new.first - old.last for old, new in pairs)
         self.say(f"  {len(seats)} players are without media for {silence:.1f} s at most")
         check(silence < limit + self.control(), f"that is too long; undisturbed ones: {self.control():.1f} s")
-        return len(seats)
 
     def everywhere(self, servers: str, act: Callable[[], object], limit: float = SLACK) -> None:
         """All weirs must log these servers for both maps."""

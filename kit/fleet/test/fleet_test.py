@@ -113,8 +113,8 @@ class Story(fleet.Story):
         (count, self.dead), began, before = busiest(), time.monotonic(), self.left
         self.weirs[self.dead].kill()
         wait_until("its players to lose it", lambda: self.lost() >= before + count)
-        seats = self.audience.seats + self.patient.seats
-        self.recover([seat for seat in seats if seat.lost and seat.lost[-1] > began], began, SLACK + LONG)
+        self.recover([seat for seat in self.audience.seats if seat.lost and seat.lost[-1] > began], began)
+        self.wait_for(self.patient.seats)
         check(self.left - before == count, f"{count} players lost {self.left - before} streams")
         return count
 
