@@ -2,6 +2,7 @@
 
 import socket
 import urllib.parse
+from collections.abc import Iterator
 
 WEIR = 7744  # weir's port is fixed
 
@@ -48,6 +49,15 @@ def ask(path: str, port: int = WEIR, timeout: float = 60) -> bytes:
     except ConnectionError:
         pass
     return bytes(answer)
+
+
+def receive(path: str, timeout: float) -> Iterator[bytes]:
+    """The body of weir's response, as far as it has come, again and again until the end."""
+    answer = bytearray()
+    with connect(path, timeout=timeout) as connection:
+        while piece := connection.recv(1 << 20):
+            answer += piece
+            yield answer.partition(b"\r\n\r\n")[2]
 
 
 def get(path: str) -> bytes:

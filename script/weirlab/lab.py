@@ -15,6 +15,7 @@ from typing import Any
 
 from weirlab import procfs
 from weirlab.client import WEIR, answers
+from weirlab.origin import make_certificate
 
 TOP = Path(__file__).resolve().parents[2]
 Process = subprocess.Popen[bytes]
@@ -39,6 +40,10 @@ server {{ listen 127.0.0.1:{port} backlog=4096; {server} }}
 CACHE = """limit_rate {rate}; sendfile_max_chunk 16k;
 location / {{ proxy_pass http://127.0.0.1:{upstream}; proxy_cache z; proxy_cache_valid 200 1m; }}
 location ~ [.]m3u8$ {{ proxy_pass http://127.0.0.1:{upstream}; }}"""
+
+ADAPTER = """{settings}
+proxy_ssl_trusted_certificate {pem};
+proxy_cache_path {folder}/t/cache keys_zone=weir:1m max_size=64m use_temp_path=off;"""
 
 
 def wait_until(what: str, condition: Callable[[], object], seconds: float = 20) -> None:
@@ -160,6 +165,20 @@ class Lab:
     def cache(self, name: str, port: int, upstream: int, rate: str = "0") -> Process:
         """`rate` is in bytes a second for each answer, 0 for no limit."""
         return self.nginx(name, port, CACHE.format(upstream=upstream, rate=rate))
+
+    def adapter(self, settings: str, held: int = 32) -> Path:
+        """An nginx with kit/adapter and kit/remux; returns the certificate that origin.test needs. `held`:
+        MiB of a segment that it can hold whole."""
+        folder = self.work / "adapter"
+        shutil.copytree(TOP / "kit/adapter", folder / "weir")
+        shutil.copy(TOP / "kit/remux/remux.conf", folder / "weir")
+        conf, pem = folder / "weir/adapter.conf", make_certificate(folder / "weir/pem", "DNS:origin.test")
+        conf.write_text(conf.read_text().replace("output_buffer_size 32m", f"output_buffer_size {held}m"))
+        (folder / "weir/settings.conf").write_text(ADAPTER.format(settings=settings, pem=pem, folder=folder))
+        self.nginx("adapter", 7760, "return 404;",
+                   top="load_module /usr/lib/nginx/modules/ngx_http_js_module.so;",
+                   http="error_log error.log; include weir/adapter.conf; include weir/remux.conf;")
+        return pem
 
     def weir(self, binary: Path, buffer: int, progress: bool = False, threads: int = 1) -> Process:
         """Cannot restart the machine. `progress`: log the standard output, too. `threads`: of an idle

@@ -7,6 +7,11 @@ from pathlib import Path
 from weirlab.lab import Lab
 
 KEY = bytes(range(1, 17))
+SECONDS, RATE = 10, 25  # of the film
+FILM = (f"-f lavfi -i testsrc2=size=160x90:rate={RATE}:duration={SECONDS} -f lavfi -i sine=duration={SECONDS}"
+        f" -g {RATE} -c:v libx264 -preset ultrafast -c:a aac")
+COUNT = ("ffprobe -v quiet -count_packets -select_streams v:0 -of csv=p=0"
+         " -show_entries stream=nb_read_packets -").split()
 FIRST = 1  # weir never fetches segment number 0
 
 
@@ -55,6 +60,18 @@ def master_playlist(variants: dict[str, int]) -> str:
 def ffmpeg(lab: Lab, *options: object) -> None:
     if lab.start(["ffmpeg", "-nostdin", "-v", "error", "-y", *options]).wait() != 0:
         raise SystemExit("ffmpeg could not make the video")
+
+
+def make_film(lab: Lab) -> Path:
+    """With sound."""
+    film = lab.work / "film.mp4"
+    ffmpeg(lab, *FILM.split(), film)
+    return film
+
+
+def frames(stream: bytes) -> int:
+    count = subprocess.run(COUNT, input=stream, stdout=subprocess.PIPE).stdout.split()
+    return int(count[0]) if count else 0
 
 
 def segments_in(folder: Path) -> list[Path]:

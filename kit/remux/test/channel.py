@@ -30,9 +30,8 @@ class Channel:
         self.lab, self.name, self.changes, self.folder = lab, name, changes, RUN / name
         probe = subprocess.run([KIT / "weir-remux", url], check=True, stdout=subprocess.PIPE, text=True)
         self.settings = dict(line.split("=", 1) for line in probe.stdout.splitlines())
-        self.units = {kind: self.read(unit) for kind, unit in (
-            ("ffmpeg", "weir-remux-ffmpeg@.service"), ("proxy", "weir-remux@.service"),
-            ("socket", "weir-remux@.socket"))}
+        self.units = {kind: self.read(f"weir-remux{unit}") for kind, unit in (
+            ("ffmpeg", "-ffmpeg@.service"), ("proxy", "@.service"), ("socket", "@.socket"))}
         self.listen()
 
     def read(self, unit: str) -> dict[str, str]:
@@ -53,7 +52,6 @@ class Channel:
         command = SYSTEMD.format(folder=self.folder, **self.units)
         self.process: Process = self.lab.start(
             ["systemd-socket-activate", "-E", f"SOURCE={self.settings['SOURCE']}", "-l", socket, "sh", "-c",
-             command],
-            stderr=(self.lab.work / "remux.log").open("ab"))
+             command], stderr=(self.lab.work / "remux.log").open("ab"))
         wait_until("the socket", socket.exists)
         socket.chmod(0o666)
