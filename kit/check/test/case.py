@@ -1,16 +1,15 @@
 """A case of cases.txt, and how it is served."""
 
 import functools
-import os
+
 import random
 import re
-import subprocess
 import sys
+import threading
 import time
 import zlib
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any
 
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parents[2] / "script"), str(HERE.parent)]
@@ -28,17 +27,17 @@ SHORT = {
     r"@(\w+)": r"#EXTINF:2,\n$H/\1.ts",
 }
 AS_IS = {"$H": "http://$O", "\\r": "\r", "\\e": "\x1b", "\\ufeff": "\ufeff"}
-MEDIA = "@media 1\n{}\n@end"
-WHOLE = {"master": "#EXTM3U\n{}", "low": MEDIA, "high": MEDIA}
+PACKET, NULL = 188, b"G\x1f\xff"
+WHOLE = {"master": "#EXTM3U\n{}\n"} | dict.fromkeys(("low", "high"), "@media 1\n{}\n@end\n")
 USUAL = {"/master": "#EXTM3U\n@variant 3000 /low\n", "/low": "@media 1\n@1\n@2\n@end\n"}
 
 
 def media(number: int) -> bytes:
-    """A valid PAT followed by random TS packets."""
+    """A valid PAT followed by random TS packets, more of them in segment 8."""
     table = bytes([0, 0xB0, 0x0D, 0, number, 0xC1, 0, 0, 0, 1, 0xF0, 0])
     table += mirrored((zlib.crc32(mirrored(table)) ^ 0xFFFFFFFF).to_bytes(4, "little"))
     return b"G\x40\x00\x10\0" + table.ljust(183, b"\xff") + b"".join(
-        b"G" + random.Random(number * 10 + i).randbytes(187) for i in range(3))
+        b"G" + random.Random(number * 10 + i).randbytes(187) for i in range(3000 if number == 8 else 3))
 
 
 @functools.cache
@@ -73,12 +72,22 @@ class Case:
     faults: dict[str, set[str]] = field(default_factory=dict)
     adapter: str = ""
     adapted: dict[str, str] = field(default_factory=dict)  # by path
+    away: str = ""
+    ffmpeg: str = ""
 
     @property
     def whole(self) -> bytes:
         """What a player that supports all of HLS gets."""
         names = "init.mp4 1.m4s" if self.plays == "mp4" else re.sub(r"\S+", r"\g<0>.ts", self.plays)
         return b"".join(usual(f"/{name}") for name in names.split())
+
+    def loss(self, got: bytes) -> int:
+        """0 if all was received, 1 if some, 2 if nothing. The adapter may add null packets."""
+        whole, size = self.whole, PACKET if self.whole[:1] == b"G" else len(self.whole)
+        parts = [whole[at:at + size] for at in range(0, len(whole), size)]
+        packets = [got[at:at + PACKET] for at in range(0, len(got), PACKET)]
+        clean = b"".join(packet for packet in packets if not packet.startswith(NULL))
+        return 0 if clean == whole else 1 if any(part in got for part in parts) else 2
 
     def file(self, path: str, seconds: float, host: str) -> bytes:
         """Its version that many seconds after its first request; empty if there is none."""
@@ -87,52 +96,30 @@ class Case:
         return written_out(text, host) or usual(path)
 
 
-def long_form(text: str) -> str:
-    """Of a case on one line."""
-    name, finds, *parts = text.split(" ; ")
-    for at, part in enumerate(parts):
+def read_case(line: str) -> Case:
+    name, finds, *parts = line.split(" ; ")
+    case = Case(name, finds=finds.strip("-"))
+    for part in parts:
         word, _, rest = part.partition(" ")
+        written, _, text = rest.replace("|", "\n").partition("= ")
+        faults, text = set(written.split()), text and text + "\n"
         if word in WHOLE:
-            part = f"--- /{word}\n" + WHOLE[word].format(rest)
+            case.texts[f"/{word}"] = {0: WHOLE[word].format(rest.replace("|", "\n"))}
+        elif word[0] == "+":
+            case.adapted[word[1:]] = text
         elif word[0] in "/:":
-            part = "--- " + part.replace(" = ", "\n", 1)
-        parts[at] = part.replace("|", "\n")
-    return "\n".join([name, "finds " + finds.strip("-"), *parts])
-
-
-def read_case(text: str) -> Case:
-    name, *lines = (long_form(text) if " ; " in text else text).split("\n")
-    case, texts = Case(name), dict[Any, str]()
-    at: str | float = 0.0
-    for line in lines:
-        word, _, rest = line.partition(" ")
-        if word == "---":
-            path, *faults = rest.split()
-            case.faults.setdefault(path, set()).update(faults)
-            texts = case.texts.setdefault(path, {})
-            at = max((float(fault[6:]) for fault in faults if fault.startswith("after=")), default=0.0)
-            texts[at] = ""
-        elif word == "+++":
-            texts, at = case.adapted, rest
-            texts[at] = ""
-        elif word in ("url", "args", "plays", "adapter", "finds"):
+            after = max((float(fault[6:]) for fault in faults if fault.startswith("after=")), default=0.0)
+            case.texts.setdefault(word, {})[after] = text
+            case.faults.setdefault(word, set()).update(faults)
+        else:
             setattr(case, word, rest)
-        elif texts:
-            texts[at] += line + "\n"
     return case
 
 
-def cases(path: Path = HERE / "cases.txt") -> list[Case]:
-    return [read_case(text) for text in re.split(r"\n+== ", path.read_text("utf-8").rstrip())[1:]]
-
-
-def make_certificate(pem: str, name: str) -> str:
-    """With its key; any user may read it."""
-    subprocess.run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=origin "
-                   f"-addext subjectAltName={name} -keyout {pem} -out {pem}".split(), check=True,
-                   stderr=subprocess.DEVNULL)
-    os.chmod(pem, 0o644)
-    return pem
+def cases(path: Path = HERE / "cases.txt") -> dict[str, Case]:
+    """By name."""
+    found = map(read_case, re.findall("^== (.*)", path.read_text("utf-8"), re.MULTILINE))
+    return {case.name: case for case in found}
 
 
 def serve(case: Case, address: str, port: int, certificate: str = "") -> None:
@@ -146,4 +133,8 @@ def serve(case: Case, address: str, port: int, certificate: str = "") -> None:
         now = time.monotonic()
         return case.file(at(path), now - began.setdefault(path, now), f"{address}:{port}")
 
-    Origin(port, read, lambda path: case.faults.get(at(path), ()), address, certificate)
+    arguments = port, read, lambda path: case.faults.get(at(path), ()), address, certificate
+    if case.away:
+        threading.Timer(float(case.away), Origin, arguments).start()
+    else:
+        Origin(*arguments)

@@ -22,7 +22,7 @@ from weirlab.origin import head_of
 PIECES = (b"\xb2\xb3", b"\x1b[2J", b"\0", b"\r", b"\n", b"\r\n\r\n", b"9" * 5000, b"-1", b"http://[",
           b"//\xff:x/", b":", b"=", b'"', b"#EXT-X-KEY:", b"#EXTINF:", b"#EXT-X-STREAM-INF:",
           b"HTTP/1.1 302 x\r\nLocation: ")
-CASES = [case for case in cases() if "--weir" not in case.args and not re.search(r"\d{4}[*^]", str(case))]
+CASES = [case for case in cases().values() if not re.search(r"--weir|\d{4}[*^]", str(case))]
 ASK_NJS = 0.02  # of the streams
 
 
@@ -41,8 +41,8 @@ class Connection(io.BytesIO):
 
     def changed(self, data: bytes) -> bytes:
         for _ in range(self.dice.choice((0, 0, 1, 2, 5))):
-            start = self.dice.choice([place.end() for place in re.finditer(rb"[:=, /\n]|^", data[:400])])
-            start += self.dice.choice((0, 0, 0, 1, 9))
+            places = [place.end() for place in re.finditer(rb"[:=, /\n]|^", data[:400])]
+            start = self.dice.choice(places) + self.dice.choice((0, 0, 0, 1, 9))
             end = start + self.dice.choice((0, 0, 1, 3, 99))
             pieces = b"", self.dice.randbytes(1), 2 * data[start:end], *PIECES
             data = data[:start] + self.dice.choice(pieces) + data[end:]

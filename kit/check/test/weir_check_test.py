@@ -6,7 +6,6 @@ of the command must mean that weir delivers every byte, 1 some, 2 and 3 none.
 """
 
 import contextlib
-import io
 import json
 import multiprocessing
 import os
@@ -21,63 +20,57 @@ from concurrent.futures import ProcessPoolExecutor, ThreadPoolExecutor
 from pathlib import Path
 from unittest import mock
 
-from case import Case, cases, make_certificate, serve
-from weir_check.main import LIMIT, main as weir_check, text_of
-from weirlab.client import connect, get, stream_path
+from case import Case, cases, serve
+from weir_check import main as weir_check
+from weirlab.client import get, receive, stream_path
 from weirlab.lab import TOP, Lab, is_idle, wait_until
 from weirlab.network import own_network
+from weirlab.origin import make_certificate
 
 # weir-check and weir each use a server of their own, so that neither affects the other.
 CHECKED, PLAYED = "127.0.0.2", "127.0.0.1"
-UNANSWERED = 8444  # a port
-AT_ONCE = 32  # cases; most only wait for weir to give up
-BUSY = multiprocessing.Semaphore(8)  # the others
-SILENCE = 30  # s; weir sends no more after 15 without data, even if it closes later
-LONG = r"10\.0\.0\.1|slow\.test|trickle"  # in cases that keep weir busy after the stream
+AT_ONCE = 64  # cases; most only wait for weir to give up
+BUSY = multiprocessing.Semaphore(12)  # the others
 
 
 def look_up(name: str) -> str:
-    time.sleep(2 * LIMIT if name == "slow.test" else 0)
+    time.sleep(2 * weir_check.LIMIT if name == "slow.test" else 0)
     return name
 
 
 def played(case: Case, url: str) -> int:
     """The exit status that would describe weir's response."""
-    got, whole = b"", case.whole
-    with contextlib.suppress(OSError), connect(stream_path(url), timeout=SILENCE) as weir:
-        while more := weir.recv(1 << 20):
-            got += more
-    got = got.partition(b"\r\n\r\n")[2]
-    size = 188 if whole[:1] == b"G" else len(whole)
-    parts = [whole[i:i + size] for i in range(0, len(whole), size)]
-    return 0 if got == whole else 1 if any(part in got for part in parts) else 2
+    got = b""
+    with contextlib.suppress(OSError):
+        for got in receive(stream_path(url), 30):  # s; weir sends nothing after 15 without data
+            pass
+    return case.loss(got)
 
 
 def said(case: Case, url: str) -> tuple[int, str]:
     """The exit status of the command, and its output if that is not the expected one."""
-    output, began = io.StringIO(), time.monotonic()
-    with contextlib.redirect_stdout(output):
-        status = weir_check(["--json", url, *case.args.split()])
-    took, result = time.monotonic() - began, json.loads(output.getvalue())
-    text, adapter, (expected, _, reason) = text_of(result), result["adapter"], case.adapter.partition(" ")
+    began = time.monotonic()
+    result = json.loads(json.dumps(weir_check.check(weir_check.arguments([url, *case.args.split()]))))
+    took, adapter, text = time.monotonic() - began, result["adapter"], weir_check.text_of(result)
+    expected, _, reason = case.adapter.partition(" ")
     right = (sorted({one["code"] for one in result["findings"]}) == sorted(case.finds.split())
-             and took < 2 * LIMIT and text.replace("\n", "").isprintable()
+             and took < 2 * weir_check.LIMIT and text.replace("\n", "").isprintable()
              and (adapter["plays"] or "put the adapter" not in text)
              and (not expected or adapter["plays"] is (expected == "plays") and reason in adapter["why"]))
-    return min(status, 2), "" if right else f"after {took:.0f} s it says\n{text}"
+    return min(result["status"], 2), "" if right else f"after {took:.0f} s it says\n{text}"
 
 
 def check(case: Case, program: Path, certificate: str) -> str:
     """A complaint, empty if all is well."""
     own_network()
     subprocess.run(["ip", "route", "add", "10.0.0.0/8", "dev", "lo"], check=True)  # never answers
-    names = mock.patch("socket.gethostbyname", look_up)
     for address in CHECKED, PLAYED:
         for port, proof in (8000, ""), (8001, ""), (8443, certificate):
             serve(case, address, port, proof)
     urls = [case.url.replace("$N", name) if "//" in case.url else f"http://{name}:8000{case.url}"
             for name in (CHECKED, PLAYED)]
-    with names, Lab() as lab, ThreadPoolExecutor() as pool, socket.create_server(("", UNANSWERED)):
+    with mock.patch("socket.gethostbyname", look_up), Lab() as lab, ThreadPoolExecutor() as pool, \
+            socket.create_server(("", 8444)):  # does not answer
         with BUSY:
             weir = lab.weir(program, 1000000)
             if "--weir" in case.args:  # the command compares with weir by itself
@@ -88,7 +81,7 @@ def check(case: Case, program: Path, certificate: str) -> str:
             status, text = said(case, urls[0])
         if player.result() != status:
             text += f"\nand its status is {status}, but weir's {player.result()}"
-        if not re.search(LONG, str(case)):
+        if not re.search(r"10\.0\.0\.1|slow\.test|trickle", str(case)):  # after which weir is busy
             wait_until("weir to be idle", lambda: is_idle(weir))
     return text
 
@@ -104,15 +97,15 @@ def check_installed(usr: str) -> None:
 
 
 def main(program: Path, names: list[str]) -> None:
-    chosen = [case for case in cases() if not names or case.name in names]
+    chosen = [case for name, case in cases().items() if not names or name in names]
     with tempfile.TemporaryDirectory() as folder:
         check_installed(folder)
-        certificate = os.environ["SSL_CERT_FILE"] = make_certificate(f"{folder}/pem", f"IP:{CHECKED}")
-        # Sessions of their own give the processes fair shares of a busy machine.
+        pem = os.environ["SSL_CERT_FILE"] = str(make_certificate(Path(folder, "pem"), f"IP:{CHECKED}"))
+        # Sessions of their own give the processes fair shares of a busy machine. Long cases come last.
         with ProcessPoolExecutor(AT_ONCE, initializer=os.setsid) as pool:
-            tasks = {case.name: pool.submit(check, case, program, certificate) for case in chosen}
-            texts = [f"== {name}\n{text}" for name, task in tasks.items()
-                     if (text := task.exception() or task.result())]
+            tasks = {case.name: pool.submit(check, case, program, pem) for case in chosen[::-1]}
+    texts = [f"== {name}\n{text}" for name, task in tasks.items()
+             if (text := task.exception() or task.result())]
     print(*texts, f"{len(chosen) - len(texts)} of {len(chosen)} cases as expected", sep="\n\n")
     sys.exit(bool(texts) or not chosen)
 
