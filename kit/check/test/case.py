@@ -1,7 +1,6 @@
 """A case of cases.txt, and how it is served."""
 
 import functools
-
 import random
 import re
 import sys
@@ -118,7 +117,8 @@ def read_case(line: str) -> Case:
 
 def cases(path: Path = HERE / "cases.txt") -> dict[str, Case]:
     """By name."""
-    found = map(read_case, re.findall("^== (.*)", path.read_text("utf-8"), re.MULTILINE))
+    found = [read_case(line) for line in re.findall("^== (.*)", path.read_text("utf-8"), re.MULTILINE)]
+    assert len({case.name for case in found}) == len(found), "two cases have one name"
     return {case.name: case for case in found}
 
 

@@ -101,7 +101,8 @@ def main(program: Path, names: list[str]) -> None:
     with tempfile.TemporaryDirectory() as folder:
         check_installed(folder)
         pem = os.environ["SSL_CERT_FILE"] = str(make_certificate(Path(folder, "pem"), f"IP:{CHECKED}"))
-        # Sessions of their own give the processes fair shares of a busy machine. Long cases come last.
+        # Sessions of their own give the processes fair shares of a busy machine.
+        # The longest cases, the last ones of the file, begin.
         with ProcessPoolExecutor(AT_ONCE, initializer=os.setsid) as pool:
             tasks = {case.name: pool.submit(check, case, program, pem) for case in chosen[::-1]}
     texts = [f"== {name}\n{text}" for name, task in tasks.items()
