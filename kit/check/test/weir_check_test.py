@@ -29,8 +29,8 @@ from weirlab.origin import make_certificate
 
 # weir-check and weir each use a server of their own, so that neither affects the other.
 CHECKED, PLAYED = "127.0.0.2", "127.0.0.1"
-AT_ONCE = 64  # cases; most only wait for weir to give up
-BUSY = multiprocessing.Semaphore(12)  # the others
+AT_ONCE = 32  # cases; most only wait for weir to give up
+BUSY = multiprocessing.Semaphore(8)  # the others
 
 
 def look_up(name: str) -> str:
@@ -102,9 +102,8 @@ def main(program: Path, names: list[str]) -> None:
         check_installed(folder)
         pem = os.environ["SSL_CERT_FILE"] = str(make_certificate(Path(folder, "pem"), f"IP:{CHECKED}"))
         # Sessions of their own give the processes fair shares of a busy machine.
-        # The longest cases, the last ones of the file, begin.
         with ProcessPoolExecutor(AT_ONCE, initializer=os.setsid) as pool:
-            tasks = {case.name: pool.submit(check, case, program, pem) for case in chosen[::-1]}
+            tasks = {case.name: pool.submit(check, case, program, pem) for case in chosen}
     texts = [f"== {name}\n{text}" for name, task in tasks.items()
              if (text := task.exception() or task.result())]
     print(*texts, f"{len(chosen) - len(texts)} of {len(chosen)} cases as expected", sep="\n\n")
