@@ -112,6 +112,8 @@ class Lab:
     def start(self, command: Sequence[object], **options: Any) -> Process:
         """`options` are Popen's."""
         options.setdefault("stdin", subprocess.DEVNULL)
+        if "env" in options and "WEIR_CHECK" in os.environ:  # by which script/check finds what is left
+            options["env"] = {"WEIR_CHECK": os.environ["WEIR_CHECK"], **options["env"]}
         # In a session of its own it gets no Ctrl-C, and weir's low priority cannot starve it: if the
         # kernel groups tasks by session, priorities only count within one.
         process = subprocess.Popen([str(word) for word in command], start_new_session=True, **options)
