@@ -1,5 +1,6 @@
 // Fails every fallible call of a short story once: at each call the process forks, and the call
 // fails in the child, which plays on and checks the outcome against the table of faults.
+// REFUSE_EVERY=n in the environment leaves out all but every n-th call.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 
 #include "support/world.h"
 
@@ -203,9 +205,11 @@ void play_twice(const Fault& fault) {
     shared->left = live_bytes - before;
     end_child();
   }
+  const char* const wanted = std::getenv("REFUSE_EVERY");
+  const int every = fault.every * (wanted == nullptr ? EVERY : std::atoi(wanted));
   int calls = 0;
   refuse(fault.call, [&] {
-    if (failed || testing::Test::HasFailure() || calls++ % (EVERY * fault.every) != 0) return 0;
+    if (failed || testing::Test::HasFailure() || calls++ % every != 0) return 0;
     failed = forks(60, fault.call, calls);
     return failed ? fault.error : 0;
   });
